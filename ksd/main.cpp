@@ -1,0 +1,123 @@
+// ksd: the shared-services daemon. Parses the command line, builds a Daemon
+// and serves until SIGTERM or SIGINT.
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <asio/signal_set.hpp>
+#include <cstdio>
+#include <exception>
+#include <optional>
+
+#include "OrvoLogging.h"
+#include "server/daemon.h"
+#include "server/state_dir.h"
+
+namespace {
+
+// Every client holds a descriptor here; take all the kernel allows us.
+void raiseDescriptorLimit() {
+    rlimit rl{};
+    if (::getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+        rl.rlim_cur = rl.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &rl);
+    }
+}
+
+// Detaches from the terminal. The parent exits once the child reports that
+// it listens (or failed), so "ksd && client" works.
+int daemonize(int& readyFd) {
+    int fds[2];
+    if (::pipe(fds) != 0) return -1;
+    const pid_t pid = ::fork();
+    if (pid < 0) return -1;
+    if (pid > 0) {
+        ::close(fds[1]);
+        char status = 1;
+        const bool got = ::read(fds[0], &status, 1) == 1;
+        ::_exit(got && status == 0 ? 0 : 1);
+    }
+    ::close(fds[0]);
+    ::setsid();
+    if (::fork() > 0) ::_exit(0);
+    ::umask(022);
+    if (::chdir("/") != 0) return -1;
+    const int null = ::open("/dev/null", O_RDWR);
+    if (null >= 0) {
+        ::dup2(null, STDIN_FILENO);
+        ::dup2(null, STDOUT_FILENO);
+        // stderr stays until the daemon is up, so start-up errors are seen.
+        if (null > STDERR_FILENO) ::close(null);
+    }
+    readyFd = fds[1];
+    return 0;
+}
+
+void reportReady(int& readyFd, bool ok) {
+    if (readyFd < 0) return;
+    const char status = ok ? 0 : 1;
+    [[maybe_unused]] auto n = ::write(readyFd, &status, 1);
+    ::close(readyFd);
+    readyFd = -1;
+    if (ok) {
+        const int null = ::open("/dev/null", O_WRONLY);
+        if (null >= 0) {
+            ::dup2(null, STDERR_FILENO);
+            if (null > STDERR_FILENO) ::close(null);
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"ksd: shared-services daemon (notifications, scheduler, locks, job status)"};
+    ksd::DaemonOptions options;
+    std::string stateDir;
+    std::optional<int> logLevel;
+    std::optional<int> tcpPort;
+    bool foreground = false;
+    app.add_option("--pipe", options.pipe, "abstract socket name, or a socket path when it contains '/'")
+        ->capture_default_str();
+    app.add_option("--tcp-port", tcpPort, "also listen on 127.0.0.1:N")->check(CLI::Range(0, 65535));
+    app.add_option("--state-dir", stateDir, "state directory (default /var/lib/ksd as root, else ~/.local/state/ksd)");
+    app.add_option("--log-level", logLevel, "log threshold: 1 problems, 4 failed requests, 9 everything")
+        ->check(CLI::Range(0, 9));
+    app.add_flag("--foreground", foreground, "stay in the foreground, log to stderr");
+    CLI11_PARSE(app, argc, argv);
+
+    if (logLevel) OrvoSupport::OrvoLogging::getInstance().setLogLevel(*logLevel);
+    if (tcpPort) options.tcpPort = *tcpPort;
+    options.stateDir = stateDir.empty() ? ksd::defaultStateDir() : std::filesystem::path(stateDir);
+    // Detaching changes to "/": relative paths are resolved against the caller's directory first.
+    std::error_code ec;
+    options.stateDir = std::filesystem::absolute(options.stateDir, ec).lexically_normal();
+    if (options.pipe.find('/') != std::string::npos)
+        options.pipe = std::filesystem::absolute(options.pipe, ec).lexically_normal().string();
+    raiseDescriptorLimit();
+
+    int readyFd = -1;
+    if (!foreground && daemonize(readyFd) != 0) {
+        std::perror("ksd: cannot detach");
+        return 1;
+    }
+    try {
+        ksd::Daemon daemon(std::move(options));
+        asio::signal_set signals(daemon.io(), SIGTERM, SIGINT);
+        signals.async_wait([&daemon](const std::error_code& ec, int) {
+            if (!ec) daemon.stop();
+        });
+        // A client that vanishes mid-write must not kill the daemon.
+        ::signal(SIGPIPE, SIG_IGN);
+        reportReady(readyFd, true);
+        daemon.run();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "ksd: %s\n", e.what());
+        reportReady(readyFd, false);
+        return 1;
+    }
+    return 0;
+}

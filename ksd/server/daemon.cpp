@@ -1,0 +1,67 @@
+#include "server/daemon.h"
+
+#include <asio/post.hpp>
+#include <utility>
+
+#include "OrvoLogging.h"
+#include "server/state_dir.h"
+#include "server/status_report.h"
+#include "services/service_context.h"
+
+namespace ksd {
+
+Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
+    if (options_.stateDir.empty()) options_.stateDir = defaultStateDir();
+    ensureStateDir(options_.stateDir);
+
+    auto notifier = std::make_unique<NotifierService>(io_, options_.notifier);
+    notifier_ = notifier.get();
+    registry_.add(std::move(notifier));
+    ServiceContext context{io_, *notifier_, options_.stateDir};
+    registerServices(registry_, context);
+
+    server_ = std::make_unique<Server>(io_, registry_, options_.server);
+    notifier_->setQueryAnswerer(
+        [this](std::string_view query) { return answerOperatorQuery(query, registry_, server_->connectionCount()); });
+    server_->listenPipe(options_.pipe);
+    if (options_.tcpPort >= 0) server_->listenTcp(static_cast<std::uint16_t>(options_.tcpPort));
+    server_->start();
+}
+
+Daemon::~Daemon() {
+    shutdown();
+    // Let the cancelled operations finish while everything they touch exists.
+    io_.restart();
+    io_.poll();
+    server_.reset();
+    registry_.clear();
+    io_.restart();
+    io_.poll();
+}
+
+void Daemon::run() {
+    if (options_.tcpPort >= 0) {
+        ORVO_LOG(1, "ksd: ready, listening on pipe '" << options_.pipe
+                                                      << "' and 127.0.0.1:" << static_cast<int>(server_->tcpPort()));
+    } else {
+        ORVO_LOG(1, "ksd: ready, listening on pipe '" << options_.pipe << "'");
+    }
+    io_.run();
+}
+
+void Daemon::stop() {
+    asio::post(io_, [this] {
+        shutdown();
+        io_.stop();
+    });
+}
+
+void Daemon::shutdown() {
+    if (shutDown_) return;
+    shutDown_ = true;
+    server_->stop();
+    notifier_->shutdown();
+    ORVO_LOG(9, "ksd: stopped serving");
+}
+
+}  // namespace ksd

@@ -1,0 +1,27 @@
+#ifndef KSD_SERVER_DAEMON_OPTIONS_H
+#define KSD_SERVER_DAEMON_OPTIONS_H
+
+// Everything a Daemon is built from: where it listens, where its state
+// lives, and its limits (tests shrink them).
+
+#include <filesystem>
+#include <string>
+
+#include "server/server_limits.h"
+#include "services/notifier/notifier_limits.h"
+
+namespace ksd {
+
+inline constexpr const char* kDefaultPipeName = "osm_ks_shrsvc";
+
+struct DaemonOptions {
+    std::string pipe = kDefaultPipeName;  // abstract name, or a socket path when it holds a '/'
+    int tcpPort = -1;                     // -1: no TCP; 0: any free port on 127.0.0.1
+    std::filesystem::path stateDir;       // created when missing
+    ServerLimits server;
+    NotifierLimits notifier;
+};
+
+}  // namespace ksd
+
+#endif

@@ -1,0 +1,81 @@
+#include "server/server.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <cerrno>
+
+#include "OrvoLogging.h"
+#include "server/connection.h"
+#include "server/peer_credentials.h"
+
+namespace ksd {
+
+namespace {
+constexpr std::size_t kReadBufferSize = 64 * 1024;
+}
+
+Server::Server(asio::io_context& io, const Registry& registry, const ServerLimits& limits)
+    : io_(io), registry_(registry), limits_(limits), manager_(limits_), readBuffer_(kReadBufferSize) {}
+
+Server::~Server() { stop(); }
+
+void Server::listenPipe(const std::string& name) {
+    const std::string path = isAbstractPipeName(name) ? std::string() : name;
+    listeners_.push_back(std::make_unique<Listener>(io_, pipeEndpoint(name), path,
+                                                    [this](GenericSocket s) { onAccept(std::move(s), true); }));
+}
+
+void Server::listenTcp(std::uint16_t port) {
+    auto listener = std::make_unique<Listener>(io_, loopbackTcpEndpoint(port), std::string(),
+                                               [this](GenericSocket s) { onAccept(std::move(s), false); });
+    const GenericEndpoint local = listener->localEndpoint();
+    const auto* in = reinterpret_cast<const sockaddr_in*>(local.data());
+    tcpPort_ = ntohs(in->sin_port);
+    listeners_.push_back(std::move(listener));
+}
+
+void Server::start() {
+    for (auto& l : listeners_) l->start();
+}
+
+void Server::stop() {
+    for (auto& l : listeners_) l->stop();
+    manager_.stopAll();
+}
+
+void Server::onAccept(GenericSocket socket, bool isUnix) {
+    PeerInfo peer;
+    peer.isUnix = isUnix;
+    peer.connectionId = nextConnectionId_++;
+    if (isUnix) {
+        if (auto cred = peerCredentials(socket.native_handle())) {
+            peer.pid = cred->pid;
+            peer.uid = cred->uid;
+            peer.gid = cred->gid;
+        }
+    } else {
+        int one = 1;
+        ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    }
+    const auto admission = manager_.admit(peer);
+    if (admission == ConnectionManager::Admission::OverTotalLimit) {
+        ORVO_LOG(4, "ksd: too many connections, closing a new one at once");
+        return;  // the socket closes as it goes out of scope
+    }
+    auto connection = std::make_shared<Connection>(std::move(socket), peer, manager_, registry_, limits_, readBuffer_);
+    ORVO_LOG(9, "ksd: connection " << static_cast<unsigned long>(peer.connectionId) << " from "
+                                   << (isUnix ? "pid " : "tcp ") << static_cast<int>(peer.pid) << " uid "
+                                   << static_cast<long>(peer.uid));
+    if (admission == ConnectionManager::Admission::OverUserLimit) {
+        ORVO_LOG(4, "ksd: user " << static_cast<long>(peer.uid) << " is over its connection limit");
+        manager_.add(connection, false);
+        connection->startRejected(
+            EDQUOT, "too many connections for this user (limit " + std::to_string(limits_.maxConnectionsPerUser) + ")");
+        return;
+    }
+    manager_.add(connection, true);
+    connection->start();
+}
+
+}  // namespace ksd

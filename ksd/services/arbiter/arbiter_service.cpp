@@ -1,0 +1,249 @@
+#include "services/arbiter/arbiter_service.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+#include "OrvoLogging.h"
+#include "protocol/json_text.h"
+
+namespace ksd {
+
+namespace {
+
+namespace Codec = OrvoNet::Codec;
+
+constexpr std::int64_t kTimedOut = -ETIMEDOUT;  // -110
+
+std::string longReply(std::int64_t value) {
+    std::string out;
+    Codec::putLong(out, value);
+    return out;
+}
+
+// Whether `caller` may free a lock taken by `holder`: the same user, or root.
+// A TCP client has no user: it may free only what a TCP client took.
+bool mayUnlock(const PeerInfo& caller, const PeerInfo& holder) {
+    if (caller.isUnix && caller.uid == 0) return true;
+    if (caller.isUnix != holder.isUnix) return false;
+    return !caller.isUnix || caller.uid == holder.uid;
+}
+
+}  // namespace
+
+ArbiterService::ArbiterService(asio::io_context& io, EventPublisher& events, ArbiterLimits limits,
+                               std::unique_ptr<ProcessMonitor> monitor)
+    : io_(io),
+      events_(events),
+      limits_(limits),
+      monitor_(monitor ? std::move(monitor) : std::make_unique<PidfdMonitor>(io)),
+      lockPlan_(fixedPlan({FieldKind::String, FieldKind::Long})),
+      unlockPlan_(fixedPlan({FieldKind::Long})) {}
+
+ArbiterService::~ArbiterService() {
+    // Pending timers and close handlers check `alive_` and stay away from us.
+    alive_.reset();
+    for (auto& [name, resource] : resources_)
+        for (Waiter& w : resource.waiters)
+            if (w.timer) w.timer->cancel();
+    for (auto& [pid, handles] : byProcess_) monitor_->unwatch(pid);
+}
+
+const FieldPlan* ArbiterService::plan(std::string_view request) const {
+    if (request == "TRVX_RA_LOCK") return &lockPlan_;
+    if (request == "TRVX_RA_UNLOCK") return &unlockPlan_;
+    return nullptr;
+}
+
+void ArbiterService::handle(Request& request) {
+    if (request.name == "TRVX_RA_LOCK") return lock(request);
+    if (request.name == "TRVX_RA_UNLOCK") return unlock(request);
+    request.responder->fail(ENOSYS, "Arbiter does not serve " + request.name);
+}
+
+void ArbiterService::lock(Request& request) {
+    const std::string& name = request.fields[0].text;
+    const std::int64_t ms = request.fields[1].integer;
+    Responder& responder = *request.responder;
+    if (name.size() > limits_.maxNameLength)
+        return responder.fail(EMSGSIZE, "resource name longer than " + std::to_string(limits_.maxNameLength) + " bytes");
+    if (name.empty()) return responder.reply(longReply(-EINVAL));
+    const auto held = heldByUser_.find(request.peer.uid);
+    if (held != heldByUser_.end() && held->second >= limits_.maxLocksPerUser)
+        return responder.fail(EDQUOT, "too many locks held by this user (limit " +
+                                          std::to_string(limits_.maxLocksPerUser) + ")");
+
+    Resource& resource = resources_[name];
+    if (!resource.holder) {
+        if (!grant(name, resource, request.peer, responder) && !resource.holder && resource.waiters.empty())
+            resources_.erase(name);
+        return;
+    }
+    if (ms == 0) return responder.reply(longReply(kTimedOut));
+
+    Waiter waiter;
+    waiter.id = ++lastWaiterId_;
+    waiter.peer = request.peer;
+    waiter.responder = request.responder;
+    const std::uint64_t id = waiter.id;
+    std::weak_ptr<char> alive = alive_;
+    if (ms > 0 && ms <= limits_.maxTimeoutMs) {
+        waiter.timer = std::make_unique<asio::steady_timer>(io_, std::chrono::milliseconds(ms));
+        waiter.timer->async_wait([this, alive, name, id](const std::error_code& ec) {
+            if (ec || alive.expired()) return;
+            waiterTimedOut(name, id);
+        });
+    }
+    resource.waiters.push_back(std::move(waiter));
+    // A waiter that hangs up leaves the queue (nobody would take the handle).
+    request.responder->onClose([this, alive, name, id] {
+        if (alive.expired()) return;
+        if (takeWaiter(name, id)) ORVO_LOG(9, "ksd: lock waiter for '" << name << "' left");
+    });
+}
+
+bool ArbiterService::grant(const std::string& name, Resource& resource, const PeerInfo& peer,
+                           Responder& responder) {
+    if (lastHandle_ >= std::numeric_limits<std::int32_t>::max()) {
+        // Clients read handles as 32-bit ints; rather refuse than reuse one.
+        responder.reply(longReply(-ENOSPC));
+        return false;
+    }
+    const bool watchable = peer.isUnix && peer.pid > 0;
+    if (watchable && byProcess_.find(peer.pid) == byProcess_.end()) {
+        const pid_t pid = peer.pid;
+        std::weak_ptr<char> alive = alive_;
+        const auto result = monitor_->watch(pid, [this, alive, pid] {
+            if (!alive.expired()) processEnded(pid);
+        });
+        if (result == ProcessMonitor::WatchResult::Gone) return false;
+        if (result == ProcessMonitor::WatchResult::Watching) byProcess_[pid];
+        // Unsupported: the lock lasts until unlocked, like a TCP client's.
+    }
+    const std::int64_t handle = ++lastHandle_;
+    resource.holder = Holder{handle, peer, std::chrono::steady_clock::now()};
+    handles_[handle] = name;
+    if (auto it = byProcess_.find(peer.pid); watchable && it != byProcess_.end()) it->second.insert(handle);
+    ++heldByUser_[peer.uid];
+    responder.reply(longReply(handle));
+    publish(name, kEventLocked);
+    return true;
+}
+
+void ArbiterService::unlock(Request& request) {
+    const std::int64_t handle = request.fields[0].integer;
+    auto it = handles_.find(handle);
+    if (it == handles_.end()) return request.responder->reply(longReply(-ENOENT));
+    const Holder& holder = *resources_.at(it->second).holder;
+    if (!mayUnlock(request.peer, holder.peer)) return request.responder->reply(longReply(-EPERM));
+    request.responder->reply(longReply(0));
+    release(handle, kEventUnlocked);
+}
+
+void ArbiterService::release(std::int64_t handle, std::int32_t eventCode) {
+    auto it = handles_.find(handle);
+    if (it == handles_.end()) return;
+    const std::string name = it->second;
+    handles_.erase(it);
+    Resource& resource = resources_.at(name);
+    const PeerInfo holder = resource.holder->peer;
+    resource.holder.reset();
+
+    if (auto u = heldByUser_.find(holder.uid); u != heldByUser_.end() && --u->second == 0) heldByUser_.erase(u);
+    if (auto p = byProcess_.find(holder.pid); holder.isUnix && p != byProcess_.end()) {
+        p->second.erase(handle);
+        if (p->second.empty()) {
+            monitor_->unwatch(holder.pid);
+            byProcess_.erase(p);
+        }
+    }
+    publish(name, eventCode);
+    grantNext(name);
+}
+
+void ArbiterService::grantNext(const std::string& name) {
+    auto it = resources_.find(name);
+    if (it == resources_.end()) return;
+    Resource& resource = it->second;
+    while (!resource.holder && !resource.waiters.empty()) {
+        Waiter next = std::move(resource.waiters.front());
+        resource.waiters.pop_front();
+        if (next.timer) next.timer->cancel();
+        if (!next.responder->isOpen()) continue;
+        grant(name, resource, next.peer, *next.responder);
+    }
+    if (!resource.holder && resource.waiters.empty()) resources_.erase(it);
+}
+
+std::optional<ArbiterService::Waiter> ArbiterService::takeWaiter(const std::string& name, std::uint64_t waiterId) {
+    auto it = resources_.find(name);
+    if (it == resources_.end()) return std::nullopt;
+    auto& queue = it->second.waiters;
+    for (auto w = queue.begin(); w != queue.end(); ++w) {
+        if (w->id != waiterId) continue;
+        Waiter taken = std::move(*w);
+        queue.erase(w);
+        if (taken.timer) taken.timer->cancel();
+        return taken;
+    }
+    return std::nullopt;
+}
+
+void ArbiterService::waiterTimedOut(const std::string& name, std::uint64_t waiterId) {
+    // Already granted or gone when the timer fired in the same loop turn.
+    if (auto waiter = takeWaiter(name, waiterId)) waiter->responder->reply(longReply(kTimedOut));
+}
+
+void ArbiterService::processEnded(pid_t pid) {
+    auto it = byProcess_.find(pid);
+    if (it == byProcess_.end()) return;
+    const std::set<std::int64_t> handles = it->second;
+    ORVO_LOG(4, "ksd: process " << static_cast<int>(pid) << " ended holding "
+                                << static_cast<unsigned long>(handles.size()) << " lock(s); releasing them");
+    for (std::int64_t handle : handles) release(handle, kEventHolderEnded);
+}
+
+void ArbiterService::publish(const std::string& resourceName, std::int32_t code) {
+    events_.publishEvent("OrvoRAEvent:" + resourceName + "$", resourceName, code);
+}
+
+std::size_t ArbiterService::waiting() const {
+    std::size_t n = 0;
+    for (const auto& [name, resource] : resources_) n += resource.waiters.size();
+    return n;
+}
+
+std::vector<StatusItem> ArbiterService::status() const {
+    return {{"locks_held", static_cast<std::int64_t>(handles_.size())},
+            {"lock_waiters", static_cast<std::int64_t>(waiting())}};
+}
+
+std::string ArbiterService::query(std::string_view what) const {
+    if (what != "locks") return {};
+    std::vector<const std::pair<const std::string, Resource>*> held;
+    for (const auto& entry : resources_)
+        if (entry.second.holder) held.push_back(&entry);
+    std::sort(held.begin(), held.end(), [](auto* a, auto* b) { return a->first < b->first; });
+    const auto now = std::chrono::steady_clock::now();
+    std::string out = "[";
+    for (std::size_t i = 0; i < held.size(); ++i) {
+        const auto& [name, resource] = *held[i];
+        const Holder& h = *resource.holder;
+        if (i != 0) out.push_back(',');
+        out += "{\"name\":";
+        appendJsonString(out, name);
+        out += ",\"handle\":" + std::to_string(h.handle);
+        if (h.peer.isUnix) {
+            out += ",\"pid\":" + std::to_string(h.peer.pid) + ",\"uid\":" + std::to_string(h.peer.uid);
+        } else {
+            out += ",\"pid\":null,\"uid\":null";
+        }
+        const auto heldMs = std::chrono::duration_cast<std::chrono::milliseconds>(now - h.since).count();
+        out += ",\"held_ms\":" + std::to_string(heldMs);
+        out += ",\"waiters\":" + std::to_string(resource.waiters.size()) + "}";
+    }
+    out.push_back(']');
+    return out;
+}
+
+}  // namespace ksd

@@ -1,0 +1,109 @@
+#ifndef KSD_SERVICES_ARBITER_ARBITER_SERVICE_H
+#define KSD_SERVICES_ARBITER_ARBITER_SERVICE_H
+
+// The "Arbiter" service: named locks. A free resource is granted at once
+// with a new handle (1.., never reused while the daemon runs); a held one
+// queues the caller first come, first served, for up to its time-out (-110
+// after it; 0 tries once; negative waits without limit), with timers on the
+// loop, never a blocked thread. A lock belongs to the process that took it:
+// when that process ends its locks are released (event code -1). A TCP
+// client has no process, its locks last until unlocked. Locks live in memory
+// only: they belong to live processes and do not survive a restart.
+
+#include <sys/types.h>
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "services/arbiter/process_monitor.h"
+#include "services/service.h"
+
+namespace ksd {
+
+struct ArbiterLimits {
+    std::size_t maxNameLength = 1024;     // resource names (EMSGSIZE beyond)
+    std::size_t maxLocksPerUser = 4096;   // held at once (EDQUOT beyond)
+    // Longer time-outs are taken as "without limit".
+    std::int64_t maxTimeoutMs = std::int64_t{100} * 365 * 24 * 3600 * 1000;
+};
+
+class ArbiterService final : public Service {
+public:
+    // Lock event codes (protocol.md §5).
+    static constexpr std::int32_t kEventLocked = 1;
+    static constexpr std::int32_t kEventUnlocked = 0;
+    static constexpr std::int32_t kEventHolderEnded = -1;
+
+    // `monitor` null: watch holders with pidfds on `io`.
+    ArbiterService(asio::io_context& io, EventPublisher& events, ArbiterLimits limits = {},
+                   std::unique_ptr<ProcessMonitor> monitor = nullptr);
+    ~ArbiterService() override;
+
+    std::string_view name() const override { return "Arbiter"; }
+    const FieldPlan* plan(std::string_view request) const override;
+    void handle(Request& request) override;
+    std::vector<StatusItem> status() const override;
+    // "locks": every held lock as a JSON array of objects, by resource name.
+    std::string query(std::string_view what) const override;
+
+    std::size_t locksHeld() const { return handles_.size(); }
+    std::size_t waiting() const;
+
+private:
+    struct Holder {
+        std::int64_t handle = 0;
+        PeerInfo peer;
+        std::chrono::steady_clock::time_point since;
+    };
+    struct Waiter {
+        std::uint64_t id = 0;
+        PeerInfo peer;
+        std::shared_ptr<Responder> responder;
+        std::unique_ptr<asio::steady_timer> timer;
+    };
+    struct Resource {
+        std::optional<Holder> holder;
+        std::deque<Waiter> waiters;
+    };
+
+    void lock(Request& request);
+    void unlock(Request& request);
+    // Grants `resource` to the requester; false when its process has already ended.
+    bool grant(const std::string& name, Resource& resource, const PeerInfo& peer, Responder& responder);
+    // Frees the lock of `handle`, publishes `eventCode`, hands the resource on.
+    void release(std::int64_t handle, std::int32_t eventCode);
+    void grantNext(const std::string& name);
+    // Takes a waiter out of its queue; null when it is no longer there.
+    std::optional<Waiter> takeWaiter(const std::string& name, std::uint64_t waiterId);
+    void waiterTimedOut(const std::string& name, std::uint64_t waiterId);
+    void processEnded(pid_t pid);
+    void publish(const std::string& resourceName, std::int32_t code);
+
+    asio::io_context& io_;
+    EventPublisher& events_;
+    ArbiterLimits limits_;
+    std::unique_ptr<ProcessMonitor> monitor_;
+    FieldPlan lockPlan_;
+    FieldPlan unlockPlan_;
+    std::unordered_map<std::string, Resource> resources_;
+    std::unordered_map<std::int64_t, std::string> handles_;         // held locks
+    std::unordered_map<pid_t, std::set<std::int64_t>> byProcess_;  // watched holders
+    std::unordered_map<uid_t, std::size_t> heldByUser_;
+    std::int64_t lastHandle_ = 0;
+    std::uint64_t lastWaiterId_ = 0;
+    std::shared_ptr<char> alive_ = std::make_shared<char>();
+};
+
+}  // namespace ksd
+
+#endif

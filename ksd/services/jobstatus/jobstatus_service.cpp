@@ -1,0 +1,143 @@
+#include "services/jobstatus/jobstatus_service.h"
+
+#include <cerrno>
+
+#include "OrvoLogging.h"
+#include "protocol/json_text.h"
+#include "store/schema.h"
+
+namespace ksd {
+
+namespace {
+
+namespace Codec = OrvoNet::Codec;
+using jobs::JobEvent;
+using jobs::Outcome;
+
+std::string longReply(std::int64_t value) {
+    std::string out;
+    Codec::putLong(out, value);
+    return out;
+}
+
+// MAP_JOB: id, count, then `count` app ids; the count is bounded before any
+// id is awaited, so a client cannot make the daemon collect an endless list.
+FieldPlan mapJobPlan(std::int64_t maxAppIds) {
+    return [maxAppIds](const std::vector<Value>& f) -> FieldSpec {
+        if (f.size() < 2) return FieldSpec{FieldKind::Long, 0, 0};
+        const std::int64_t count = f[1].integer;
+        if (count > maxAppIds) return FieldSpec{FieldKind::Invalid, 0, EMSGSIZE};
+        const std::uint64_t wanted = count > 0 ? static_cast<std::uint64_t>(count) : 0;
+        if (f.size() - 2 < wanted) return FieldSpec{FieldKind::Long, 0, 0};
+        return FieldSpec{FieldKind::Done, 0, 0};
+    };
+}
+
+}  // namespace
+
+JobStatusService::JobStatusService(EventPublisher& events, const std::filesystem::path& stateDir,
+                                   jobs::JobLimits limits)
+    : events_(events),
+      db_(store::openStateDatabase(stateDir)),
+      store_(std::make_unique<jobs::JobStore>(*db_)),
+      book_(std::make_unique<jobs::JobBook>(*store_, limits)),
+      stringPlan_(fixedPlan({FieldKind::String})),
+      twoStringPlan_(fixedPlan({FieldKind::String, FieldKind::String})),
+      idPlan_(fixedPlan({FieldKind::Long})),
+      twoLongPlan_(fixedPlan({FieldKind::Long, FieldKind::Long})),
+      emptyPlan_(fixedPlan({})),
+      mapPlan_(mapJobPlan(limits.maxAppIds)) {
+    ORVO_LOG(4, "ksd: JobStatus: " << static_cast<unsigned long>(book_->size()) << " stored jobs loaded");
+}
+
+JobStatusService::~JobStatusService() = default;
+
+const FieldPlan* JobStatusService::plan(std::string_view request) const {
+    if (request == "TRVX_JS_CREATE") return &twoStringPlan_;
+    if (request == "TRVX_JS_LOOKUP") return &stringPlan_;
+    if (request == "TRVX_JS_MAP_JOB") return &mapPlan_;
+    if (request == "TRVX_JS_DELETE" || request == "TRVX_JS_GET_PROGRESS" || request == "TRVX_JS_CANCEL")
+        return &idPlan_;
+    if (request == "TRVX_JS_SET_PROGRESS") return &twoLongPlan_;
+    if (request == "TRVX_JS_GET_ALL_PROGRESS") return &emptyPlan_;
+    return nullptr;
+}
+
+void JobStatusService::handle(Request& request) {
+    const std::string& r = request.name;
+    auto& f = request.fields;
+    Responder& responder = *request.responder;
+
+    // Reading needs no identity.
+    if (r == "TRVX_JS_LOOKUP") return responder.reply(longReply(book_->lookup(f[0].text)));
+    if (r == "TRVX_JS_GET_PROGRESS") return responder.reply(longReply(book_->progress(f[0].integer)));
+    if (r == "TRVX_JS_GET_ALL_PROGRESS")
+        return responder.reply(longReply(static_cast<std::int64_t>(book_->size())));
+
+    // Changing does: ownership rests on the peer's user id.
+    if (!request.peer.isUnix) return responder.fail(EACCES, "a TCP client may read jobs but not change them");
+    const uid_t uid = request.peer.uid;
+    if (r == "TRVX_JS_CREATE") {
+        const std::string& description = f[0].text;
+        const std::string& jobName = f[1].text;
+        const auto& limits = book_->limits();
+        if (jobName.size() > limits.maxNameLength)
+            return responder.fail(EMSGSIZE, "job name longer than " + std::to_string(limits.maxNameLength) + " bytes");
+        if (description.size() > limits.maxDescriptionLength)
+            return responder.fail(EMSGSIZE, "job description longer than " +
+                                                std::to_string(limits.maxDescriptionLength) + " bytes");
+        return answer(request, book_->create(description, jobName, uid));
+    }
+    if (r == "TRVX_JS_MAP_JOB") {
+        std::vector<std::int64_t> appIds;
+        appIds.reserve(f.size() - 2);
+        for (std::size_t i = 2; i < f.size(); ++i) appIds.push_back(f[i].integer);
+        return answer(request, book_->mapAppIds(f[0].integer, std::move(appIds), uid));
+    }
+    if (r == "TRVX_JS_DELETE") return answer(request, book_->remove(f[0].integer, uid));
+    if (r == "TRVX_JS_SET_PROGRESS") return answer(request, book_->setProgress(f[0].integer, f[1].integer, uid));
+    if (r == "TRVX_JS_CANCEL") return answer(request, book_->cancel(f[0].integer, uid));
+    responder.fail(ENOSYS, "JobStatus does not serve " + r);
+}
+
+void JobStatusService::answer(Request& request, const Outcome& outcome) {
+    // The caller hears of its change before subscribers do; both follow the store.
+    request.responder->reply(longReply(outcome.reply));
+    publish(outcome);
+}
+
+void JobStatusService::publish(const Outcome& outcome) {
+    if (outcome.events.empty()) return;
+    const std::string eventName = "OrvoJSEvent:" + outcome.jobName + "$";
+    for (JobEvent e : outcome.events) events_.publishEvent(eventName, outcome.jobName, static_cast<std::int32_t>(e));
+}
+
+std::vector<StatusItem> JobStatusService::status() const {
+    return {{"jobs", static_cast<std::int64_t>(book_->size())}};
+}
+
+std::string JobStatusService::query(std::string_view what) const {
+    if (what != "jobs") return {};
+    std::string out = "[";
+    bool first = true;
+    for (const auto& [id, job] : book_->all()) {
+        if (!first) out.push_back(',');
+        first = false;
+        out += "{\"id\":" + std::to_string(id) + ",\"name\":";
+        appendJsonString(out, job.name);
+        out += ",\"description\":";
+        appendJsonString(out, job.description);
+        out += ",\"progress\":" + std::to_string(job.progress) + ",\"state\":";
+        appendJsonString(out, jobs::stateName(job.state));
+        out += ",\"owner_uid\":" + std::to_string(job.owner) + ",\"app_ids\":[";
+        for (std::size_t i = 0; i < job.appIds.size(); ++i) {
+            if (i != 0) out.push_back(',');
+            out += std::to_string(job.appIds[i]);
+        }
+        out += "]}";
+    }
+    out.push_back(']');
+    return out;
+}
+
+}  // namespace ksd

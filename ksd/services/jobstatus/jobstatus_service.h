@@ -1,0 +1,50 @@
+#ifndef KSD_SERVICES_JOBSTATUS_JOBSTATUS_SERVICE_H
+#define KSD_SERVICES_JOBSTATUS_JOBSTATUS_SERVICE_H
+
+// The "JobStatus" service: the eight job requests of the client library,
+// jobs kept in the state database (they survive restarts), and the events
+// "OrvoJSEvent:<name>$" for every change. A TCP client (no identity) may
+// read jobs but not create or change them (EACCES).
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "services/jobstatus/job_book.h"
+#include "services/jobstatus/job_store.h"
+#include "services/service.h"
+#include "store/database.h"
+
+namespace ksd {
+
+class JobStatusService final : public Service {
+public:
+    // Opens (or creates) the database in `stateDir`. Throws store::StoreError.
+    JobStatusService(EventPublisher& events, const std::filesystem::path& stateDir, jobs::JobLimits limits = {});
+    ~JobStatusService() override;
+
+    std::string_view name() const override { return "JobStatus"; }
+    const FieldPlan* plan(std::string_view request) const override;
+    void handle(Request& request) override;
+    std::vector<StatusItem> status() const override;
+    // "jobs": every live job as a JSON array of objects, in id order.
+    std::string query(std::string_view what) const override;
+
+    const jobs::JobBook& book() const { return *book_; }
+
+private:
+    void publish(const jobs::Outcome& outcome);
+    void answer(Request& request, const jobs::Outcome& outcome);
+
+    EventPublisher& events_;
+    std::unique_ptr<store::Database> db_;
+    std::unique_ptr<jobs::JobStore> store_;
+    std::unique_ptr<jobs::JobBook> book_;
+    FieldPlan stringPlan_, twoStringPlan_, idPlan_, twoLongPlan_, emptyPlan_, mapPlan_;
+};
+
+}  // namespace ksd
+
+#endif

@@ -1,0 +1,264 @@
+#include "services/notifier/notifier_service.h"
+
+#include <algorithm>
+#include <asio/post.hpp>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "OrvoCodec.h"
+#include "OrvoLogging.h"
+#include "protocol/json_text.h"
+#include "services/notifier/callback_address.h"
+#include "services/notifier/operator_query.h"
+#include "services/notifier/push_frame.h"
+
+namespace ksd {
+
+namespace Codec = OrvoNet::Codec;
+
+namespace {
+
+constexpr std::string_view kRegister = "TRVX_NN_REGISTER";
+constexpr std::string_view kUnregister = "TRVX_NN_UNREGISTER";
+constexpr std::string_view kNotify = "TRVX_NN_NOTIFY";
+constexpr std::string_view kDaemonSender = "ksd";
+
+std::string intReply(std::int32_t v) {
+    std::string out;
+    Codec::putInt(out, v);
+    return out;
+}
+
+std::string longReply(std::int64_t v) {
+    std::string out;
+    Codec::putLong(out, v);
+    return out;
+}
+
+}  // namespace
+
+NotifierService::NotifierService(asio::io_context& io, NotifierLimits limits)
+    : io_(io),
+      limits_(limits),
+      registerPlan_(fixedPlan({FieldKind::String, FieldKind::String, FieldKind::Int})),
+      unregisterPlan_(fixedPlan({FieldKind::String, FieldKind::Int})),
+      table_(limits_.maxSubscriptionsPerUser) {
+    // sender, event, text, long n, then n raw bytes: the whole push payload
+    // must stay within what a push frame and one subscriber's queue can hold.
+    notifyPlan_ = [this](const std::vector<Value>& f) -> FieldSpec {
+        if (f.size() < 3) return {FieldKind::String, 0, 0};
+        if (f.size() == 3) return {FieldKind::Long, 0, 0};
+        if (f.size() > 4) return {FieldKind::Done, 0, 0};
+        const std::uint64_t overhead =
+            3 * Codec::kStringHeaderSize + f[0].text.size() + f[1].text.size() + f[2].text.size() + 9;
+        const std::uint64_t cap = std::min<std::uint64_t>(
+            {limits_.maxPayload, Codec::kMaxPushPayload,
+             limits_.maxQueuedBytes > kFrameHeaderSize ? limits_.maxQueuedBytes - kFrameHeaderSize : 0});
+        const std::int64_t n = f[3].integer;
+        if (n < 0 || overhead > cap || static_cast<std::uint64_t>(n) > cap - overhead)
+            return {FieldKind::Invalid, 0, EMSGSIZE};
+        return {FieldKind::Raw, static_cast<std::uint64_t>(n), 0};
+    };
+}
+
+NotifierService::~NotifierService() { shutdown(); }
+
+const FieldPlan* NotifierService::plan(std::string_view request) const {
+    if (request == kRegister) return &registerPlan_;
+    if (request == kUnregister) return &unregisterPlan_;
+    if (request == kNotify) return &notifyPlan_;
+    return nullptr;
+}
+
+void NotifierService::handle(Request& request) {
+    if (request.name == kRegister)
+        handleRegister(request);
+    else if (request.name == kUnregister)
+        handleUnregister(request);
+    else
+        handleNotify(request);
+}
+
+void NotifierService::handleRegister(Request& request) {
+    std::string& event = request.fields[0].text;
+    const std::string& address = request.fields[1].text;
+    const auto callbackId = static_cast<std::int32_t>(request.fields[2].integer);
+    const uid_t uid = request.peer.uid;
+    if (event.size() > limits_.maxEventNameLength) {
+        request.responder->fail(EMSGSIZE, "event name longer than " + std::to_string(limits_.maxEventNameLength));
+        return;
+    }
+    CallbackAddress parsed;
+    switch (parseCallbackAddress(address, parsed)) {
+        case AddressCheck::Malformed:
+            request.responder->reply(intReply(-EINVAL));
+            return;
+        case AddressCheck::NotLocal:
+            request.responder->fail(EACCES, "callback address '" + address + "' is not on this machine");
+            return;
+        case AddressCheck::Ok:
+            break;
+    }
+    if (parsed.kind == CallbackAddress::Kind::Pipe && !request.peer.isUnix) {
+        // Nothing could vouch that the listening process is this client's.
+        request.responder->fail(EACCES, "a TCP client may only register a socket: callback address");
+        return;
+    }
+    const SubscriptionKey key{address, callbackId};
+    if (const Subscription* existing = table_.find(key); existing && existing->owner != uid && uid != 0) {
+        request.responder->reply(intReply(-1));
+        return;
+    }
+    if (table_.add(key, std::move(event), uid) == SubscriptionTable::AddResult::OverLimit) {
+        request.responder->fail(EDQUOT, "too many subscriptions for this user (limit " +
+                                            std::to_string(limits_.maxSubscriptionsPerUser) + ")");
+        return;
+    }
+    ORVO_LOG(9, "ksd: notifier: subscribed " << address << " id " << callbackId << " to '" << table_.find(key)->event
+                                             << "'");
+    request.responder->reply(intReply(0));
+}
+
+void NotifierService::handleUnregister(Request& request) {
+    const SubscriptionKey key{request.fields[0].text, static_cast<std::int32_t>(request.fields[1].integer)};
+    const Subscription* existing = table_.find(key);
+    if (existing == nullptr) {
+        request.responder->reply(intReply(-ENOENT));
+        return;
+    }
+    if (existing->owner != request.peer.uid && request.peer.uid != 0) {
+        request.responder->reply(intReply(-1));
+        return;
+    }
+    table_.remove(key);
+    ORVO_LOG(9, "ksd: notifier: unsubscribed " << key.address << " id " << key.callbackId);
+    request.responder->reply(intReply(0));
+}
+
+void NotifierService::handleNotify(Request& request) {
+    const std::string& sender = request.fields[0].text;
+    const std::string& event = request.fields[1].text;
+    const std::string& text = request.fields[2].text;
+    const std::string& payload = request.fields[4].text;
+    if (event == kQueryEvent) {
+        handleQuery(request, text, payload);
+        return;
+    }
+    if (isDaemonEventName(event)) {
+        request.responder->fail(EACCES, "event '" + event + "' is published by the daemon only");
+        return;
+    }
+    const std::size_t queued = publish(sender, event, text, payload);
+    request.responder->reply(longReply(static_cast<std::int64_t>(queued)));
+}
+
+void NotifierService::handleQuery(Request& request, const std::string& query, const std::string& token) {
+    if (!isValidQueryToken(token)) {
+        request.responder->reply(longReply(0));
+        return;
+    }
+    request.responder->reply(longReply(1));
+    // Answered after the reply, on a later turn of the loop.
+    asio::post(io_, [this, query, event = replyEventName(token)] {
+        std::string answer = answerer_ ? answerer_(query) : std::string();
+        if (answer.empty()) answer = "{\"error\":" + jsonString("unknown query '" + query + "'") + "}";
+        publish(kDaemonSender, event, answer, {});
+    });
+}
+
+std::size_t NotifierService::publish(std::string_view sender, std::string_view event, std::string_view text,
+                                     std::string_view payload) {
+    if (shutDown_) return 0;
+    ++published_;
+    std::shared_ptr<const std::string> encoded;
+    std::size_t queued = 0;
+    table_.forEachSubscriber(event, [&](const SubscriptionKey& key, const Subscription& sub) {
+        if (!encoded) encoded = std::make_shared<const std::string>(encodeNotification(sender, event, text, payload));
+        PushChannel* channel = channelFor(key.address);
+        if (channel != nullptr && channel->push(key.callbackId, sub.owner, encoded))
+            ++queued;
+        else
+            ++queueDrops_;
+    });
+    return queued;
+}
+
+void NotifierService::publishEvent(const std::string& eventName, const std::string& text, std::int32_t code) {
+    char payload[sizeof code];
+    std::memcpy(payload, &code, sizeof code);  // native order, as the subscribers read it
+    publish(kDaemonSender, eventName, text, std::string_view(payload, sizeof payload));
+}
+
+PushChannel* NotifierService::channelFor(const std::string& address) {
+    auto it = channels_.find(address);
+    if (it != channels_.end()) return it->second.get();
+    CallbackAddress parsed;
+    if (parseCallbackAddress(address, parsed) != AddressCheck::Ok) return nullptr;
+    auto channel =
+        std::make_shared<PushChannel>(io_, address, std::move(parsed), limits_, static_cast<PushChannelOwner&>(*this));
+    return channels_.emplace(address, std::move(channel)).first->second.get();
+}
+
+void NotifierService::channelFailed(PushChannel& channel, const std::string& reason) {
+    const std::string address = channel.address();
+    const std::size_t dropped = table_.removeAddress(address);
+    ORVO_LOG(4, "ksd: notifier: dropped " << static_cast<unsigned long>(dropped) << " subscriptions of " << address
+                                          << " (" << reason << ")");
+    channels_.erase(address);
+}
+
+void NotifierService::channelIdle(PushChannel& channel) {
+    if (table_.countForAddress(channel.address()) != 0) return;
+    const std::string address = channel.address();
+    channel.close();
+    channels_.erase(address);
+}
+
+void NotifierService::subscriberRefused(PushChannel& channel, std::int32_t callbackId, uid_t owner) {
+    const SubscriptionKey key{channel.address(), callbackId};
+    const Subscription* sub = table_.find(key);
+    if (sub == nullptr || sub->owner != owner) return;
+    ORVO_LOG(4, "ksd: notifier: " << key.address << " does not belong to uid " << static_cast<long>(owner)
+                                  << ", dropping subscription " << callbackId);
+    table_.remove(key);
+}
+
+void NotifierService::shutdown() {
+    shutDown_ = true;
+    auto channels = std::move(channels_);
+    channels_.clear();
+    for (auto& [address, channel] : channels) channel->close();
+}
+
+std::vector<StatusItem> NotifierService::status() const {
+    std::int64_t connected = 0;
+    std::int64_t queued = 0;
+    for (const auto& [address, channel] : channels_) {
+        if (channel->connected()) ++connected;
+        queued += static_cast<std::int64_t>(channel->queuedFrames());
+    }
+    return {{"subscriptions", static_cast<std::int64_t>(table_.size())},
+            {"queue_drops", static_cast<std::int64_t>(queueDrops_)},
+            {"push_connections", connected},
+            {"queued_notifications", queued},
+            {"notifications", static_cast<std::int64_t>(published_)}};
+}
+
+std::string NotifierService::query(std::string_view what) const {
+    if (what != "subscriptions") return {};
+    std::string out = "[";
+    for (const auto& [key, sub] : table_.all()) {
+        if (out.size() > 1) out.push_back(',');
+        out += "{\"event\":";
+        appendJsonString(out, sub.event);
+        out += ",\"address\":";
+        appendJsonString(out, key.address);
+        out += ",\"id\":" + std::to_string(key.callbackId);
+        out += ",\"uid\":" + std::to_string(static_cast<long>(static_cast<std::int32_t>(sub.owner))) + "}";
+    }
+    out.push_back(']');
+    return out;
+}
+
+}  // namespace ksd

@@ -1,0 +1,73 @@
+#ifndef KSD_SERVICES_NOTIFIER_NOTIFIER_SERVICE_H
+#define KSD_SERVICES_NOTIFIER_NOTIFIER_SERVICE_H
+
+// The notification network ("Notifier"): subscriptions by event name, and
+// asynchronous delivery, in publication order per callback address, over one
+// push connection per address. Also the daemon's own event publisher and the
+// carrier of operator queries.
+
+#include <asio/io_context.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "services/notifier/notifier_limits.h"
+#include "services/notifier/push_channel.h"
+#include "services/notifier/subscription_table.h"
+#include "services/service.h"
+
+namespace ksd {
+
+class NotifierService final : public Service, public EventPublisher, private PushChannelOwner {
+public:
+    // Answers an operator query ("status", "jobs", ...) as one JSON value.
+    using QueryAnswerer = std::function<std::string(std::string_view query)>;
+
+    explicit NotifierService(asio::io_context& io, NotifierLimits limits = {});
+    ~NotifierService() override;
+
+    std::string_view name() const override { return "Notifier"; }
+    const FieldPlan* plan(std::string_view request) const override;
+    void handle(Request& request) override;
+    std::vector<StatusItem> status() const override;
+    std::string query(std::string_view what) const override;
+
+    void publishEvent(const std::string& eventName, const std::string& text, std::int32_t code) override;
+
+    // Queues a notification for every subscriber of `event`; returns how many took it.
+    std::size_t publish(std::string_view sender, std::string_view event, std::string_view text,
+                        std::string_view payload);
+    void setQueryAnswerer(QueryAnswerer answerer) { answerer_ = std::move(answerer); }
+    // Closes every push connection; later publications go nowhere.
+    void shutdown();
+
+private:
+    void handleRegister(Request& request);
+    void handleUnregister(Request& request);
+    void handleNotify(Request& request);
+    void handleQuery(Request& request, const std::string& query, const std::string& token);
+    PushChannel* channelFor(const std::string& address);
+
+    void channelFailed(PushChannel& channel, const std::string& reason) override;
+    void channelIdle(PushChannel& channel) override;
+    void subscriberRefused(PushChannel& channel, std::int32_t callbackId, uid_t owner) override;
+
+    asio::io_context& io_;
+    NotifierLimits limits_;
+    FieldPlan registerPlan_;
+    FieldPlan unregisterPlan_;
+    FieldPlan notifyPlan_;
+    SubscriptionTable table_;
+    std::unordered_map<std::string, std::shared_ptr<PushChannel>> channels_;
+    QueryAnswerer answerer_;
+    std::uint64_t queueDrops_ = 0;
+    std::uint64_t published_ = 0;
+    bool shutDown_ = false;
+};
+
+}  // namespace ksd
+
+#endif

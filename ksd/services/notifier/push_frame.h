@@ -1,0 +1,24 @@
+#ifndef KSD_SERVICES_NOTIFIER_PUSH_FRAME_H
+#define KSD_SERVICES_NOTIFIER_PUSH_FRAME_H
+
+// The bytes of a callback push: a frame header (tagged int callback id,
+// tagged int payload length) and, for a notification, the payload that the
+// subscriber's callback reads (sender, event, text, long n, n raw bytes).
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace ksd {
+
+inline constexpr std::size_t kFrameHeaderSize = 10;
+using FrameHeader = std::array<char, kFrameHeaderSize>;
+
+FrameHeader frameHeader(std::int32_t callbackId, std::uint32_t payloadLength);
+std::string encodeNotification(std::string_view sender, std::string_view event, std::string_view text,
+                               std::string_view payload);
+
+}  // namespace ksd
+
+#endif

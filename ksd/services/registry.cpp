@@ -1,0 +1,42 @@
+#include "services/registry.h"
+
+#include <stdexcept>
+#include <string>
+
+// One include per service.
+#include "services/arbiter/arbiter_service.h"
+#include "services/jobstatus/jobstatus_service.h"
+
+namespace ksd {
+
+Service& Registry::add(std::unique_ptr<Service> service) {
+    if (!service) throw std::invalid_argument("Registry::add: null service");
+    if (find(service->name()) != nullptr)
+        throw std::logic_error("Registry::add: service '" + std::string(service->name()) + "' registered twice");
+    services_.push_back(std::move(service));
+    return *services_.back();
+}
+
+Service* Registry::find(std::string_view service) const {
+    for (const auto& s : services_)
+        if (s->name() == service) return s.get();
+    return nullptr;
+}
+
+const FieldPlan* Registry::plan(std::string_view service, std::string_view request) const {
+    Service* s = find(service);
+    return s != nullptr ? s->plan(request) : nullptr;
+}
+
+void Registry::clear() {
+    while (!services_.empty()) services_.pop_back();
+}
+
+void registerServices(Registry& registry, ServiceContext& context) {
+    // One line per service, e.g.
+    //   registry.add(std::make_unique<ArbiterService>(context));
+    registry.add(std::make_unique<ArbiterService>(context.io, context.events));
+    registry.add(std::make_unique<JobStatusService>(context.events, context.stateDir));
+}
+
+}  // namespace ksd

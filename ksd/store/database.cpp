@@ -1,0 +1,99 @@
+#include "store/database.h"
+
+#include <sqlite3.h>
+
+#include "OrvoLogging.h"
+#include "store/store_error.h"
+
+namespace ksd::store {
+
+namespace {
+
+// Two daemons wrongly sharing one state directory wait this long for each
+// other's short transactions instead of failing at once.
+constexpr int kBusyTimeoutMs = 2000;
+
+}  // namespace
+
+Database::Database(const std::filesystem::path& file, Durability durability) : file_(file) {
+    // NOMUTEX: the loop's thread is the only user, SQLite need not lock for us.
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    const int rc = sqlite3_open_v2(file_.c_str(), &db_, flags, nullptr);
+    if (rc != SQLITE_OK) {
+        const std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw StoreError("cannot open database " + file_.string() + ": " + message, rc);
+    }
+    try {
+        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+        sqlite3_extended_result_codes(db_, 1);
+        // Reading the journal mode also proves the file is a database.
+        const std::string mode = pragma("journal_mode=WAL");
+        if (mode != "wal") throw StoreError("database " + file_.string() + " refuses WAL mode (" + mode + ")", 0);
+        exec(durability == Durability::Full ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+        exec("PRAGMA foreign_keys=ON");
+    } catch (...) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw;
+    }
+}
+
+Database::~Database() {
+    statements_.clear();
+    if (db_ != nullptr && sqlite3_close(db_) != SQLITE_OK) {
+        ORVO_LOG(1, "ksd: closing database " << file_.string() << " failed: " << sqlite3_errmsg(db_));
+    }
+}
+
+void Database::exec(std::string_view sql) {
+    const std::string text(sql);
+    char* error = nullptr;
+    const int rc = sqlite3_exec(db_, text.c_str(), nullptr, nullptr, &error);
+    if (rc != SQLITE_OK) {
+        const std::string message = error != nullptr ? error : sqlite3_errstr(rc);
+        sqlite3_free(error);
+        throw StoreError("sqlite exec failed (" + message + ") in: " + text, rc);
+    }
+}
+
+Statement& Database::cached(std::string_view sql) {
+    auto it = statements_.find(std::string(sql));
+    if (it == statements_.end()) {
+        it = statements_.emplace(std::string(sql), std::make_unique<Statement>(db_, sql)).first;
+    } else {
+        it->second->reset();
+    }
+    return *it->second;
+}
+
+std::int64_t Database::lastInsertId() const { return sqlite3_last_insert_rowid(db_); }
+
+std::string Database::pragma(std::string_view name) {
+    Statement s(db_, "PRAGMA " + std::string(name));
+    return s.step() ? s.columnText(0) : std::string();
+}
+
+int Database::userVersion() { return std::stoi(pragma("user_version")); }
+
+void Database::setUserVersion(int version) { exec("PRAGMA user_version=" + std::to_string(version)); }
+
+Transaction::Transaction(Database& db) : db_(db) { db_.exec("BEGIN IMMEDIATE"); }
+
+Transaction::~Transaction() {
+    if (!open_) return;
+    try {
+        db_.exec("ROLLBACK");
+    } catch (const StoreError& e) {
+        // SQLite may have rolled back by itself already (e.g. on a full disk).
+        ORVO_LOG(9, "ksd: rollback: " << e.what());
+    }
+}
+
+void Transaction::commit() {
+    db_.exec("COMMIT");
+    open_ = false;
+}
+
+}  // namespace ksd::store

@@ -1,0 +1,72 @@
+#ifndef KSD_STORE_DATABASE_H
+#define KSD_STORE_DATABASE_H
+
+// One SQLite database file, opened in WAL mode for the event loop's thread
+// only. Statements are prepared once and cached by their text; Transaction
+// groups writes and rolls back unless committed. Throws StoreError.
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "store/statement.h"
+
+struct sqlite3;
+
+namespace ksd::store {
+
+// How hard a commit tries to reach the disk. Normal (WAL, synchronous=NORMAL):
+// a commit is a write() to the log, no fsync, so it survives the daemon being
+// killed (kill -9 included) but the last commits may be lost on power failure;
+// the database stays consistent either way. Full: an fsync per commit.
+enum class Durability { Normal, Full };
+
+class Database {
+public:
+    Database(const std::filesystem::path& file, Durability durability = Durability::Normal);
+    ~Database();
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    // Runs statements without parameters or results (schema, pragmas).
+    void exec(std::string_view sql);
+    // The statement for `sql`, prepared on first use, reset and unbound.
+    Statement& cached(std::string_view sql);
+    std::int64_t lastInsertId() const;
+    // PRAGMA user_version: the schema version stored in the file.
+    int userVersion();
+    void setUserVersion(int version);
+    // The value of a one-value pragma, as text (for tests and diagnostics).
+    std::string pragma(std::string_view name);
+
+    const std::filesystem::path& file() const { return file_; }
+    sqlite3* handle() { return db_; }
+
+private:
+    sqlite3* db_ = nullptr;
+    std::filesystem::path file_;
+    std::unordered_map<std::string, std::unique_ptr<Statement>> statements_;
+};
+
+// BEGIN IMMEDIATE at construction (the write lock is taken at once, so a
+// commit never fails for a lock upgrade), ROLLBACK at destruction unless
+// commit() was called.
+class Transaction {
+public:
+    explicit Transaction(Database& db);
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    void commit();
+
+private:
+    Database& db_;
+    bool open_ = true;
+};
+
+}  // namespace ksd::store
+
+#endif

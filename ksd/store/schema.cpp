@@ -1,0 +1,63 @@
+#include "store/schema.h"
+
+#include <string>
+#include <vector>
+
+#include "OrvoLogging.h"
+#include "store/store_error.h"
+
+namespace ksd::store {
+
+namespace {
+
+// Step i brings a database from version i to version i + 1. Steps are never
+// edited once shipped; a change is a new step.
+const std::vector<const char*>& migrationSteps() {
+    static const std::vector<const char*> steps = {
+        // 0 -> 1: jobs, and the counters that keep ids from being reused.
+        "CREATE TABLE counters ("
+        "  name TEXT PRIMARY KEY,"
+        "  value INTEGER NOT NULL"
+        ") WITHOUT ROWID;"
+        "CREATE TABLE jobs ("
+        "  id INTEGER PRIMARY KEY,"
+        "  name TEXT NOT NULL UNIQUE,"
+        "  description TEXT NOT NULL,"
+        "  progress INTEGER NOT NULL,"
+        "  state INTEGER NOT NULL,"
+        "  owner_uid INTEGER NOT NULL,"
+        "  app_ids TEXT NOT NULL DEFAULT ''"
+        ");"
+        "INSERT INTO counters(name, value) VALUES ('last_job_id', 0);",
+    };
+    return steps;
+}
+
+}  // namespace
+
+int latestSchemaVersion() { return static_cast<int>(migrationSteps().size()); }
+
+int migrate(Database& db) {
+    Transaction transaction(db);
+    const int found = db.userVersion();
+    const int latest = latestSchemaVersion();
+    if (found > latest) {
+        throw StoreError("database " + db.file().string() + " has schema version " + std::to_string(found) +
+                             ", newer than this ksd knows (" + std::to_string(latest) + ")",
+                         0);
+    }
+    for (int v = found; v < latest; ++v) db.exec(migrationSteps()[static_cast<std::size_t>(v)]);
+    if (found != latest) db.setUserVersion(latest);
+    transaction.commit();
+    if (found != latest) ORVO_LOG(4, "ksd: database " << db.file().string() << " upgraded from schema " << found
+                                                      << " to " << latest);
+    return found;
+}
+
+std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir, Durability durability) {
+    auto db = std::make_unique<Database>(stateDir / kDatabaseFileName, durability);
+    migrate(*db);
+    return db;
+}
+
+}  // namespace ksd::store

@@ -1,0 +1,28 @@
+#ifndef KSD_STORE_SCHEMA_H
+#define KSD_STORE_SCHEMA_H
+
+// The daemon's one state database and its schema versions. openStateDatabase
+// opens <state dir>/ksd.db and upgrades it, step by step and in one
+// transaction, to the newest version this daemon knows. A file written by a
+// newer daemon is refused (StoreError) rather than guessed at.
+
+#include <filesystem>
+#include <memory>
+
+#include "store/database.h"
+
+namespace ksd::store {
+
+inline constexpr const char* kDatabaseFileName = "ksd.db";
+
+// The newest schema version (PRAGMA user_version) this daemon writes.
+int latestSchemaVersion();
+// Upgrades `db`; returns the version it had before (0 for a new file).
+int migrate(Database& db);
+
+std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir,
+                                            Durability durability = Durability::Normal);
+
+}  // namespace ksd::store
+
+#endif

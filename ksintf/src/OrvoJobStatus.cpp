@@ -1,0 +1,127 @@
+// Job status client: every job call is one request to "JobStatus" on a
+// connection of its own; job events come through the notification network.
+
+#include "OrvoJobStatus.h"
+
+#include <cstring>
+
+#include "KSIntfLibrary.h"
+#include "OrvoException.h"
+#include "OrvoLibraryConnection.h"
+
+using KSInterface::OrvoLibraryConnection;
+using OrvoSupport::OrvoException;
+using OrvoSupport::OrvoString;
+
+JSNotificationInfoMap* g_JSInfoByHandleMap = nullptr;
+
+namespace {
+
+const char* const kEngineName = "JobStatus";
+
+// One request: open, let `writeFields` send the fields, read the long reply
+// and keep its low 32 bits. Only OrvoException is turned into minus its code.
+template <class WriteFields>
+int jobRequest(const char* pszCommand, WriteFields writeFields) {
+    try {
+        OrvoLibraryConnection connection{OrvoString(kEngineName), OrvoString(pszCommand)};
+        writeFields(connection);
+        return static_cast<int>(connection.receiveLong());
+    } catch (OrvoException& e) {
+        return -e.getCode();
+    }
+}
+
+}  // namespace
+
+JSNotificationInfoMap* getJSNotificationInfoByHandleMap() {
+    if (g_JSInfoByHandleMap == nullptr) g_JSInfoByHandleMap = new JSNotificationInfoMap();
+    return g_JSInfoByHandleMap;
+}
+
+void KSIntfLibInitOrvoJobStatus() {}
+
+void KSIntfLibFinitOrvoJobStatus() {
+    // The pointer is left as it is: no family call may follow the detach.
+    if (g_JSInfoByHandleMap != nullptr) {
+        g_JSInfoByHandleMap->clear();
+        delete g_JSInfoByHandleMap;
+    }
+}
+
+extern "C" {
+
+int OrvoJSECreateJob(const char* pszJobDescription, const char* pszJobName) {
+    return jobRequest("TRVX_JS_CREATE", [&](OrvoLibraryConnection& c) {
+        c.transfer(OrvoString(pszJobDescription));
+        c.transfer(OrvoString(pszJobName));
+    });
+}
+
+int OrvoJSELookupJob(const char* pszJobName) {
+    return jobRequest("TRVX_JS_LOOKUP", [&](OrvoLibraryConnection& c) { c.transfer(OrvoString(pszJobName)); });
+}
+
+int OrvoJSEMapJobIDToAppID(int iJobID, int iTaskCount, int* aiAppID) {
+    return jobRequest("TRVX_JS_MAP_JOB", [&](OrvoLibraryConnection& c) {
+        c.transfer(static_cast<long>(iJobID));
+        c.transfer(static_cast<long>(iTaskCount));
+        for (int i = 0; i < iTaskCount; ++i) c.transfer(static_cast<long>(aiAppID[i]));
+    });
+}
+
+int OrvoJSEDeleteJob(int iJobID) {
+    return jobRequest("TRVX_JS_DELETE", [&](OrvoLibraryConnection& c) { c.transfer(static_cast<long>(iJobID)); });
+}
+
+int OrvoJSESetJobProgress(int iJobID, int iProgress) {
+    return jobRequest("TRVX_JS_SET_PROGRESS", [&](OrvoLibraryConnection& c) {
+        c.transfer(static_cast<long>(iJobID));
+        c.transfer(static_cast<long>(iProgress));
+    });
+}
+
+int OrvoJSEGetJobProgress(int iJobID) {
+    return jobRequest("TRVX_JS_GET_PROGRESS",
+                      [&](OrvoLibraryConnection& c) { c.transfer(static_cast<long>(iJobID)); });
+}
+
+int OrvoJSEGetAllJobProgress(int* piJobCount, OrvoJSEJob* aJobs) {
+    // Deliberately a bare round trip: no job list travels back.
+    (void)piJobCount;
+    (void)aJobs;
+    return jobRequest("TRVX_JS_GET_ALL_PROGRESS", [](OrvoLibraryConnection&) {});
+}
+
+int OrvoJSECancelJob(int iJobID) {
+    return jobRequest("TRVX_JS_CANCEL", [&](OrvoLibraryConnection& c) { c.transfer(static_cast<long>(iJobID)); });
+}
+
+int OrvoJSERegisterForNotification(const char* pszJobName, PFJSENotificationCallback pfNotificationCallback) {
+    JSNotificationInfoSP spInfo(new JSNotificationInfo(pfNotificationCallback));
+    const OrvoString sEventName = KSInterface::JobStatusEventName(pszJobName);
+    // The notification network holds only the raw pointer; the map's
+    // reference keeps the info alive until a successful unregistration.
+    const int hRegistration =
+        _OrvoNNRegisterForNotification(sEventName.c_str(), OrvoJSNotificationCallback, static_cast<JSNotificationInfo*>(spInfo));
+    if (hRegistration < 0) return hRegistration;
+    (*getJSNotificationInfoByHandleMap())[hRegistration] = spInfo;
+    return hRegistration;
+}
+
+int OrvoJSEUnregisterForNotification(int hRegistration) {
+    const int nResult = OrvoNNUnregisterForNotification(hRegistration);
+    if (nResult != 0) return nResult;
+    getJSNotificationInfoByHandleMap()->erase(hRegistration);
+    return 0;
+}
+
+}  // extern "C"
+
+void OrvoJSNotificationCallback(const char* pszEventName, OrvoNNNotification* pNotification) {
+    (void)pszEventName;
+    auto* pInfo = static_cast<JSNotificationInfo*>(pNotification->m_pContext);
+    int nEvent;
+    std::memcpy(&nEvent, pNotification->m_pData, sizeof(nEvent));
+    pInfo->JSCallback()(pNotification->m_pszData, static_cast<tOrvoJSEEvent>(nEvent));
+}

@@ -1,0 +1,349 @@
+// Buffered Unix and TCP stream transports.
+#include "OrvoStreamConnection.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "OrvoException.h"
+
+namespace OrvoNet {
+
+using OrvoSupport::OrvoException;
+
+namespace {
+
+constexpr std::size_t kInputBufferSize = 64 * 1024;
+
+// Sends all of [p, p+n); counts each send call. Returns 0 or the errno.
+int sendAll(int fd, const char* p, std::size_t n, long& nCalls) {
+    while (n > 0) {
+        ++nCalls;
+        ssize_t nSent = ::send(fd, p, n, MSG_NOSIGNAL);
+        if (nSent < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+        }
+        p += nSent;
+        n -= static_cast<std::size_t>(nSent);
+    }
+    return 0;
+}
+
+void closeKeepingErrno(int fd) {
+    const int nSaved = errno;
+    ::close(fd);
+    errno = nSaved;
+}
+
+}  // namespace
+
+unsigned pipeAddress(const OrvoString& sPipeName, void* pSockaddrUn) {
+    auto* pAddr = static_cast<sockaddr_un*>(pSockaddrUn);
+    std::memset(pAddr, 0, sizeof *pAddr);
+    pAddr->sun_family = AF_UNIX;
+    const std::size_t nLen = sPipeName.size();
+    if (sPipeName.find('/') != OrvoString::npos) {
+        // A filesystem path, zero-terminated inside sun_path.
+        if (nLen + 1 > sizeof pAddr->sun_path) return 0;
+        std::memcpy(pAddr->sun_path, sPipeName.data(), nLen);
+        return static_cast<unsigned>(offsetof(sockaddr_un, sun_path) + nLen + 1);
+    }
+    // An abstract name: a leading zero byte, then exactly the name's bytes.
+    if (nLen + 1 > sizeof pAddr->sun_path) return 0;
+    std::memcpy(pAddr->sun_path + 1, sPipeName.data(), nLen);
+    return static_cast<unsigned>(offsetof(sockaddr_un, sun_path) + 1 + nLen);
+}
+
+OrvoStreamConnection::OrvoStreamConnection()
+    : m_fd(-1), m_bFailed(false), m_bReadSinceWrite(false), m_nSendCalls(0), m_inPos(0), m_inEnd(0) {}
+
+OrvoStreamConnection::~OrvoStreamConnection() {
+    if (m_fd >= 0) ::close(m_fd);
+}
+
+void OrvoStreamConnection::disconnect() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+    m_bFailed = false;
+    m_bReadSinceWrite = false;
+    m_out.clear();
+    m_inPos = m_inEnd = 0;
+}
+
+int OrvoStreamConnection::establishImpl(OrvoString& sExceptionMessage) {
+    disconnect();
+    OrvoString sWhat;
+    const int fd = openSocket(sWhat);
+    if (fd < 0) {
+        const int nCode = errno != 0 ? errno : ECONNREFUSED;
+        sExceptionMessage = sWhat + ": " + std::strerror(nCode);
+        return nCode;
+    }
+    m_fd = fd;
+    if (m_in.size() < kInputBufferSize) m_in.resize(kInputBufferSize);
+    return 0;
+}
+
+void OrvoStreamConnection::markFailed() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+    m_bFailed = true;
+    m_out.clear();
+    m_inPos = m_inEnd = 0;
+}
+
+// Before the first write of a new request: a peer that closed meanwhile, or
+// input nobody asked for, means this socket no longer matches the protocol's
+// position, so a fresh one is opened. Returns false when reopening failed.
+bool OrvoStreamConnection::reopenIfStale(long* error) {
+    bool bStale = m_inPos < m_inEnd;
+    if (!bStale) {
+        char c;
+        ssize_t n;
+        do n = ::recv(m_fd, &c, 1, MSG_PEEK | MSG_DONTWAIT);
+        while (n < 0 && errno == EINTR);
+        bStale = n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    }
+    if (!bStale) return true;
+    OrvoString sMessage;
+    const int nCode = OrvoStreamConnection::establishImpl(sMessage);
+    if (nCode != 0) {
+        m_bFailed = true;
+        *error = nCode;
+        return false;
+    }
+    return true;
+}
+
+long OrvoStreamConnection::transfer(const char* buf, long bufLen, long* error) {
+    long nDummy = 0;
+    if (!error) error = &nDummy;
+    *error = 0;
+    if (bufLen < 0) {
+        *error = EINVAL;
+        return 0;
+    }
+    if (m_fd < 0) {
+        // Closed or failed: a write opens the transport again.
+        OrvoString sMessage;
+        const int nCode = OrvoStreamConnection::establishImpl(sMessage);
+        if (nCode != 0) {
+            m_bFailed = true;
+            *error = nCode;
+            return 0;
+        }
+    } else if (m_bReadSinceWrite && !reopenIfStale(error)) {
+        return 0;
+    }
+    m_bReadSinceWrite = false;
+
+    const auto n = static_cast<std::size_t>(bufLen);
+    if (m_out.size() + n < kFlushThreshold) {
+        m_out.insert(m_out.end(), buf, buf + n);
+        return bufLen;
+    }
+    // Past the threshold: what is queued goes first, then a large buffer
+    // goes straight out instead of through a copy.
+    if (!m_out.empty() && sendBuffered(error) != 0) return 0;
+    if (n < kFlushThreshold) {
+        m_out.insert(m_out.end(), buf, buf + n);
+        return bufLen;
+    }
+    const int nCode = sendAll(m_fd, buf, n, m_nSendCalls);
+    if (nCode != 0) {
+        markFailed();
+        *error = nCode;
+        return 0;
+    }
+    return bufLen;
+}
+
+int OrvoStreamConnection::sendBuffered(long* error) {
+    if (m_out.empty()) return 0;
+    if (m_fd < 0) {
+        *error = m_bFailed ? EPIPE : ENOTCONN;
+        m_out.clear();
+        return -1;
+    }
+    const int nCode = sendAll(m_fd, m_out.data(), m_out.size(), m_nSendCalls);
+    m_out.clear();
+    if (nCode != 0) {
+        markFailed();
+        *error = nCode;
+        return -1;
+    }
+    return 0;
+}
+
+void OrvoStreamConnection::flush() {
+    long nError = 0;
+    if (sendBuffered(&nError) != 0)
+        throw OrvoException(OrvoString("OrvoStreamConnection::flush: ") + std::strerror(static_cast<int>(nError)),
+                            static_cast<int>(nError));
+}
+
+long OrvoStreamConnection::receive(char* bufPtr, long toRead, long* error, bool bWaitForAll) {
+    long nDummy = 0;
+    if (!error) error = &nDummy;
+    *error = 0;
+    if (toRead < 0) {
+        *error = EINVAL;
+        return 0;
+    }
+    // The peer cannot answer what it has not been sent.
+    if (sendBuffered(error) != 0) return 0;
+    m_bReadSinceWrite = true;
+    if (m_fd < 0) {
+        *error = m_bFailed ? ECONNRESET : ENOTCONN;
+        return 0;
+    }
+
+    long nGot = 0;
+    while (nGot < toRead) {
+        if (m_inPos < m_inEnd) {
+            const std::size_t nTake = std::min(m_inEnd - m_inPos, static_cast<std::size_t>(toRead - nGot));
+            std::memcpy(bufPtr + nGot, m_in.data() + m_inPos, nTake);
+            m_inPos += nTake;
+            nGot += static_cast<long>(nTake);
+            continue;
+        }
+        if (nGot > 0 && !bWaitForAll) break;
+        // Large reads land directly in the caller's buffer; small ones refill ours.
+        const std::size_t nWant = static_cast<std::size_t>(toRead - nGot);
+        const bool bDirect = nWant >= m_in.size();
+        ssize_t n = ::recv(m_fd, bDirect ? bufPtr + nGot : m_in.data(), bDirect ? nWant : m_in.size(), 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            *error = n == 0 ? ECONNRESET : errno;
+            markFailed();
+            break;
+        }
+        if (bDirect) {
+            nGot += n;
+        } else {
+            m_inPos = 0;
+            m_inEnd = static_cast<std::size_t>(n);
+        }
+    }
+    return nGot;
+}
+
+int OrvoStreamConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
+    nErrorCode = 0;
+    long nError = 0;
+    if (sendBuffered(&nError) != 0) {
+        nErrorCode = static_cast<int>(nError);
+        nSize = 0;
+        return -1;
+    }
+    if (m_fd < 0) {
+        nErrorCode = m_bFailed ? ECONNRESET : ENOTCONN;
+        nSize = 0;
+        return -1;
+    }
+    const std::size_t nWant = nSize > 0 ? static_cast<std::size_t>(nSize) : 0;
+    if (m_inEnd - m_inPos < nWant) {
+        // Compact, then take whatever has arrived without waiting.
+        std::memmove(m_in.data(), m_in.data() + m_inPos, m_inEnd - m_inPos);
+        m_inEnd -= m_inPos;
+        m_inPos = 0;
+        ssize_t n;
+        do n = ::recv(m_fd, m_in.data() + m_inEnd, m_in.size() - m_inEnd, MSG_DONTWAIT);
+        while (n < 0 && errno == EINTR);
+        if (n > 0) {
+            m_inEnd += static_cast<std::size_t>(n);
+        } else if (m_inEnd == 0 && (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))) {
+            nErrorCode = n == 0 ? ECONNRESET : errno;
+            nSize = 0;
+            markFailed();
+            return -1;
+        }
+    }
+    const std::size_t nCopy = std::min(nWant, m_inEnd - m_inPos);
+    std::memcpy(pBuffer, m_in.data() + m_inPos, nCopy);
+    nSize = static_cast<int>(nCopy);
+    return 0;
+}
+
+OrvoPipeConnection::OrvoPipeConnection(const OrvoString& sPipeName) : m_sPipeName(sPipeName) {}
+
+OrvoPipeConnection::~OrvoPipeConnection() = default;
+
+int OrvoPipeConnection::openSocket(OrvoString& sWhat) {
+    sWhat = "OrvoPipeConnection: connecting to pipe '" + m_sPipeName + "'";
+    sockaddr_un addr;
+    const unsigned nLen = pipeAddress(m_sPipeName, &addr);
+    if (nLen == 0) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    int r;
+    do r = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), nLen);
+    while (r != 0 && errno == EINTR);
+    if (r != 0) {
+        closeKeepingErrno(fd);
+        return -1;
+    }
+    return fd;
+}
+
+OrvoSocketConnection::OrvoSocketConnection(const OrvoString& sHost, int nPort, bool bNoDelay, bool bKeepAlive)
+    : m_sHost(sHost), m_nPort(nPort), m_bNoDelay(bNoDelay), m_bKeepAlive(bKeepAlive) {}
+
+OrvoSocketConnection::~OrvoSocketConnection() = default;
+
+int OrvoSocketConnection::openSocket(OrvoString& sWhat) {
+    const OrvoString sHost = m_sHost.empty() ? OrvoString("127.0.0.1") : m_sHost;
+    sWhat = "OrvoSocketConnection: connecting to '" + sHost + "' port " + std::to_string(m_nPort);
+    if (m_nPort < 0 || m_nPort > 65535) {
+        errno = EINVAL;
+        return -1;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* pList = nullptr;
+    if (::getaddrinfo(sHost.c_str(), std::to_string(m_nPort).c_str(), &hints, &pList) != 0 || !pList) {
+        errno = EHOSTUNREACH;
+        return -1;
+    }
+    int fd = -1;
+    int nLastError = ECONNREFUSED;
+    for (addrinfo* p = pList; p; p = p->ai_next) {
+        fd = ::socket(p->ai_family, p->ai_socktype | SOCK_CLOEXEC, p->ai_protocol);
+        if (fd < 0) {
+            nLastError = errno;
+            continue;
+        }
+        int r;
+        do r = ::connect(fd, p->ai_addr, p->ai_addrlen);
+        while (r != 0 && errno == EINTR);
+        if (r == 0) break;
+        nLastError = errno;
+        ::close(fd);
+        fd = -1;
+    }
+    ::freeaddrinfo(pList);
+    if (fd < 0) {
+        errno = nLastError;
+        return -1;
+    }
+    const int one = 1;
+    if (m_bNoDelay) ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    if (m_bKeepAlive) ::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &one, sizeof one);
+    return fd;
+}
+
+}  // namespace OrvoNet

@@ -1,0 +1,205 @@
+// ksctl run as a user runs it, against a real ksd started for each test on its own pipe and
+// state directory: output, --json shapes and exit codes.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "fake_daemon.h"
+#include "json.h"
+#include "ksctl_runner.h"
+#include "ksd_process.h"
+
+using ksctl::JsonValue;
+using namespace kstest;
+
+namespace {
+
+// Retries `attempt` until it reports success; the bound only keeps a broken daemon from
+// hanging the suite, it asserts nothing about speed.
+template <typename F>
+bool eventually(F attempt) {
+    for (int i = 0; i < 400; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(25)))
+        if (attempt()) return true;
+    return false;
+}
+
+JsonValue parseLine(const std::string& line) {
+    auto v = ksctl::parseJson(line);
+    EXPECT_TRUE(v) << "not JSON: " << line;
+    return v ? *v : JsonValue{};
+}
+
+// A member as text (strings bare, others as JSON), "<missing>" when absent.
+std::string at(const JsonValue& v, const char* key) {
+    const JsonValue* m = v.find(key);
+    return !m ? "<missing>" : m->kind == JsonValue::Kind::String ? m->text : toJson(*m);
+}
+
+void expectOneErrorLine(const RunResult& r, const std::string& fragment) {
+    auto errLines = lines(r.err);
+    ASSERT_EQ(errLines.size(), 1u) << r.err;
+    EXPECT_EQ(errLines[0].rfind("ksctl: ", 0), 0u) << r.err;
+    EXPECT_NE(errLines[0].find(fragment), std::string::npos) << r.err;
+}
+
+class KsctlCli : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(ksd_.start()) << "ksd did not start"; }
+
+    std::vector<std::string> cmd(std::initializer_list<std::string> args, bool json = false) const {
+        std::vector<std::string> all = {"--pipe", ksd_.pipeName()};
+        if (json) all.push_back("--json");
+        all.insert(all.end(), args);
+        return all;
+    }
+    RunResult run(std::initializer_list<std::string> args) const { return runKsctl(cmd(args)); }
+    RunResult runJson(std::initializer_list<std::string> args) const { return runKsctl(cmd(args, true)); }
+
+    kstest::KsdProcess ksd_;
+};
+
+}  // namespace
+
+TEST(KsctlUsage, BadCommandLinesExitTwoWithOneLine) {
+    const std::vector<std::vector<std::string>> bad = {
+        {}, {"frobnicate"}, {"job", "progress", "abc"}, {"lock", "printer"}, {"subscribe", "demo", "--count", "0"},
+        {"--pipe", "a", "--tcp-port", "7000", "status"}, {"--tcp-port", "70000", "status"}};
+    for (const auto& args : bad) {
+        RunResult r = runKsctl(args);
+        EXPECT_EQ(r.exitCode, 2) << testing::PrintToString(args) << r.err;
+        expectOneErrorLine(r, "");
+        EXPECT_EQ(r.out, "");
+    }
+    EXPECT_EQ(runKsctl({"--help"}).exitCode, 0);
+}
+
+TEST(KsctlUnreachable, EveryCommandExitsSixtyNineWithOneLine) {
+    const std::string pipe = kstest::uniqueName("kstest-ksctl");
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"status"}, {"job", "create", "x"}, {"publish", "demo"}, {"subscribe", "demo"}, {"lock", "r", "--", "true"}}) {
+        std::vector<std::string> all = {"--pipe", pipe};
+        all.insert(all.end(), args.begin(), args.end());
+        RunResult r = runKsctl(all);
+        EXPECT_EQ(r.exitCode, 69) << args[0] << ": " << r.err;
+        expectOneErrorLine(r, "cannot reach ksd at pipe " + pipe + ": connection refused (-111)");
+        EXPECT_EQ(r.out, "");
+    }
+    // A missing socket path fails with -2, the same number as "no such job": still unreachable.
+    kstest::ScopedTempDir dir;
+    RunResult r = runKsctl({"--pipe", dir.path() + "/missing.sock", "job", "delete", "1"});
+    EXPECT_EQ(r.exitCode, 69) << r.err;
+    expectOneErrorLine(r, "cannot reach ksd at pipe " + dir.path() + "/missing.sock");
+}
+
+TEST_F(KsctlCli, PublishReachesASubscriberAndBothReportInJson) {
+    KsctlRun subscriber(cmd({"subscribe", "demo", "other", "--count", "2"}, true));
+    kstest::ScopedTempDir dir;
+    std::ofstream(dir.path() + "/payload.bin", std::ios::binary) << std::string("\x01\x00\xff\x7f", 4);
+    // Once a publish is queued for 1 subscriber, the subscriber (which registers "other" last) is ready.
+    RunResult pub;
+    ASSERT_TRUE(eventually([&] {
+        pub = runJson({"publish", "other", "--data-file", dir.path() + "/payload.bin"});
+        return pub.exitCode == 0 && at(parseLine(pub.out), "queued") == "1";
+    })) << pub.out << pub.err;
+    EXPECT_EQ(at(parseLine(runJson({"publish", "demo", "--text", "<hello/>"}).out), "queued"), "1");
+
+    RunResult got = subscriber.wait();
+    ASSERT_EQ(got.exitCode, 0) << got.err;
+    auto received = lines(got.out);
+    ASSERT_EQ(received.size(), 2u) << got.out;
+    JsonValue bin = parseLine(received[0]), text = parseLine(received[1]);
+    EXPECT_EQ(at(bin, "event") + " " + at(bin, "text") + "|" + at(bin, "size") + "|" + at(bin, "payload_hex"),
+              "other |4|0100ff7f");
+    EXPECT_EQ(at(text, "event") + " " + at(text, "text") + "|" + at(text, "size"), "demo <hello/>|0");
+}
+
+TEST_F(KsctlCli, SubscribePrintsHumanLinesAndUnregistersOnCountOrSignal) {
+    KsctlRun once(cmd({"subscribe", "news", "--count", "1"}));
+    ASSERT_TRUE(eventually([&] { return run({"publish", "news", "--text", "a\nb"}).out == "news: queued for 1 subscriber\n"; }));
+    RunResult got = once.wait();
+    EXPECT_EQ(got.exitCode, 0) << got.err;
+    EXPECT_EQ(got.out, "news: text \"a\\nb\", 0 bytes\n");
+    EXPECT_EQ(run({"publish", "news"}).out, "news: queued for 0 subscribers\n");
+    for (int sig : {SIGTERM, SIGINT}) {
+        KsctlRun subscriber(cmd({"subscribe", "news"}));
+        ASSERT_TRUE(eventually([&] { return run({"publish", "news"}).out == "news: queued for 1 subscriber\n"; }));
+        subscriber.signal(sig);
+        RunResult stopped = subscriber.wait();
+        EXPECT_EQ(std::to_string(stopped.exitCode) + stopped.err, "0");  // clean exit, nothing on stderr
+        EXPECT_EQ(run({"publish", "news"}).out, "news: queued for 0 subscribers\n");
+    }
+}
+
+TEST_F(KsctlCli, LockRunsTheCommandAndPassesItsStatusOn) {
+    RunResult ok = run({"lock", "printer", "--", "sh", "-c", "echo held; exit 7"});
+    EXPECT_EQ(ok.exitCode, 7) << ok.err;
+    EXPECT_EQ(ok.out + ok.err, "held\n");
+    EXPECT_EQ(run({"lock", "printer", "--timeout", "0", "--", "sh", "-c", "kill -KILL $$"}).exitCode, 128 + SIGKILL);
+    RunResult missing = run({"lock", "printer", "--", "/nonexistent/ksctl-test-program"});
+    EXPECT_EQ(missing.exitCode, 127);
+    expectOneErrorLine(missing, "cannot run /nonexistent/ksctl-test-program");
+}
+
+TEST_F(KsctlCli, LockTimesOutWhileHeldAndIsFreeAfterTheHolderStops) {
+    kstest::ScopedTempDir dir;
+    const std::string marker = dir.path() + "/holding";
+    KsctlRun holder(cmd({"lock", "disk0", "--", "sh", "-c", "touch " + marker + "; exec sleep 600"}));
+    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(marker); }));
+
+    RunResult tryOnce = run({"lock", "disk0", "--timeout", "0", "--", "echo", "never"});
+    EXPECT_EQ(std::to_string(tryOnce.exitCode) + tryOnce.out, "3");
+    expectOneErrorLine(tryOnce, "lock disk0: not granted within 0 ms");
+    RunResult held = runJson({"locks"});
+    EXPECT_EQ(parseLine(held.out).items.size(), 1u) << held.out;
+    EXPECT_NE(held.out.find("\"disk0\""), std::string::npos) << held.out;
+
+    // SIGTERM reaches the command through ksctl, which then unlocks.
+    holder.signal(SIGTERM);
+    EXPECT_EQ(holder.wait().exitCode, 128 + SIGTERM);
+    EXPECT_EQ(run({"lock", "disk0", "--timeout", "0", "--", "true"}).exitCode, 0);
+    EXPECT_EQ(run({"locks"}).out, "no locks held\n");
+}
+
+TEST_F(KsctlCli, JobLifecycleWithJsonOutput) {
+    RunResult created = runJson({"job", "create", "backup", "--description", "nightly backup"});
+    ASSERT_EQ(created.exitCode, 0) << created.err;
+    const std::string idText = at(parseLine(created.out), "id");
+    ASSERT_EQ(idText.find_first_not_of("0123456789"), std::string::npos) << created.out;
+
+    RunResult dup = runJson({"job", "create", "backup"});
+    EXPECT_EQ(dup.exitCode, 1);
+    expectOneErrorLine(dup, "job backup: a live job already has that name (-17)");
+    EXPECT_EQ(at(parseLine(runJson({"job", "lookup", "backup"}).out), "id"), idText);
+    EXPECT_EQ(at(parseLine(runJson({"job", "progress", idText, "40"}).out), "progress"), "40");
+
+    RunResult listed = runJson({"job", "list"});
+    JsonValue jobs = parseLine(listed.out);
+    ASSERT_EQ(jobs.items.size(), 1u) << listed.out;
+    EXPECT_EQ(at(jobs.items[0], "id") + " " + at(jobs.items[0], "name") + " " + at(jobs.items[0], "progress"),
+              idText + " backup 40");
+    EXPECT_EQ(lines(run({"job", "list"}).out).size(), 2u);  // header and one job
+
+    EXPECT_EQ(at(parseLine(runJson({"job", "cancel", idText}).out), "cancelled"), "true");
+    EXPECT_EQ(run({"job", "delete", idText}).out, "job " + idText + " deleted\n");
+    RunResult gone = run({"job", "delete", idText});
+    EXPECT_EQ(gone.exitCode, 1);
+    EXPECT_EQ(gone.err, "ksctl: job " + idText + ": no such job (-2)\n");
+    EXPECT_EQ(run({"job", "list"}).out, "no jobs\n");
+}
+
+TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {
+    ASSERT_EQ(run({"job", "create", "one"}).exitCode, 0);
+    RunResult status = runJson({"status"});
+    ASSERT_EQ(status.exitCode, 0) << status.err;
+    JsonValue s = parseLine(status.out);
+    for (const char* key : {"connections", "subscriptions", "queue_drops", "locks_held", "jobs"})
+        EXPECT_TRUE(s.find(key) && s.find(key)->asInt()) << key << " in " << status.out;
+    EXPECT_EQ(at(s, "jobs") + " " + at(s, "locks_held"), "1 0");
+    const std::string human = run({"status"}).out;  // name/value lines, not JSON
+    EXPECT_TRUE(human.find("locks_held") != std::string::npos && human.find('{') == std::string::npos) << human;
+}

@@ -1,0 +1,73 @@
+// ksctl's pure parts: the JSON reader/writer, the human renderings and the results table.
+
+#include <gtest/gtest.h>
+
+#include <tuple>
+
+#include "json.h"
+#include "output.h"
+#include "results.h"
+
+using namespace ksctl;
+
+TEST(KsctlJson, ReadsDaemonAnswersExactly) {
+    auto v = parseJson(R"( {"n": -1, "big": 9007199254740993, "f": 0.5e1, "ok": true, "none": null,
+                           "jobs": [{"name": "b\u00e9\"x\\\ud83d\ude00", "apps": []}]} )");
+    ASSERT_TRUE(v);
+    EXPECT_EQ(v->members[0].first, "n");  // document order is kept
+    EXPECT_EQ(v->find("n")->asInt(), -1);
+    EXPECT_EQ(v->find("big")->asInt(), 9007199254740993LL);  // 2^53 + 1: lost by a double
+    EXPECT_EQ(v->find("f")->asInt(), std::nullopt);
+    EXPECT_TRUE(v->find("ok")->boolean && v->find("none")->kind == JsonValue::Kind::Null);
+    EXPECT_EQ(v->find("jobs")->items.at(0).find("name")->text, "b\xC3\xA9\"x\\\xF0\x9F\x98\x80");
+    EXPECT_EQ(parseJson("9223372036854775808")->asInt(), std::nullopt);  // out of int64 range
+    EXPECT_EQ(toJson(*parseJson(R"({"a":[1,"x",{"b":null}],"c":false})")), R"({"a":[1,"x",{"b":null}],"c":false})");
+}
+
+TEST(KsctlJson, RejectsMalformedInput) {
+    for (const char* text : {"", "{", "[1,]", "{\"a\":1,}", "01", "1.", "1e", "tru", "\"abc", "\"a\nb\"", "\"\\x\"",
+                             "\"\\ud800\"", "\"\\udc00\"", "[1] 2", "{1:2}", "\"\\u12g4\""})
+        EXPECT_FALSE(parseJson(text)) << text;
+    EXPECT_FALSE(parseJson(std::string(10000, '[') + std::string(10000, ']')));  // too deep
+    EXPECT_TRUE(parseJson(std::string(100, '[') + std::string(100, ']')));
+}
+
+TEST(KsctlJson, QuotingAlwaysYieldsJsonThatReadsBack) {
+    for (const std::string& s : {std::string("quote\" back\\slash\t\n\r"), std::string("nul\0x\x01\x7f", 7)})
+        EXPECT_EQ(parseJson(jsonQuote(s))->text, s);
+    // Bytes that are not UTF-8 (a lone continuation, an overlong '/', a cut sequence) become U+FFFD.
+    EXPECT_EQ(parseJson(jsonQuote("a\x80" "b\xC0\xAF" "c\xE2\x82"))->text,
+              "a\xEF\xBF\xBD" "b\xEF\xBF\xBD\xEF\xBF\xBD" "c\xEF\xBF\xBD\xEF\xBF\xBD");
+}
+
+TEST(KsctlOutput, PreviewsAndLines) {
+    struct Case { std::string in; std::size_t limit; bool printable, truncated; std::string shown; };
+    // Escapes, cut-off UTF-8 and C1 controls are not shown as text; a cut never splits a character.
+    const Case cases[] = {{"hello\tworld\n", 64, true, false, "hello\tworld\n"}, {"ab\xC3\xA9z", 3, true, true, "ab"},
+                          {std::string("\x01\x00\xff", 3), 64, false, false, "01 00 ff"},
+                          {std::string(100, '\x02'), 2, false, true, "02 02"}, {"e\x1b[", 64, false, false, "65 1b 5b"},
+                          {"b\xC3", 64, false, false, "62 c3"}, {"c\xC2\x9B", 64, false, false, "63 c2 9b"}};
+    for (const Case& c : cases) {
+        PayloadPreview p = previewPayload(c.in, c.limit);
+        EXPECT_EQ(std::tie(p.printable, p.truncated, p.shown), std::tie(c.printable, c.truncated, c.shown)) << c.in;
+    }
+    EXPECT_EQ(oneLine("a\nb\tc\\d\x01 <x/>"), "a\\nb\\tc\\\\d\\x01 <x/>");
+}
+
+TEST(KsctlOutput, TablesAlignColumnsOverEveryKey) {
+    EXPECT_EQ(renderTable(*parseJson(R"([{"id":1,"name":"backup"},{"id":12,"apps":[3,4]},7])")),
+              "id  name    apps  value\n"
+              "1   backup  -     -\n"
+              "12  -       3,4   -\n"
+              "-   -       -     7\n");
+    EXPECT_EQ(renderFields(*parseJson(R"({"connections":2,"by_service":{"a":1},"name":"k\nsd"})")),
+              "connections  2\nby_service   {\"a\":1}\nname         k\\nsd\n");
+}
+
+TEST(KsctlResults, WordsDependOnTheFamilyAndTransportIsToldApart) {
+    EXPECT_EQ(resultWords(Domain::Job, -2) + "/" + resultWords(Domain::Lock, -2), "no such job/no such lock handle");
+    EXPECT_EQ(resultWords(Domain::Job, -38), "not supported by this ksd");  // generic fallback
+    EXPECT_TRUE(isTransportFailure(-111) && isTransportFailure(-104));
+    EXPECT_FALSE(isTransportFailure(-2) || isTransportFailure(-17) || mayBeTransportFailure(-17));
+    EXPECT_TRUE(mayBeTransportFailure(-2));  // missing socket path, or "no such job"
+}

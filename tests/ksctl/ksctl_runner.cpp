@@ -1,0 +1,91 @@
+#include "ksctl_runner.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <sstream>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace kstest {
+
+KsctlRun::KsctlRun(const std::vector<std::string>& args) {
+    int out[2], err[2];
+    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+
+    // posix_spawn takes char* const[] but does not write through it.
+    std::vector<char*> argv = {const_cast<char*>(KSCTL_BINARY)};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+
+    int rc = posix_spawn(&pid_, KSCTL_BINARY, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    ::close(err[1]);
+    outFd_ = out[0];
+    errFd_ = err[0];
+    if (rc != 0) throw std::runtime_error("posix_spawn " KSCTL_BINARY);
+}
+
+KsctlRun::~KsctlRun() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        wait();
+    }
+}
+
+void KsctlRun::signal(int sig) const {
+    if (pid_ > 0) ::kill(pid_, sig);
+}
+
+RunResult KsctlRun::wait() {
+    RunResult result;
+    char buf[4096];
+    while (outFd_ >= 0 || errFd_ >= 0) {
+        pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        int* fdRefs[2] = {&outFd_, &errFd_};
+        std::string* sinks[2] = {&result.out, &result.err};
+        for (int i = 0; i < 2; ++i) {
+            if (*fdRefs[i] < 0 || fds[i].revents == 0) continue;
+            ssize_t n = ::read(*fdRefs[i], buf, sizeof buf);
+            if (n > 0) {
+                sinks[i]->append(buf, static_cast<std::size_t>(n));
+            } else if (n == 0 || errno != EINTR) {
+                ::close(*fdRefs[i]);
+                *fdRefs[i] = -1;
+            }
+        }
+    }
+    int status = 0;
+    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+RunResult runKsctl(const std::vector<std::string>& args) { return KsctlRun(args).wait(); }
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+}  // namespace kstest

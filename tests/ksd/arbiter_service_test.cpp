@@ -1,0 +1,173 @@
+// The Arbiter's rules with a fake responder per request, a recording event
+// publisher and processes that end when the test says so; timers run on a
+// real io_context.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <asio/io_context.hpp>
+#include <cerrno>
+
+#include "arbiter_test_fakes.h"
+#include "services/arbiter/arbiter_service.h"
+
+extern char** environ;
+
+namespace {
+
+using ksdtest::FakeResponder;
+using ksdtest::tcpPeer;
+using ksdtest::unixPeer;
+using Events = std::vector<ksdtest::PublishedEvent>;
+
+constexpr uid_t kAlice = 1000;
+constexpr uid_t kBob = 1001;
+
+class Arbiter : public ::testing::Test {
+protected:
+    Arbiter() {
+        ksd::ArbiterLimits l;
+        l.maxNameLength = 16, l.maxLocksPerUser = 3;
+        arbiter_ = std::make_unique<ksd::ArbiterService>(io_, events_, l, std::make_unique<ksdtest::FakeMonitor>(mon_));
+    }
+    std::shared_ptr<FakeResponder> lock(const std::string& name, std::int64_t ms, const ksd::PeerInfo& peer) {
+        auto responder = std::make_shared<FakeResponder>();
+        ksd::Request r{"Arbiter", "TRVX_RA_LOCK", {{'s', 0, name}, {'l', ms, {}}}, peer, responder};
+        arbiter_->handle(r);
+        return responder;
+    }
+    std::int64_t unlock(std::int64_t handle, const ksd::PeerInfo& peer) {
+        auto responder = std::make_shared<FakeResponder>();
+        ksd::Request r{"Arbiter", "TRVX_RA_UNLOCK", {{'l', handle, {}}}, peer, responder};
+        arbiter_->handle(r);
+        EXPECT_TRUE(responder->value()) << "unlock always answers one long";
+        return responder->value().value_or(-9999);
+    }
+    static ksdtest::PublishedEvent ev(const std::string& name, std::int32_t code) {
+        return {"OrvoRAEvent:" + name + "$", name, code};
+    }
+
+    asio::io_context io_;
+    ksdtest::RecordingPublisher events_;
+    std::shared_ptr<ksdtest::FakeMonitor::State> mon_ = std::make_shared<ksdtest::FakeMonitor::State>();
+    std::unique_ptr<ksd::ArbiterService> arbiter_;
+};
+
+TEST_F(Arbiter, GrantsFreeResourcesAtOnceNeverReusesHandlesAndTimesOutWaiters) {
+    ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 1);
+    ASSERT_EQ(lock("printer", 0, unixPeer(11, kBob))->value(), 2);
+    EXPECT_EQ(unlock(2, unixPeer(11, kBob)), 0);
+    for (std::int64_t gone : {2, 77, -1}) EXPECT_EQ(unlock(gone, unixPeer(11, kBob)), -ENOENT) << gone;
+    EXPECT_EQ(lock("printer", 0, unixPeer(11, kBob))->value(), 3);
+
+    EXPECT_EQ(lock("disk0", 0, unixPeer(11, kBob))->value(), -ETIMEDOUT) << "0 ms tries once";
+    auto timed = lock("disk0", 1, unixPeer(11, kBob));
+    EXPECT_FALSE(timed->answered()) << "a timed waiter is answered by its timer";
+    while (!timed->answered() && io_.run_one() > 0) continue;
+    EXPECT_EQ(timed->value(), -ETIMEDOUT);
+    EXPECT_EQ(arbiter_->waiting(), 0u) << "a timed-out waiter leaves the queue";
+    EXPECT_EQ(events_.events, (Events{ev("disk0", 1), ev("printer", 1), ev("printer", 0), ev("printer", 1)}));
+}
+
+TEST_F(Arbiter, WaitersAreServedInArrivalOrderAndThoseWhoLeftAreSkipped) {
+    ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 1);
+    auto second = lock("disk0", -1, unixPeer(11, kBob));
+    auto gone = lock("disk0", -1, unixPeer(12, kBob));
+    auto goneTimed = lock("disk0", 600000, unixPeer(13, kBob));
+    auto third = lock("disk0", 600000, unixPeer(14, kAlice));
+    auto quiet = lock("disk0", -1, unixPeer(15, kBob));
+    auto fourth = lock("disk0", -5, unixPeer(16, kBob));  // any negative waits without limit
+    gone->close();
+    goneTimed->close();
+    quiet->open = false;  // closed, its close handler not yet run when its turn comes
+    events_.events.clear();
+
+    EXPECT_EQ(unlock(1, unixPeer(10, kAlice)), 0);
+    EXPECT_EQ(second->value(), 2);
+    EXPECT_FALSE(third->answered());
+    EXPECT_EQ(unlock(2, unixPeer(11, kBob)), 0);
+    EXPECT_EQ(third->value(), 3) << "the handle goes past the waiters who left";
+    EXPECT_FALSE(fourth->answered());
+    EXPECT_EQ(unlock(3, unixPeer(14, kAlice)), 0);
+    EXPECT_EQ(fourth->value(), 4);
+    for (auto* r : {gone.get(), goneTimed.get(), quiet.get()}) EXPECT_EQ(r->answers, 0);
+    EXPECT_EQ(mon_->watched.count(12), 0u) << "no process is watched for a lock never granted";
+    const auto freed = ev("disk0", 0), granted = ev("disk0", 1);
+    EXPECT_EQ(events_.events, (Events{freed, granted, freed, granted, freed, granted})) << "release, then grant";
+    io_.poll();
+    EXPECT_EQ(third->answers, 1) << "the granted waiter's timer was cancelled";
+}
+
+TEST_F(Arbiter, OnlyTheHoldersUserOrRootMayUnlock) {
+    ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 1);
+    EXPECT_EQ(unlock(1, unixPeer(11, kBob)), -EPERM);
+    EXPECT_EQ(unlock(1, tcpPeer()), -EPERM) << "a TCP client is nobody's user";
+    EXPECT_EQ(unlock(1, unixPeer(99, kAlice)), 0) << "another process of the same user may";
+    ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 2);
+    EXPECT_EQ(unlock(2, unixPeer(12, 0)), 0) << "root may";
+    ASSERT_EQ(lock("net", -1, tcpPeer())->value(), 3);
+    EXPECT_EQ(unlock(3, unixPeer(10, kAlice)), -EPERM);
+    EXPECT_EQ(unlock(3, tcpPeer()), 0);
+}
+
+TEST_F(Arbiter, AnEndedHolderReleasesAllItsLocksAndTheWaiterGetsThem) {
+    ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 1);
+    ASSERT_EQ(lock("disk1", -1, unixPeer(10, kAlice))->value(), 2);
+    ASSERT_EQ(lock("other", -1, unixPeer(20, kAlice))->value(), 3);
+    auto waiter = lock("disk1", -1, unixPeer(11, kBob));
+    mon_->gone.insert(30);
+    auto deadWaiter = lock("other", -1, unixPeer(30, 2000));
+    events_.events.clear();
+
+    ASSERT_TRUE(endProcess(*mon_, 10));
+    EXPECT_EQ(waiter->value(), 4);
+    EXPECT_EQ(unlock(1, unixPeer(10, kAlice)), -ENOENT);
+    EXPECT_EQ(unlock(3, unixPeer(20, kAlice)), 0);
+    EXPECT_FALSE(deadWaiter->answered()) << "a requester that ended before its grant is skipped";
+    EXPECT_EQ(events_.events, (Events{ev("disk0", -1), ev("disk1", -1), ev("disk1", 1), ev("other", 0)}));
+    EXPECT_EQ(mon_->watched.count(20), 0u) << "the last unlock of a process ends its watch";
+    EXPECT_EQ(mon_->watched.count(11), 1u) << "the new holder is watched";
+}
+
+TEST_F(Arbiter, LimitsAndBadNamesAreRefused) {
+    EXPECT_EQ(lock(std::string(17, 'x'), 0, unixPeer(10, kAlice))->failCode, EMSGSIZE);
+    EXPECT_EQ(lock("", 0, unixPeer(10, kAlice))->value(), -EINVAL);
+    for (const std::string name : {"a", "b", "0123456789abcdef"}) EXPECT_GT(lock(name, 0, unixPeer(10, kAlice))->value(), 0);
+    EXPECT_EQ(lock("d", 0, unixPeer(12, kAlice))->failCode, EDQUOT) << "three locks per user";
+    EXPECT_EQ(lock("d", 0, unixPeer(13, kBob))->value(), 4) << "the limit is per user";
+}
+
+TEST_F(Arbiter, DestroyedWithWaitersAndTimersPendingTouchesNothingAfterwards) {
+    ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 1);
+    auto timed = lock("disk0", 1, unixPeer(11, kBob));
+    auto open = lock("disk0", -1, unixPeer(12, kBob));
+    arbiter_.reset();
+    io_.run();      // the aborted timer's handler runs after the service is gone
+    open->close();  // and so does a late close handler
+    EXPECT_FALSE(timed->answered() || open->answered());
+}
+
+// The real watcher: a pidfd on the loop tells when a child ends.
+TEST(PidfdMonitor, ReportsTheEndOfAWatchedProcessOnceAndNotOfAnUnwatchedOne) {
+    asio::io_context io;
+    ksd::PidfdMonitor monitor(io);
+    char prog[] = "/bin/sleep", arg[] = "600";
+    char* argv[] = {prog, arg, nullptr};
+    pid_t watched = -1, unwatched = -1;
+    ASSERT_EQ(::posix_spawn(&watched, prog, nullptr, nullptr, argv, environ), 0);
+    ASSERT_EQ(::posix_spawn(&unwatched, prog, nullptr, nullptr, argv, environ), 0);
+    int endedWatched = 0, endedUnwatched = 0;
+    ASSERT_EQ(monitor.watch(watched, [&] { ++endedWatched; }), ksd::ProcessMonitor::WatchResult::Watching);
+    ASSERT_EQ(monitor.watch(unwatched, [&] { ++endedUnwatched; }), ksd::ProcessMonitor::WatchResult::Watching);
+    monitor.unwatch(unwatched);
+    ::kill(unwatched, SIGKILL), ::waitpid(unwatched, nullptr, 0), ::kill(watched, SIGKILL);
+    while (endedWatched == 0 && io.run_one() > 0) continue;
+    ::waitpid(watched, nullptr, 0);
+    io.restart(), io.poll();
+    EXPECT_EQ(std::make_pair(endedWatched, endedUnwatched), std::make_pair(1, 0));
+    EXPECT_EQ(monitor.watched(), 0u);
+    EXPECT_EQ(monitor.watch(watched, [] {}), ksd::ProcessMonitor::WatchResult::Gone) << "already reaped";
+}
+
+}  // namespace

@@ -1,0 +1,66 @@
+// The daemon as a whole: its state directory and addresses, and the ksd
+// program started and stopped as an operator would.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <system_error>
+
+#include "core_test_util.h"
+#include "ksd_process.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(CoreDaemon, TakesItsStateDirectoryAndAddressesAndLeavesOthersAlone) {
+    kstest::ScopedTempDir tmp("kstest-daemon");
+    const fs::path state = fs::path(tmp.path()) / "deep" / "state";
+    {
+        ksdtest::TestServer daemon([&](ksd::DaemonOptions& o) { o.stateDir = state; });
+        EXPECT_EQ(fs::status(state).permissions() & fs::perms::all, fs::perms::owner_all);
+        EXPECT_TRUE(ksdtest::echoWorks(daemon.address()));
+        EXPECT_THROW(ksd::Daemon second(daemon.daemon().options()), std::system_error) << "the pipe is taken";
+    }
+    // A socket file nobody accepts on, as a killed daemon leaves behind, is replaced.
+    ksd::DaemonOptions o{tmp.path() + "/ksd.sock", -1, tmp.path(), {}, {}};
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::snprintf(a.sun_path, sizeof a.sun_path, "%s", o.pipe.c_str());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ::close(fd);
+    {
+        ksdtest::TestServer daemon([&](ksd::DaemonOptions& d) { d.pipe = o.pipe; });
+        EXPECT_EQ(fs::status(o.pipe).permissions() & fs::perms::all, fs::perms(0666)) << "every local user may connect";
+        EXPECT_TRUE(ksdtest::echoWorks(daemon.address()));
+        EXPECT_THROW(ksd::Daemon second(o), std::system_error) << "a live socket is kept";
+    }
+    EXPECT_FALSE(fs::exists(o.pipe)) << "removed at stop";
+    o.pipe = tmp.path() + "/plain";
+    std::ofstream(o.pipe) << "not a socket";
+    EXPECT_THROW(ksd::Daemon onFile(o), std::system_error);
+    EXPECT_TRUE(fs::exists(o.pipe)) << "never removes what is not a socket";
+}
+
+TEST(CoreDaemon, TheProgramLogsReadyServesAndExitsZeroOnSigterm) {
+    kstest::KsdProcess ksd;
+    ASSERT_TRUE(ksd.start({"--log-level", "1"})) << ksd.log();
+    EXPECT_TRUE(ksdtest::waitUntil([&] { return ksd.log().find("ready") != std::string::npos; })) << ksd.log();
+    EXPECT_TRUE(ksdtest::call(ksd.connType(), ksdtest::notifyRequest("nobody", "", "")).ok);
+    EXPECT_TRUE(fs::is_directory(ksd.stateDir()));
+    // An idle client and one mid-request do not hold the stop up.
+    kstest::WireClient idle, half;
+    ASSERT_TRUE(idle.connect(ksd.connType()));
+    ASSERT_TRUE(half.connect(ksd.connType()));
+    ASSERT_TRUE(half.send(ksdtest::requestWire("Notifier", "TRVX_NN_NOTIFY").bytes()));
+    EXPECT_EQ(ksd.stop(), 0);
+    EXPECT_TRUE(idle.waitPeerClosed());
+}
+
+}  // namespace

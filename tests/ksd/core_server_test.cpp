@@ -1,0 +1,191 @@
+// The request layer: the incremental decoder, then the server at the socket
+// with raw bytes in and replies, error values and closes out. No client,
+// however it misbehaves, disturbs another.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "core_test_util.h"
+#include "protocol/request_parser.h"
+
+namespace {
+
+using namespace ksdtest;
+using kstest::Wire;
+using kstest::WireClient;
+using Result = ksd::RequestParser::Result;
+
+// Feeds bytes from `at` in chunks of `chunk` until a request is whole or refused.
+Result feed(ksd::RequestParser& p, const std::string& bytes, std::size_t& at, std::size_t chunk) {
+    for (;;) {
+        const std::size_t n = std::min(chunk, bytes.size() - at);
+        std::size_t took = 0;
+        const Result r = p.parse(bytes.data() + at, n, took);
+        at += took;
+        if (r != Result::indeterminate || at == bytes.size()) return r;
+        EXPECT_EQ(took, n) << "an indeterminate parse keeps every byte it is given";
+        EXPECT_TRUE(p.started()) << "what tells half a request from an idle connection";
+    }
+}
+
+// Malformed input is refused by the parser; see the table at the socket below.
+TEST(RequestParser, AnyChunkingYieldsTheSameRequestsOneAtATime) {
+    ksd::Registry registry;
+    registry.add(std::make_unique<TestService>());
+    const std::string body(300, 'x');
+    const std::string all =
+        requestWire("Test", "ALL").addShort(-2).addInt(-70000).addLong(1LL << 40).addBool(true).addString(body);
+    const std::string blob = requestWire("Test", "BLOB").addLong(5).addRaw("abcde");
+    const std::string bytes = all + blob + requestWire("Test", "BLOB").addLong(0).bytes();
+    for (std::size_t chunk : {1, 2, 3, 7, 64, 1 << 20}) {
+        ksd::RequestParser p(registry);
+        std::size_t at = 0;
+        ASSERT_EQ(feed(p, bytes, at, chunk), Result::good) << chunk;
+        EXPECT_EQ(at, all.size()) << "a request stops at its own end";
+        EXPECT_EQ(p.service() + "/" + p.request(), "Test/ALL");
+        ASSERT_EQ(p.fields().size(), 5u);
+        const auto& f = p.fields();
+        EXPECT_EQ(std::vector<std::int64_t>({f[0].integer, f[1].integer, f[2].integer, f[3].integer}),
+                  std::vector<std::int64_t>({-2, -70000, 1LL << 40, 1}));
+        EXPECT_EQ(f[4].text, body);
+        p.reset();
+        EXPECT_FALSE(p.started());
+        ASSERT_EQ(feed(p, bytes, at, chunk), Result::good) << chunk;
+        EXPECT_EQ(p.fields()[1].text, "abcde");
+        p.reset();
+        ASSERT_EQ(feed(p, bytes, at, chunk), Result::good) << chunk;
+        EXPECT_EQ(at, bytes.size());
+        ASSERT_EQ(p.fields().size(), 2u) << "a zero-length raw run is a field too";
+    }
+}
+
+TEST(CoreServer, PipelinedRequestsAreAnsweredInOrderWithThePeersIdentity) {
+    TestServer server;
+    std::string blob(3 << 20, '\0');
+    for (std::size_t i = 0; i < blob.size(); ++i) blob[i] = static_cast<char>(i * 131 + i / 7);
+    const std::string big(100000, 'b'), whoami = requestWire("Test", "WHOAMI");
+    WireClient c;
+    ASSERT_TRUE(c.connect(server.address()));
+    ASSERT_TRUE(c.send(echoRequest("a") + echoRequest("") + echoRequest(big) + whoami +
+                       requestWire("Test", "BLOB").addLong(3 << 20).addRaw(blob).bytes()));
+    for (const std::string& want : {std::string("a"), std::string(), big,
+                                    std::to_string(::getuid()) + " " + std::to_string(::getpid()) + " 1", blob}) {
+        const Outcome o = readReply(c);
+        EXPECT_TRUE(o.ok) << "every reply ends with short 0, short 7777";
+        EXPECT_TRUE(o.text == want) << o.text.substr(0, 100);
+    }
+}
+
+TEST(CoreServer, MalformedInputGetsOneErrorValueAtOnceAndTheConnectionCloses) {
+    TestServer server;
+    const std::string echo = requestWire("Test", "ECHO");
+    const std::vector<std::tuple<const char*, std::string, int>> cases = {
+        {"wrong magic", Wire().addShort(1).addShort(1234), EPROTO},
+        {"wrong version", Wire().addShort(7).addShort(7777), EPROTO},
+        {"version as int", Wire().addInt(1), EPROTO},
+        {"text protocol", "GET / HTTP/1.1\r\nHost: x\r\n\r\n", EPROTO},
+        {"service not a string", Wire().addShort(1).addShort(7777).addLong(5), EPROTO},
+        {"unknown service", requestWire("Nothing", "ECHO"), ENOSYS},
+        {"unknown request", requestWire("Test", "TRVX_NOPE"), ENOSYS},
+        {"long service name", requestWire(std::string(257, 'n'), "ECHO"), EMSGSIZE},
+        {"wrong tag", echo + Wire().addLong(1).bytes(), EPROTO},
+        {"wrong tag, its first byte alone", echo + "i", EPROTO},
+        {"unknown tag", echo + "Z", EPROTO},
+        {"bool not 0 or 1", requestWire("Test", "ALL").addShort(1).addInt(1).addLong(1).bytes() + "b\x02", EPROTO},
+        {"negative length", echo + std::string("s\x80\x00\x00\x00", 5), EMSGSIZE},
+        {"huge length", echo + std::string("s\x7f\xff\xff\xff", 5), EMSGSIZE},
+        {"length one past the limit", echo + std::string("s\x01\x00\x00\x01", 5), EMSGSIZE},
+        {"plan refuses", requestWire("Test", "BLOB").addLong(-1), EMSGSIZE},
+        {"huge raw run", requestWire("Test", "BLOB").addLong((64LL << 20) + 1), EMSGSIZE},
+        {"service throws", requestWire("Test", "BOOM"), EIO},
+    };
+    for (const auto& [name, bytes, code] : cases) {
+        // No body is awaited: the error value comes from what has arrived.
+        WireClient client;
+        ASSERT_TRUE(client.connect(server.address())) << name;
+        const Outcome o = roundTrip(client, bytes);
+        EXPECT_EQ(o.error, code) << name;
+        EXPECT_FALSE(o.text.empty()) << name;
+        EXPECT_TRUE(client.waitPeerClosed()) << name << ": the daemon closes after an error value";
+    }
+    EXPECT_TRUE(echoWorks(server.address()));
+}
+
+TEST(CoreServer, HalfARequestThenSilenceIsCutOffButAnIdleConnectionStays) {
+    TestServer server([](ksd::DaemonOptions& o) { o.server.requestTimeout = std::chrono::milliseconds(150); });
+    WireClient idle, half;
+    ASSERT_TRUE(idle.connect(server.address()));
+    ASSERT_TRUE(half.connect(server.address()));
+    const Outcome o = roundTrip(half, requestWire("Test", "ECHO"));  // the field never comes
+    EXPECT_EQ(o.error, ETIMEDOUT);
+    EXPECT_NE(o.text.find("150"), std::string::npos) << o.text;
+    EXPECT_TRUE(half.waitPeerClosed());
+    // The idle connection outlived several request limits and still serves.
+    EXPECT_EQ(roundTrip(idle, echoRequest("still here")).text, "still here");
+}
+
+TEST(CoreServer, AClientThatNeverReadsItsRepliesStallsNobodyElse) {
+    TestServer server;
+    WireClient stuck;
+    ASSERT_TRUE(stuck.connect(server.address()));
+    // Far more reply than the socket buffers hold, and a request queued behind it.
+    ASSERT_TRUE(stuck.send(echoRequest(std::string(8 << 20, 'q')) + echoRequest("queued")));
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(echoWorks(server.address(), "other " + std::to_string(i)));
+}
+
+TEST(CoreServer, AHeldRequestLearnsOnceThatItsClientLeft) {
+    TestServer server;
+    auto& held = server.service.held;
+    WireClient c;
+    ASSERT_TRUE(c.connect(server.address()));
+    ASSERT_TRUE(c.send(requestWire("Test", "HOLD").bytes()));
+    ASSERT_TRUE(waitUntil([&] { return server.thread.onLoop([&] { return held.size(); }) == 1; }));
+    c.close();
+    ASSERT_TRUE(waitUntil([&] { return server.service.closedWhileHeld.load() == 1; }));
+    // Answering a request whose client is gone does nothing.
+    EXPECT_FALSE(server.thread.onLoop([&] { return (held[0]->reply(Wire().addInt(1)), held[0]->isOpen()); }));
+    EXPECT_EQ(server.service.closedWhileHeld.load(), 1);
+}
+
+TEST(CoreServer, AThousandConnectionsOpenedAndDroppedLeaveTheServerServing) {
+    TestServer server;  // default limits: 512 connections per user
+    const auto connections = [&] { return server.thread.onLoop([&] { return server.daemon().connectionCount(); }); };
+    constexpr int kClients = 1000;
+    std::vector<std::unique_ptr<WireClient>> clients;
+    for (int i = 0; i < kClients; ++i) {
+        clients.push_back(std::make_unique<WireClient>());
+        ASSERT_TRUE(clients.back()->connect(server.address())) << i;
+    }
+    for (auto& c : clients) ASSERT_TRUE(c->send("XYZ"));
+    int malformed = 0, overLimit = 0;
+    std::string refusal;
+    for (auto& c : clients) {
+        const Outcome o = readReply(*c);
+        malformed += o.error == EPROTO;
+        overLimit += o.error == EDQUOT;
+        if (o.error == EDQUOT) refusal = o.text;
+    }
+    EXPECT_EQ(malformed, 512);
+    EXPECT_EQ(overLimit, kClients - 512);
+    EXPECT_NE(refusal.find("limit 512"), std::string::npos) << refusal;
+    clients.clear();
+    ASSERT_TRUE(waitUntil([&] { return connections() == 0; }));
+    EXPECT_TRUE(echoWorks(server.address())) << "a freed slot is usable again";
+
+    // Dropped without a word, cut anywhere in a request, or gone before a large reply.
+    const std::string full = echoRequest(std::string(200000, 'z'));
+    for (int i = 0; i < kClients; ++i) {
+        WireClient c;
+        ASSERT_TRUE(c.connect(server.address()));
+        ASSERT_TRUE(c.send(full.substr(0, i % 50 == 0 ? full.size() : static_cast<std::size_t>(i % 2 ? 0 : i % 64))));
+    }
+    EXPECT_TRUE(echoWorks(server.address()));
+    EXPECT_TRUE(waitUntil([&] { return connections() == 0; }));
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+// Locks through libksintf against a real ksd, contended by several client
+// processes: try-once, time-out, first come first served, and a holder
+// killed with SIGKILL whose lock passes on to the waiter.
+#include <signal.h>
+
+#include "OrvoResourceArbitration.h"
+#include "e2e_support.h"
+
+namespace {
+
+using e2e::eventually;
+using e2e::queryDaemon;
+
+class LockEndToEnd : public e2e::DaemonSuite {};
+
+// The "locks" query shows the holder's pid and the number of waiters.
+bool heldBy(const std::string& resource, pid_t pid, int waiters) {
+    const std::string json = queryDaemon("locks");
+    const auto at = json.find("{\"name\":\"" + resource + "\"");
+    const std::string entry = at == std::string::npos ? "" : json.substr(at, json.find('}', at) - at);
+    return entry.find("\"pid\":" + std::to_string(pid) + ",") != std::string::npos &&
+           entry.find("\"waiters\":" + std::to_string(waiters)) != std::string::npos;
+}
+
+TEST_F(LockEndToEnd, ContendedLockTimesOutTriesOnceAndHandsOverInArrivalOrder) {
+    auto first = helper({"lock", "disk0", "-1", "wait", "unlock", "last"});
+    const long h1 = helperValue(*first, "lock");
+    ASSERT_GT(h1, 0);
+    EXPECT_EQ(OrvoRAResourceLock("disk0", 0), -110) << "held elsewhere: try-once fails at once";
+    EXPECT_EQ(OrvoRAResourceLock("disk0", 50), -110) << "held throughout the wait";
+    const long free = OrvoRAResourceLock("disk0-other", 0);
+    ASSERT_GT(free, h1) << "another resource is free, with a new handle";
+    EXPECT_EQ(OrvoRAResourceUnlock(free), 0);
+    EXPECT_EQ(OrvoRAResourceUnlock(free), -2);
+
+    auto second = helper({"lock", "disk0", "-1", "wait", "unlock", "last"});
+    ASSERT_TRUE(eventually([&] { return heldBy("disk0", first->pid(), 1); }));
+    auto third = helper({"lock", "disk0", "60000", "unlock", "last"});
+    ASSERT_TRUE(eventually([&] { return heldBy("disk0", first->pid(), 2); }));
+
+    ASSERT_TRUE(first->writeLine("go"));
+    EXPECT_EQ(helperValue(*first, "unlock"), 0);
+    const long h2 = helperValue(*second, "lock");
+    EXPECT_GT(h2, free);
+    EXPECT_TRUE(eventually([&] { return heldBy("disk0", second->pid(), 1); })) << "the second comer, not the third";
+    ASSERT_TRUE(second->writeLine("go"));
+    EXPECT_EQ(helperValue(*second, "unlock"), 0);
+    EXPECT_GT(helperValue(*third, "lock"), h2);
+    EXPECT_EQ(helperValue(*third, "unlock"), 0);
+    for (auto* c : {first.get(), second.get(), third.get()}) EXPECT_EQ(c->wait(), 0);
+    EXPECT_EQ(queryDaemon("locks"), "[]");
+}
+
+e2e::EventLog g_tapeEvents;
+
+TEST_F(LockEndToEnd, AHolderKilledWithSigkillReleasesItsLockToTheWaiter) {
+    const int registration =
+        OrvoRARegisterForNotification("tape0", [](const char* name, int code) { g_tapeEvents.add(name, code); });
+    ASSERT_GE(registration, 0);
+    auto holder = helper({"lock", "tape0", "-1", "hang"});
+    ASSERT_GT(helperValue(*holder, "lock"), 0);
+    auto waiter = helper({"lock", "tape0", "-1", "unlock", "last"});
+    ASSERT_TRUE(eventually([&] { return heldBy("tape0", holder->pid(), 1); }));
+
+    holder->signal(SIGKILL);
+    EXPECT_EQ(holder->wait(), 128 + SIGKILL);
+    EXPECT_GT(helperValue(*waiter, "lock"), 0) << "the waiter gets the lock the dead holder never gave back";
+    EXPECT_EQ(helperValue(*waiter, "unlock"), 0);
+    EXPECT_EQ(waiter->wait(), 0);
+    // Granted, released because the holder ended, granted, unlocked.
+    EXPECT_EQ(g_tapeEvents.waitFor(4), (e2e::Log{{"tape0", 1}, {"tape0", -1}, {"tape0", 1}, {"tape0", 0}}));
+    EXPECT_EQ(OrvoRAUnregisterForNotification(registration), 0);
+}
+
+}  // namespace

@@ -1,0 +1,97 @@
+// Shared by the end-to-end tests: one real ksd process per test program
+// (the client library's shared connection keeps the first address it used),
+// event collectors for the C callbacks, the operator's query over the
+// notification network, and helper processes pointed at the daemon.
+#pragma once
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "OrvoNotificationNetwork.h"
+#include "ksd_process.h"
+
+namespace e2e {
+
+using Log = std::vector<std::pair<std::string, int>>;
+
+// Events handed to a C callback on the library's delivery thread.
+struct EventLog {
+    std::mutex mutex;
+    std::condition_variable changed;
+    Log items;
+    void add(const char* text, int code) {
+        std::lock_guard<std::mutex> lock(mutex);
+        items.emplace_back(text ? text : "", code);
+        changed.notify_all();
+    }
+    // Bounded, so a lost event fails the test instead of hanging it.
+    Log waitFor(std::size_t n) {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, std::chrono::seconds(20), [&] { return items.size() >= n; });
+        return items;
+    }
+};
+
+// The daemon every test of the program talks to.
+class DaemonSuite : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ksd_ = new kstest::KsdProcess();
+        ASSERT_TRUE(ksd_->start()) << ksd_->log();
+        ::setenv("KSINTF_CONN_TYPE", ksd_->connType().c_str(), 1);
+    }
+    static void TearDownTestSuite() { delete std::exchange(ksd_, nullptr); }
+    void SetUp() override { ASSERT_TRUE(ksd_ != nullptr && ksd_->isRunning()) << "ksd is not running"; }
+
+    // ks_client_helper running `steps` against this daemon.
+    static std::unique_ptr<kstest::ChildProcess> helper(const std::vector<std::string>& steps) {
+        auto child = std::make_unique<kstest::ChildProcess>(kstest::clientHelperProgram(), steps,
+                                                            std::map<std::string, std::string>{
+                                                                {"KSINTF_CONN_TYPE", ksd_->connType()}});
+        EXPECT_TRUE(child->started());
+        return child;
+    }
+    // The number after "<prefix> " in the helper's next line that starts so; -9999 when none came.
+    static long helperValue(kstest::ChildProcess& child, const std::string& prefix) {
+        const std::string line = child.waitForLine(prefix + " ");
+        return line.empty() ? -9999 : std::stol(line.substr(prefix.size() + 1));
+    }
+    static inline kstest::KsdProcess* ksd_ = nullptr;
+};
+
+// Asks the running daemon an operator query ("locks", "jobs", "status"); empty when no answer came.
+inline std::string queryDaemon(const std::string& what) {
+    static std::atomic<int> counter{0};
+    std::promise<std::string> reply;
+    const std::string token = std::to_string(::getpid()) + "-e2e-" + std::to_string(++counter);
+    auto deliver = [](const char*, OrvoNNNotification* n) {
+        static_cast<std::promise<std::string>*>(n->m_pContext)->set_value(n->m_pszData ? n->m_pszData : "");
+    };
+    const int handle = OrvoNNRegisterForNotification(("KsdReply:" + token + "$").c_str(), deliver, &reply);
+    if (handle < 0) return {};
+    OrvoNNNotification request{};
+    request.m_pszData = what.c_str();
+    request.m_pData = const_cast<char*>(token.data());
+    request.m_nDataLength = static_cast<long>(token.size());
+    auto answer = reply.get_future();
+    const bool got = OrvoNNNotify("KsdQuery", &request) > 0 &&
+                     answer.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    OrvoNNUnregisterForNotification(handle);
+    return got ? answer.get() : std::string();
+}
+
+// Polls `condition` until it holds; the bound only keeps a broken daemon from hanging the test.
+template <typename F>
+bool eventually(F condition) {
+    for (int i = 0; i < 400; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(25)))
+        if (condition()) return true;
+    return false;
+}
+
+}  // namespace e2e

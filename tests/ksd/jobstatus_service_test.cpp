@@ -1,0 +1,103 @@
+// The JobStatus service as the request layer drives it: field plans, the
+// requests with their replies, who may change what, and the events in order.
+#include <gtest/gtest.h>
+
+#include "arbiter_test_fakes.h"
+#include "fake_daemon.h"
+#include "services/jobstatus/jobstatus_service.h"
+
+namespace {
+
+using ksd::FieldKind;
+using ksdtest::unixPeer;
+using Fields = std::vector<ksd::Value>;
+
+const ksd::PeerInfo kAlicePeer = unixPeer(10, 1000);
+const ksd::PeerInfo kBobPeer = unixPeer(20, 1001);
+
+ksd::Value str(std::string s) { return {'s', 0, std::move(s)}; }
+ksd::Value lng(std::int64_t v) { return {'l', v, {}}; }
+
+class JobStatus : public ::testing::Test {
+protected:
+    auto call(const std::string& request, Fields fields, const ksd::PeerInfo& peer = kAlicePeer) {
+        auto responder = std::make_shared<ksdtest::FakeResponder>();
+        ksd::Request r{"JobStatus", request, std::move(fields), peer, responder};
+        service_->handle(r);
+        return responder;
+    }
+    // The kinds a request's plan asks for when fed `fields` one by one, as the parser would.
+    std::vector<FieldKind> walkPlan(const char* request, const Fields& fields, int* errorCode = nullptr) {
+        const ksd::FieldPlan* plan = service_->plan(request);
+        std::vector<FieldKind> kinds;
+        for (Fields soFar; plan != nullptr; soFar.push_back(fields[soFar.size()])) {
+            const auto asked = (*plan)(soFar);
+            kinds.push_back(asked.kind);
+            if (errorCode) *errorCode = asked.errorCode;
+            if (asked.kind == FieldKind::Done || asked.kind == FieldKind::Invalid || soFar.size() == fields.size()) break;
+        }
+        return kinds;
+    }
+
+    kstest::ScopedTempDir dir_{"kstest-jobstatus"};
+    ksdtest::RecordingPublisher events_;
+    std::unique_ptr<ksd::JobStatusService> service_ = std::make_unique<ksd::JobStatusService>(
+        events_, dir_.path(), ksd::jobs::JobLimits{.maxNameLength = 8, .maxDescriptionLength = 16, .maxAppIds = 4});
+};
+
+TEST_F(JobStatus, EveryRequestAwaitsExactlyTheFieldsItsClientFunctionSends) {
+    for (const auto& [request, fields] : std::vector<std::pair<const char*, Fields>>{
+             {"TRVX_JS_CREATE", {str("d"), str("n")}}, {"TRVX_JS_LOOKUP", {str("n")}}, {"TRVX_JS_DELETE", {lng(1)}},
+             {"TRVX_JS_GET_PROGRESS", {lng(1)}}, {"TRVX_JS_CANCEL", {lng(1)}}, {"TRVX_JS_SET_PROGRESS", {lng(1), lng(2)}},
+             {"TRVX_JS_GET_ALL_PROGRESS", {}}, {"TRVX_JS_MAP_JOB", {lng(1), lng(-3)}},
+             {"TRVX_JS_MAP_JOB", {lng(1), lng(2), lng(5), lng(6)}}}) {
+        std::vector<FieldKind> expected;
+        for (const auto& f : fields) expected.push_back(f.tag == 's' ? FieldKind::String : FieldKind::Long);
+        expected.push_back(FieldKind::Done);
+        EXPECT_EQ(walkPlan(request, fields), expected) << request;
+    }
+    int error = 0;
+    EXPECT_EQ(walkPlan("TRVX_JS_MAP_JOB", {lng(1), lng(5)}, &error).back(), FieldKind::Invalid) << "count bounded first";
+    EXPECT_EQ(error, EMSGSIZE);
+}
+
+TEST_F(JobStatus, ALifeCycleAnswersEachRequestAndPublishesEachEventInOrder) {
+    for (const auto& tooLong : {Fields{str("d"), str("123456789")}, Fields{str(std::string(17, 'd')), str("n")}})
+        EXPECT_EQ(call("TRVX_JS_CREATE", tooLong)->failCode, EMSGSIZE);
+    EXPECT_EQ(call("TRVX_JS_CREATE", {str("d"), str("")})->value(), -EINVAL);
+    for (const auto& [request, fields, reply] : std::vector<std::tuple<const char*, Fields, std::int64_t>>{
+        {"TRVX_JS_CREATE", {str(std::string(16, 'd')), str("backup")}, 1},
+        {"TRVX_JS_CREATE", {str("again"), str("backup")}, -EEXIST},
+        {"TRVX_JS_LOOKUP", {str("backup")}, 1},
+        {"TRVX_JS_MAP_JOB", {lng(1), lng(2), lng(11), lng(12)}, 0},
+        {"TRVX_JS_SET_PROGRESS", {lng(1), lng(50)}, 0},
+        {"TRVX_JS_SET_PROGRESS", {lng(1), lng(150)}, -EINVAL},
+        {"TRVX_JS_GET_PROGRESS", {lng(1)}, 50},
+        {"TRVX_JS_SET_PROGRESS", {lng(1), lng(100)}, 0},
+        {"TRVX_JS_GET_ALL_PROGRESS", {}, 1},
+        {"TRVX_JS_CANCEL", {lng(1)}, 0},
+        {"TRVX_JS_DELETE", {lng(1)}, 0},
+        {"TRVX_JS_GET_PROGRESS", {lng(1)}, -ENOENT},
+        {"TRVX_JS_GET_ALL_PROGRESS", {}, 0}})
+        EXPECT_EQ(call(request, fields)->value(), reply) << request;
+    std::vector<ksdtest::PublishedEvent> expected;
+    for (int code : {2, 3, 3, 0, 1, -1}) expected.emplace_back("OrvoJSEvent:backup$", "backup", code);
+    EXPECT_EQ(events_.events, expected);
+}
+
+TEST_F(JobStatus, OtherUsersAndTcpClientsMayReadButNotChange) {
+    ASSERT_EQ(call("TRVX_JS_CREATE", {str("d"), str("mine")})->value(), 1);
+    for (const auto& [request, fields] : std::vector<std::pair<const char*, Fields>>{
+             {"TRVX_JS_SET_PROGRESS", {lng(1), lng(9)}}, {"TRVX_JS_CANCEL", {lng(1)}}, {"TRVX_JS_DELETE", {lng(1)}},
+             {"TRVX_JS_MAP_JOB", {lng(1), lng(0)}}}) {
+        EXPECT_EQ(call(request, fields, kBobPeer)->value(), -EPERM) << request;
+        EXPECT_EQ(call(request, fields, ksdtest::tcpPeer())->failCode, EACCES) << request;
+    }
+    EXPECT_EQ(call("TRVX_JS_CREATE", {str("d"), str("tcp")}, ksdtest::tcpPeer())->failCode, EACCES);
+    EXPECT_EQ(call("TRVX_JS_SET_PROGRESS", {lng(1), lng(5)}, unixPeer(30, 0))->value(), 0) << "root may";
+    EXPECT_EQ(call("TRVX_JS_GET_PROGRESS", {lng(1)}, kBobPeer)->value(), 5);
+    EXPECT_EQ(call("TRVX_JS_LOOKUP", {str("mine")}, ksdtest::tcpPeer())->value(), 1);
+    EXPECT_EQ(events_.events.size(), 2u) << "created, and root's update; nothing refused was announced";
+}
+
+}  // namespace

@@ -1,0 +1,130 @@
+// The state database and the job book over it: schema versions, WAL,
+// persistence across reopening, ids never reused, and the rules of every
+// job operation with the events each one causes.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "fake_daemon.h"
+#include "services/jobstatus/job_book.h"
+#include "services/jobstatus/job_store.h"
+#include "store/schema.h"
+#include "store/store_error.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using ksd::jobs::JobEvent;
+using ksd::jobs::JobState;
+using ksd::store::Database;
+using Events = std::vector<JobEvent>;
+
+constexpr uid_t kAlice = 1000;
+constexpr uid_t kBob = 1001;
+
+// A book over a database in a directory of its own, reopened at will as a
+// restarted daemon would.
+class Jobs : public ::testing::Test {
+protected:
+    Jobs() { reopen(); }
+    void reopen() {
+        book_.reset(), store_.reset(), db_.reset();
+        db_ = ksd::store::openStateDatabase(dir_.path());
+        store_ = std::make_unique<ksd::jobs::JobStore>(*db_);
+        book_ = std::make_unique<ksd::jobs::JobBook>(*store_, ksd::jobs::JobLimits{});
+    }
+    kstest::ScopedTempDir dir_{"kstest-jobs"};
+    std::unique_ptr<Database> db_;
+    std::unique_ptr<ksd::jobs::JobStore> store_;
+    std::unique_ptr<ksd::jobs::JobBook> book_;
+};
+
+TEST(StateDatabase, IsCreatedAtTheLatestSchemaInWalModeAndRefusesNewerOrForeignFiles) {
+    kstest::ScopedTempDir dir("kstest-db");
+    {
+        auto db = ksd::store::openStateDatabase(dir.path());
+        EXPECT_EQ(db->userVersion(), ksd::store::latestSchemaVersion());
+        EXPECT_EQ(db->pragma("journal_mode"), "wal");
+        EXPECT_EQ(db->pragma("synchronous"), "1") << "NORMAL";
+        db->setUserVersion(ksd::store::latestSchemaVersion() + 1);
+    }
+    EXPECT_THROW(ksd::store::openStateDatabase(dir.path()), ksd::store::StoreError) << "written by a newer daemon";
+    kstest::ScopedTempDir foreign("kstest-db");
+    std::ofstream(fs::path(foreign.path()) / ksd::store::kDatabaseFileName) << std::string(4096, 'x');
+    EXPECT_THROW(ksd::store::openStateDatabase(foreign.path()), ksd::store::StoreError);
+}
+
+TEST_F(Jobs, IdsAreFreshNamesUniqueAndNeitherIsLostOrReusedAcrossReopening) {
+    EXPECT_EQ(book_->create("d1", "one", kAlice).events, Events{JobEvent::Created});
+    EXPECT_EQ(book_->create("other", "one", kBob).reply, -EEXIST);
+    EXPECT_EQ(book_->create("x", std::string("a\0b", 3), kBob).reply, -EINVAL);
+    ASSERT_EQ(book_->create("", "two", kBob).reply, 2) << "an empty description is fine";
+    ASSERT_EQ(book_->create("d3", "three", kBob).reply, 3);
+    ASSERT_EQ(book_->setProgress(1, 40, kAlice).reply, 0);
+    const std::vector<std::int64_t> apps = {7, -8, 2147483647, -2147483648LL};
+    ASSERT_EQ(book_->mapAppIds(1, apps, kAlice).reply, 0);
+    ASSERT_EQ(book_->cancel(2, kBob).reply, 0);
+    ASSERT_EQ(book_->remove(3, kBob).reply, 0);  // the highest id is gone before the restart
+
+    reopen();
+    ASSERT_EQ(book_->size(), 2u);
+    const auto* one = book_->find(1);
+    ASSERT_NE(one, nullptr);
+    EXPECT_EQ(std::tie(one->name, one->description, one->progress, one->owner, one->appIds, one->state),
+              std::make_tuple("one", "d1", 40, kAlice, apps, JobState::Running));
+    EXPECT_EQ(std::make_pair(book_->lookup("two"), book_->find(2)->state), std::make_pair(std::int64_t{2}, JobState::Cancelled));
+    EXPECT_EQ(book_->create("d", "three", kAlice).reply, 4) << "the name is free again, the id is never reused";
+}
+
+TEST_F(Jobs, ChangesAreBoundedOwnedAndAnnounced) {
+    ASSERT_EQ(book_->create("d", "job", kAlice).reply, 1);
+    for (auto [id, value, who, reply] : std::vector<std::tuple<std::int64_t, std::int64_t, uid_t, int>>{
+             {1, -1, kAlice, -EINVAL}, {1, 101, kAlice, -EINVAL}, {1, 4294967346LL, kAlice, -EINVAL},
+             {9, 10, kAlice, -ENOENT}, {1, 10, kBob, -EPERM}})
+        EXPECT_EQ(book_->setProgress(id, value, who).reply, reply) << value;
+    EXPECT_EQ(book_->progress(1), 0) << "refused changes change nothing";
+
+    EXPECT_EQ(book_->setProgress(1, 30, kAlice).events, Events{JobEvent::Updated});
+    EXPECT_TRUE(book_->setProgress(1, 30, kAlice).events.empty()) << "no change, no event";
+    EXPECT_EQ(book_->setProgress(1, 60, 0).events, Events{JobEvent::Updated}) << "root may";
+    EXPECT_EQ(book_->setProgress(1, 100, kAlice).events, (Events{JobEvent::Updated, JobEvent::Completed}));
+    EXPECT_EQ(book_->find(1)->state, JobState::Completed);
+    EXPECT_EQ(book_->setProgress(1, 90, kAlice).events, Events{JobEvent::Updated});
+    EXPECT_EQ(book_->find(1)->state, JobState::Running) << "back below 100 it runs again";
+    for (auto [id, who, reply] : std::vector<std::tuple<std::int64_t, uid_t, int>>{{1, kBob, -EPERM}, {5, kAlice, -ENOENT}}) {
+        EXPECT_EQ(book_->cancel(id, who).reply, reply);
+        EXPECT_EQ(book_->mapAppIds(id, {1}, who).reply, reply);
+        EXPECT_EQ(book_->remove(id, who).reply, reply);
+    }
+    ASSERT_EQ(book_->mapAppIds(1, {3, 4}, kAlice).reply, 0);
+    EXPECT_EQ(book_->mapAppIds(1, {}, kAlice).events, Events{});
+    EXPECT_TRUE(book_->find(1)->appIds.empty()) << "a new mapping replaces the old one";
+    EXPECT_EQ(book_->cancel(1, kAlice).events, Events{JobEvent::Cancelled});
+    EXPECT_EQ(book_->cancel(1, kAlice).events, Events{}) << "cancelled once";
+    EXPECT_EQ(book_->setProgress(1, 50, kAlice).reply, -ECANCELED) << "the worker learns of the cancel";
+    auto removed = book_->remove(1, 0);
+    EXPECT_EQ(std::tie(removed.reply, removed.jobName, removed.events), std::make_tuple(0, "job", Events{JobEvent::Exit}));
+}
+
+TEST_F(Jobs, AFailedWriteChangesNothingAndSaysSo) {
+    ASSERT_EQ(book_->create("d", "job", kAlice).reply, 1);
+    // Another connection holds the write lock past our busy time-out.
+    Database other(fs::path(dir_.path()) / ksd::store::kDatabaseFileName);
+    ksd::store::Transaction hold(other);
+    EXPECT_EQ(book_->create("d", "blocked", kAlice).reply, -EIO);
+    EXPECT_EQ(book_->setProgress(1, 50, kAlice).reply, -EIO);
+    EXPECT_EQ(book_->remove(1, kAlice).reply, -EIO);
+    EXPECT_EQ(book_->lookup("blocked"), -ENOENT);
+    EXPECT_EQ(book_->progress(1), 0);
+}
+
+TEST_F(Jobs, TheLiveJobLimitAnswersNoSpace) {
+    ksd::jobs::JobBook small(*store_, ksd::jobs::JobLimits{.maxJobs = 1});
+    ASSERT_EQ(small.create("d", "a", kAlice).reply, 1);
+    EXPECT_EQ(small.create("d", "b", kAlice).reply, -ENOSPC);
+    ASSERT_EQ(small.remove(1, kAlice).reply, 0);
+    EXPECT_EQ(small.create("d", "b", kAlice).reply, 2);
+}
+
+}  // namespace

@@ -1,0 +1,266 @@
+// The Notifier against a daemon on its own thread: subscriptions, ordered
+// asynchronous delivery, bounded queues, unreachable subscribers, refusals;
+// last, end to end through the client library.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "OrvoNotificationNetwork.h"
+#include "core_test_util.h"
+
+namespace {
+
+using namespace ksdtest;
+
+// A subscriber listening on an abstract pipe. The test reads the pushed
+// frames itself; a stalled subscriber is one it never reads.
+class TestSink {
+public:
+    TestSink() : name_(kstest::uniqueName("kstest-sink")) {
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        std::memcpy(a.sun_path + 1, name_.data(), name_.size());
+        ::bind(listen_, reinterpret_cast<sockaddr*>(&a), socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name_.size()));
+        ::listen(listen_, 16);
+    }
+    ~TestSink() { stop(); }
+    void stop() {  // the subscriber goes away
+        push_.close();
+        if (listen_ >= 0) ::close(std::exchange(listen_, -1));
+    }
+    std::string address() const { return "pipe:" + name_; }
+
+    // The next pushed frame as "id|sender|event|text|payload": empty when none
+    // comes within 10 s, "malformed" when its length disagrees with its parts.
+    std::string next() {
+        if (!push_.isOpen() && readable(10000)) push_.adopt(::accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC));
+        OrvoNet::Codec::Value id, len, sender, event, text, n;
+        std::string payload;
+        if (!push_.readValue(id, 10000) || !push_.readValue(len) || !push_.readValue(sender) ||
+            !push_.readValue(event) || !push_.readValue(text) || !push_.readValue(n) ||
+            !push_.readRaw(payload, std::size_t(n.integer)))
+            return "";
+        // Three tagged strings, a tagged long and the payload.
+        if (len.integer !=
+            std::int64_t(3 * 5 + 9 + sender.text.size() + event.text.size() + text.text.size() + payload.size()))
+            return "malformed";
+        return std::to_string(id.integer) + "|" + sender.text + "|" + event.text + "|" + text.text + "|" + payload;
+    }
+
+private:
+    bool readable(int ms) const {
+        pollfd p{listen_, POLLIN, 0};
+        return ::poll(&p, 1, ms) == 1;
+    }
+    std::string name_;
+    int listen_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    kstest::WireClient push_;
+};
+
+class NotifierTest : public ::testing::Test {
+protected:
+    void start(ksd::NotifierLimits limits = {}) {
+        server_ = std::make_unique<TestServer>([&](ksd::DaemonOptions& o) { o.notifier = limits; });
+    }
+    std::int64_t status(const std::string& name) {
+        for (const auto& item : server_->thread.onLoop([&] { return server_->daemon().notifier().status(); }))
+            if (item.name == name) return item.value;
+        return -1;
+    }
+    // A reply's value, or kRefused + the error value's code.
+    static constexpr std::int64_t kRefused = -1000;
+    std::int64_t ask(const std::string& request, const std::string& address = "") {
+        const Outcome o = call(address.empty() ? server_->address() : address, request);
+        return o.ok ? o.value : kRefused + o.error;
+    }
+    std::int64_t notify(std::string_view event, std::string_view text = "", std::string_view payload = "") {
+        return ask(notifyRequest(event, text, payload));
+    }
+    std::int64_t subscribe(std::string_view event, std::string_view address, std::int32_t id,
+                           const std::string& via = "") {
+        return ask(requestWire("Notifier", "TRVX_NN_REGISTER").addString(event).addString(address).addInt(id), via);
+    }
+    std::int64_t unsubscribe(std::string_view address, std::int32_t id) {
+        return ask(requestWire("Notifier", "TRVX_NN_UNREGISTER").addString(address).addInt(id));
+    }
+
+    std::unique_ptr<TestServer> server_;
+};
+
+TEST_F(NotifierTest, RegisterNotifyUnregisterWithOneSubscriptionPerAddressAndId) {
+    start();
+    TestSink sink;
+    EXPECT_EQ(subscribe("weather", sink.address(), 7), 0);
+    EXPECT_EQ(subscribe("weather", sink.address(), 7), 0);
+    EXPECT_EQ(status("subscriptions"), 1) << "the same address and id twice is one subscription";
+    const std::string payload("\x00\x01\x02rain", 7);
+    EXPECT_EQ(notify("weather", "<w>rain</w>", payload), 1) << "queued for one subscription";
+    EXPECT_EQ(sink.next(), "7|udp:127.0.0.1:0|weather|<w>rain</w>|" + payload);
+    EXPECT_EQ(subscribe("climate", sink.address(), 7), 0) << "the key moves to another event";
+    EXPECT_EQ(notify("weather"), 0);
+    EXPECT_EQ(notify("climate"), 1);
+    EXPECT_EQ(unsubscribe(sink.address(), 7), 0);
+    EXPECT_EQ(unsubscribe(sink.address(), 7), -2);
+    EXPECT_EQ(notify("climate"), 0);
+}
+
+TEST_F(NotifierTest, DeliveryFollowsPublicationOrderOverOnePushConnection) {
+    start();
+    TestSink sink;
+    ASSERT_EQ(subscribe("odd", sink.address(), 1), 0);
+    ASSERT_EQ(subscribe("even", sink.address(), 2), 0);
+    kstest::WireClient publisher;  // one long-lived connection, like the library's shared one
+    ASSERT_TRUE(publisher.connect(server_->address()));
+    for (int i = 0; i < 300; ++i) {
+        const std::string request = notifyRequest(i % 2 ? "odd" : "even", std::to_string(i), std::string(i, 'p'));
+        ASSERT_EQ(roundTrip(publisher, request).value, 1) << i;
+    }
+    for (int i = 0; i < 300; ++i)  // all read from the one push connection the sink accepts
+        ASSERT_EQ(sink.next(), (i % 2 ? "1|udp:127.0.0.1:0|odd|" : "2|udp:127.0.0.1:0|even|") + std::to_string(i) +
+                                   "|" + std::string(i, 'p'));
+}
+
+TEST_F(NotifierTest, AStalledSubscriberLosesOnlyItsOwnNotificationsAndTheyAreCounted) {
+    ksd::NotifierLimits limits;
+    limits.maxQueuedFrames = 20;
+    start(limits);
+    TestSink stalled, healthy;
+    ASSERT_EQ(subscribe("load", stalled.address(), 1), 0);
+    ASSERT_EQ(subscribe("load", healthy.address(), 1), 0);
+    kstest::WireClient publisher;
+    ASSERT_TRUE(publisher.connect(server_->address()));
+    constexpr int kCount = 1000;
+    std::int64_t queued = 0;
+    for (int i = 0; i < kCount; ++i) {
+        const Outcome o = roundTrip(publisher, notifyRequest("load", std::to_string(i), std::string(32768, 'L')));
+        ASSERT_TRUE(o.ok) << "the publisher is answered whatever the stalled subscriber does, at " << i;
+        queued += o.value;
+        // In step with the healthy subscriber, so that only the stalled one can reach the bound.
+        ASSERT_EQ(healthy.next(), "1|udp:127.0.0.1:0|load|" + std::to_string(i) + "|" + std::string(32768, 'L'));
+    }
+    EXPECT_GT(status("queue_drops"), 0);
+    EXPECT_EQ(status("queue_drops"), 2 * kCount - queued) << "every notification not queued is counted";
+}
+
+TEST_F(NotifierTest, AnUnreachableOrVanishedSubscriberLosesItsSubscriptions) {
+    start();
+    const std::string nobody = "pipe:" + kstest::uniqueName("kstest-nobody");
+    ASSERT_EQ(subscribe("e", nobody, 1), 0);
+    ASSERT_EQ(subscribe("f", nobody, 2), 0);
+    EXPECT_EQ(notify("e"), 1) << "queued; delivery is asynchronous";
+    ASSERT_TRUE(waitUntil([&] { return status("subscriptions") == 0; })) << "connection refused drops both";
+    EXPECT_EQ(notify("f"), 0);
+
+    TestSink sink;
+    ASSERT_EQ(subscribe("g", sink.address(), 3), 0);
+    ASSERT_EQ(notify("g", "1"), 1);
+    ASSERT_EQ(sink.next(), "3|udp:127.0.0.1:0|g|1|");
+    sink.stop();  // the subscriber's process goes away
+    ASSERT_TRUE(waitUntil([&] { return status("subscriptions") == 0; }));
+    EXPECT_EQ(notify("g", "2"), 0);
+}
+
+TEST_F(NotifierTest, ForeignAddressesDaemonEventsOversizedNotificationsAndExcessSubscriptionsAreRefused) {
+    ksd::NotifierLimits limits;
+    limits.maxPayload = 4096;
+    limits.maxSubscriptionsPerUser = 1;
+    start(limits);
+    TestSink sink;
+    EXPECT_EQ(subscribe("x", "socket:10.1.2.3:5000", 1), kRefused + EACCES);
+    EXPECT_EQ(subscribe("x", "socket:127.0.0.1:0", 1), -EINVAL) << "malformed";
+    const std::string tcp = server_->tcpAddress();
+    EXPECT_EQ(subscribe("x", sink.address(), 1, tcp), kRefused + EACCES) << "a TCP client cannot own a pipe";
+    EXPECT_EQ(ask(notifyRequest("x", "", ""), tcp), 0) << "but may publish";
+    for (const char* event : {"OrvoRAEvent:printer$", "OrvoJSEvent:job$", "OrvoTSEventX", "KsdReply:1-1$"})
+        EXPECT_EQ(notify(event), kRefused + EACCES) << event;
+    EXPECT_EQ(notify("big", "", std::string(5000, 'b')), kRefused + EMSGSIZE);
+    EXPECT_EQ(ask(requestWire("Notifier", "TRVX_NN_NOTIFY").addString("s").addString("e").addString("t").addLong(-1)),
+              kRefused + EMSGSIZE);
+    EXPECT_EQ(notify("small", "", std::string(1000, 's')), 0);
+    EXPECT_EQ(subscribe("e", sink.address(), 1), 0);
+    EXPECT_EQ(subscribe("e", sink.address(), 2), kRefused + EDQUOT);
+    EXPECT_EQ(subscribe("moved", sink.address(), 1), 0) << "re-registering is no new one";
+}
+
+TEST_F(NotifierTest, TheDaemonPublishesItsOwnEventsAndAnswersOperatorQueries) {
+    start();
+    TestSink sink;
+    ASSERT_EQ(subscribe("OrvoJSEvent:backup$", sink.address(), 5), 0);
+    ASSERT_EQ(subscribe("KsdReply:42-1$", sink.address(), 9), 0);
+    server_->thread.onLoop(
+        [&] { return (server_->daemon().notifier().publishEvent("OrvoJSEvent:backup$", "backup", -1), 0); });
+    const std::int32_t minusOne = -1;  // as a native int
+    EXPECT_EQ(sink.next(),
+              "5|ksd|OrvoJSEvent:backup$|backup|" + std::string(reinterpret_cast<const char*>(&minusOne), 4));
+    EXPECT_EQ(notify("KsdQuery", "status", "42-1"), 1);
+    const std::string reply = sink.next();
+    EXPECT_EQ(reply.rfind("9|ksd|KsdReply:42-1$|{", 0), 0u) << reply;
+    EXPECT_EQ(reply.back(), '|') << "a JSON text and no payload";
+    for (const char* item : {"\"connections\":", "\"pid\":", "\"subscriptions\":2", "\"queue_drops\":0"})
+        EXPECT_NE(reply.find(item), std::string::npos) << reply;
+    EXPECT_EQ(notify("KsdQuery", "status", "bad$token"), 0) << "no reply event can be named after it";
+}
+
+// Through libksintf's C API: the whole path from OrvoNNNotify to a subscriber's function.
+// Collects what the library's callback thread hands to a subscriber, as
+// "event|text|payload" ("event|text|null payload" without a payload pointer).
+struct Inbox {
+    std::mutex mutex;
+    std::vector<std::string> items;
+
+    static void callback(const char* pszEventName, OrvoNNNotification* p) {
+        auto* self = static_cast<Inbox*>(p->m_pContext);
+        const auto* data = static_cast<const char*>(p->m_pData);
+        const std::string payload = data ? std::string(data, std::size_t(p->m_nDataLength)) : "null payload";
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->items.push_back(std::string(pszEventName) + "|" + p->m_pszData + "|" + payload);
+    }
+    std::vector<std::string> waitFor(std::size_t n) {
+        ksdtest::waitUntil([&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return items.size() >= n;
+        });
+        std::lock_guard<std::mutex> lock(mutex);
+        return items;
+    }
+};
+
+int publish(const char* event, const std::string& text, std::string payload) {
+    OrvoNNNotification n{text.c_str(), payload.data(), static_cast<long>(payload.size()), nullptr};
+    return OrvoNNNotify(event, &n);
+}
+
+TEST(NotifierEndToEnd, EmptyAndOneMebibytePayloadsReachEverySubscriberInOrder) {
+    ksdtest::TestServer daemon;
+    kstest::ScopedEnv env("KSINTF_CONN_TYPE", daemon.address());
+    Inbox first, second;
+    const int a = OrvoNNRegisterForNotification("e2e-files", &Inbox::callback, &first);
+    const int b = OrvoNNRegisterForNotification("e2e-files", &Inbox::callback, &second);
+    ASSERT_GT(a, 0);
+    ASSERT_GT(b, 0);
+    std::string big(1 << 20, '\0');
+    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 31 + 7);
+    EXPECT_EQ(publish("e2e-files", "<empty/>", ""), 2);
+    EXPECT_EQ(publish("e2e-files", "<big/>", big), 2);
+    EXPECT_EQ(publish("OrvoRAEvent:printer$", "", ""), -13) << "a refusal comes back as minus its code";
+    EXPECT_EQ(publish("e2e-files", "after", ""), 2) << "and the shared connection serves on";
+    const std::vector<std::string> want = {"e2e-files|<empty/>|", "e2e-files|<big/>|" + big, "e2e-files|after|"};
+    EXPECT_TRUE(first.waitFor(3) == want) << "an empty payload still comes with a pointer";
+    EXPECT_TRUE(second.waitFor(3) == want);
+    EXPECT_EQ(OrvoNNUnregisterForNotification(a), 0);
+    EXPECT_EQ(OrvoNNUnregisterForNotification(a), -2);
+    EXPECT_EQ(OrvoNNUnregisterForNotification(b), 0);
+    EXPECT_EQ(publish("e2e-files", "", ""), 0);
+}
+
+}  // namespace

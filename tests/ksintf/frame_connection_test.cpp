@@ -1,0 +1,179 @@
+// OrvoLibraryConnection: transport choice from KSINTF_CONN_TYPE, request
+// framing bytes, and the raw whole-buffer operations.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "OrvoLibraryConnection.h"
+#include "OrvoPayloadConnection.h"
+#include "OrvoStreamConnection.h"
+#include "fake_daemon.h"
+#include "frame_test_util.h"
+
+using frametest::Records;
+using KSInterface::OrvoLibraryConnection;
+using kstest::Wire;
+using OrvoNet::OrvoConnection;
+using OrvoSupport::OrvoSmartPointer;
+using OrvoSupport::OrvoString;
+
+namespace {
+
+const std::string kDefault =
+    "OrvoLibraryConnection::establishDefaultConnection: creating default (named pipe) connection using name "
+    "'osm_ks_shrsvc'";
+const std::string kUnknown =
+    "OrvoLibraryConnection::establishConnection: unknown connection type specified, creating default connection";
+std::string pipeLine(const std::string& sName) {
+    return "OrvoLibraryConnection::establishConnection: creating named pipe connection using name '" + sName + "'";
+}
+std::string tcpLine(const std::string& sHost, int nPort) {
+    return "OrvoLibraryConnection::establishConnection: creating tcp connection to '" + sHost + "' using port " +
+           std::to_string(nPort);
+}
+
+struct ConnCase {
+    const char* pszValue;  // null: variable unset
+    std::string sWhere;    // "pipe <name>" or "tcp <host>:<port>"
+    Records log;
+};
+
+std::vector<ConnCase> allCases() {
+    const Records unknown = {{1, kUnknown}, {9, kDefault}};
+    return {
+        {nullptr, "pipe osm_ks_shrsvc", {{9, kDefault}}},
+        {"pipe", "pipe osm_ks_shrsvc", {{9, pipeLine("osm_ks_shrsvc")}}},
+        {"pipeline", "pipe osm_ks_shrsvc", {{9, pipeLine("osm_ks_shrsvc")}}},
+        {"pipe:abc", "pipe abc", {{9, pipeLine("abc")}}},
+        {"pipe:", "pipe ", {{9, pipeLine("")}}},
+        {"pipe:a:b", "pipe a:b", {{9, pipeLine("a:b")}}},
+        {"socket", "tcp 127.0.0.1:1311", {{9, tcpLine("127.0.0.1", 1311)}}},
+        {"socketx", "tcp 127.0.0.1:1311", {{9, tcpLine("127.0.0.1", 1311)}}},
+        {"socket:1400", "tcp :1400", {{9, tcpLine("", 1400)}}},
+        {"socket:h:1400", "tcp :0", {{9, tcpLine("", 0)}}},
+        {"PIPE", "pipe osm_ks_shrsvc", unknown},
+        {"sock", "pipe osm_ks_shrsvc", unknown},
+        {"", "pipe osm_ks_shrsvc", unknown},
+        {" pipe", "pipe osm_ks_shrsvc", unknown},
+    };
+}
+
+std::string where(OrvoConnection* p) {
+    if (auto* pTcp = dynamic_cast<OrvoNet::OrvoSocketConnection*>(p))
+        return "tcp " + pTcp->getHost() + ":" + std::to_string(pTcp->getPort());
+    auto* pPipe = dynamic_cast<OrvoNet::OrvoPipeConnection*>(p);
+    return pPipe ? "pipe " + pPipe->getPipeName() : "other";
+}
+
+// Sets KSINTF_CONN_TYPE for one scope; null unsets it.
+struct ConnTypeEnv : kstest::ScopedEnv {
+    explicit ConnTypeEnv(const char* pszValue) : ScopedEnv("KSINTF_CONN_TYPE", pszValue ? pszValue : "") {
+        if (!pszValue) unsetenv("KSINTF_CONN_TYPE");
+    }
+};
+
+}  // namespace
+
+// Every form picks its transport and address and logs exactly its line
+// (checked without connecting anywhere).
+TEST(FrameConnectionType, EveryFormChoosesTransportAndLogsItsLine) {
+    for (const ConnCase& c : allCases()) {
+        SCOPED_TRACE(c.pszValue ? c.pszValue : "(unset)");
+        ConnTypeEnv env(c.pszValue);
+        OrvoSmartPointer<OrvoConnection> memory(new OrvoNet::OrvoPayloadConnection(""));
+        OrvoLibraryConnection connection(memory);
+        frametest::LogCapture log;
+        connection.establishConnection();
+        EXPECT_EQ(log.records(), c.log);
+        EXPECT_EQ(where(connection.transport()), c.sWhere);
+    }
+}
+
+// The fixed addresses (default pipe, empty pipe name, TCP port 1311) really
+// connect, checked in a private network namespace where nothing but the
+// test's listener can accept, and no daemon can be met.
+TEST(FrameConnectionType, FixedAddressesConnectInPrivateNetwork) {
+    const int nResult = frametest::runInPrivateNetwork([]() -> std::string {
+        for (const ConnCase& c : allCases()) {
+            const bool bTcp = c.sWhere.ends_with(":1311");
+            if (!bTcp && c.sWhere != "pipe osm_ks_shrsvc" && c.sWhere != "pipe ") continue;
+            const int listenFd = frametest::listenOn(bTcp, c.sWhere.substr(5), 1311);
+            ConnTypeEnv env(c.pszValue);
+            const std::string sFailure = frametest::failureOf([] { OrvoLibraryConnection connection; });
+            close(listenFd);
+            if (listenFd < 0 || sFailure != "none") return c.sWhere + ": " + sFailure;
+        }
+        return "";
+    });
+    if (nResult == 2) GTEST_SKIP() << "no private network namespace on this system";
+    EXPECT_EQ(nResult, 0) << "the failing address is printed above";
+}
+
+// A unique pipe name and "socket:<port>" reach the fake daemon: exact header,
+// trailer read, and (ten fields in all) everything in one send.
+TEST(FrameConnectionType, UniquePipeAndTcpPortCarryTenFieldsInOneSend) {
+    const std::string sHeader = Wire().addShort(1).addShort(7777).addString("Scheduler").addString("TRVX_TS_SCHEDULE");
+    const std::string sFields =
+        Wire().addShort(-2).addInt(123456).addLong(1L << 40).addBool(true).addString("program").addString("");
+    for (auto transport : {kstest::Transport::pipe, kstest::Transport::tcp}) {
+        kstest::FakeDaemon daemon(transport);
+        daemon.expect({.fields = {kstest::Field::Raw(static_cast<long>(sFields.size()))}, .reply = Wire().addInt(5)});
+        ASSERT_TRUE(daemon.start());
+        ConnTypeEnv env(daemon.connType().c_str());
+        frametest::LogCapture log;
+        long nSends = 0;
+        {
+            OrvoLibraryConnection connection("Scheduler", "TRVX_TS_SCHEDULE");
+            connection.transfer(static_cast<short>(-2));
+            connection.transfer(123456);
+            connection.transfer(1L << 40);
+            connection.transfer(true);
+            connection.transfer(OrvoString("program"));
+            connection.transfer(OrvoString(""));
+            EXPECT_EQ(connection.receiveInt(), 5);
+            nSends = dynamic_cast<OrvoNet::OrvoStreamConnection&>(*connection.transport()).sendCalls();
+        }
+        EXPECT_EQ(nSends, 1);
+        EXPECT_EQ(daemon.connectionBytes(1), sHeader + sFields);
+        EXPECT_TRUE(daemon.waitForClientClosed(1));  // the trailer was read and the transport closed
+        const bool bTcp = transport == kstest::Transport::tcp;
+        EXPECT_EQ(log.startingWith(bTcp ? tcpLine("", daemon.port()) : pipeLine(daemon.pipeName())).size(), 1u);
+    }
+}
+
+// Header and trailer bytes, exactly, on a transport in memory; a connection
+// without a request reads and writes nothing.
+TEST(FrameRequest, HeaderWrittenAndTrailerReadExactly) {
+    const std::string sIncoming = Wire().addShort(0).addShort(7777).addRaw("rest!");
+    auto* pMemory = new OrvoNet::OrvoPayloadConnection(sIncoming);
+    OrvoSmartPointer<OrvoConnection> memory(pMemory);
+    { OrvoLibraryConnection idle(memory); }
+    EXPECT_EQ(pMemory->remaining(), sIncoming.size());
+    {
+        OrvoLibraryConnection connection(memory, "JobStatus", "TRVX_JS_CANCEL");
+        EXPECT_TRUE(connection.isRequestActive());
+        EXPECT_EQ(pMemory->written(),
+                  std::string("h\x00\x01h\x1e\x61s\x00\x00\x00\x09JobStatuss\x00\x00\x00\x0eTRVX_JS_CANCEL", 39));
+        EXPECT_EQ(pMemory->remaining(), sIncoming.size());
+    }
+    EXPECT_EQ(pMemory->remaining(), 5u);  // only the two trailing shorts were read
+    EXPECT_EQ(memory->getServiceName(), "TRVX");
+    OrvoSmartPointer<OrvoConnection> cut(new OrvoNet::OrvoPayloadConnection(std::string("h\x00", 2)));
+    OrvoLibraryConnection connection(cut, "S", "R");
+    EXPECT_NO_THROW(connection.endRequest());  // a cut-off trailer does not throw
+    EXPECT_FALSE(connection.isRequestActive());
+    EXPECT_NO_THROW(connection.endRequest());
+}
+
+TEST(FrameRawBuffers, PutAndGetMoveWholeBuffersOrThrow) {
+    auto* pMemory = new OrvoNet::OrvoPayloadConnection("abcdef");
+    OrvoSmartPointer<OrvoConnection> memory(pMemory), broken(new OrvoConnection);  // the base has no transport
+    char out[] = {'x', '\0', 'y'}, in[4] = {};
+    EXPECT_EQ(memory->put(out, 3), 3);
+    EXPECT_EQ(pMemory->written(), std::string(out, 3));
+    EXPECT_EQ(memory->get(in, 4), 4);
+    EXPECT_EQ(std::string(in, 4), "abcd");
+    EXPECT_EQ(frametest::failureOf([&] { memory->get(in, 3); }).rfind("OrvoConnection::get: failed read ", 0), 0u);
+    EXPECT_EQ(frametest::failureOf([&] { broken->put(out, 3); }),
+              "OrvoConnection::put: transfer failed. " + std::to_string(EBADF));
+}

@@ -1,0 +1,181 @@
+// The callback sink: frames pushed over pipe or TCP reach the callback of
+// their id; unknown ids, throwing callbacks and malformed frames leave the
+// listener serving the next frame; destruction stops and joins it. Then the
+// callback objects and their container.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "OrvoException.h"
+#include "OrvoLibraryCallbackSink.h"
+#include "OrvoPayloadConnection.h"
+#include "fake_daemon.h"
+
+using kstest::Wire;
+using kstest::WireClient;
+
+namespace {
+
+// What the callbacks read, "<id>:<text>/<number>", in order.
+struct Seen {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> deliveries;
+
+    void add(std::string s) {
+        std::lock_guard<std::mutex> lock(mutex);
+        deliveries.push_back(std::move(s));
+        changed.notify_all();
+    }
+    // The first n deliveries, once there (bounded wait).
+    std::vector<std::string> first(std::size_t n) {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, std::chrono::seconds(5), [&] { return deliveries.size() >= n; });
+        return {deliveries.begin(), deliveries.begin() + static_cast<long>(std::min(n, deliveries.size()))};
+    }
+};
+
+// Reads a string and a long, like the simplest callback class; then throws
+// when told to.
+class TestCallback : public OrvoNet::OrvoNotificationCallback {
+public:
+    TestCallback(int nId, Seen& seen, const char* pszThrow = nullptr)
+        : OrvoNotificationCallback(nId), m_seen(seen), m_pszThrow(pszThrow) {}
+    void doCallback(OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection>& spConnection) override {
+        const std::string s = spConnection->receiveString();
+        const long n = spConnection->receiveLong();
+        if (m_pszThrow && *m_pszThrow == 'O') throw OrvoSupport::OrvoException(m_pszThrow, 77);
+        if (m_pszThrow) throw std::runtime_error(m_pszThrow);
+        m_seen.add(std::to_string(getId()) + ":" + s + "/" + std::to_string(n));
+    }
+
+private:
+    Seen& m_seen;
+    const char* m_pszThrow;
+};
+
+std::string payload(const std::string& s, long n) { return Wire().addString(s).addLong(n).bytes(); }
+
+// The sink over an abstract pipe name (""), or over TCP ("socket").
+class SinkTest : public ::testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override {
+        if (*GetParam()) m_env = std::make_unique<kstest::ScopedEnv>("OCNET_CALLBACK_TYPE", GetParam());
+        m_sink = std::make_unique<OrvoNet::OrvoLibraryCallbackSink>("test-sink");
+    }
+    int add(const char* pszThrow = nullptr) {
+        auto& container = m_sink->getCallbackContainer();
+        const int nId = container.getNewId();
+        EXPECT_TRUE(container.add(OrvoNet::OrvoNotificationCallbackSP(new TestCallback(nId, m_seen, pszThrow))));
+        return nId;
+    }
+    Seen m_seen;
+    std::unique_ptr<kstest::ScopedEnv> m_env;
+    std::unique_ptr<OrvoNet::OrvoLibraryCallbackSink> m_sink;
+};
+
+}  // namespace
+
+TEST_P(SinkTest, EachFrameReachesTheCallbackOfItsIdOnEveryConnection) {
+    const std::string sAddress = m_sink->getCallbackAddress();
+    const std::string sForm = *GetParam() ? "socket:127.0.0.1:" : "pipe:ksintf-cb-" + std::to_string(getpid()) + "-";
+    EXPECT_EQ(sAddress.rfind(sForm, 0), 0u) << sAddress;
+    EXPECT_EQ(m_sink->getCallbackAddress(), sAddress);
+    const int a = add(), b = add();
+    WireClient first, second;
+    ASSERT_TRUE(first.connect(sAddress));
+    ASSERT_TRUE(second.connect(sAddress));
+    // Two frames in one write; a half-sent frame on one connection does not
+    // hold up another; the rest of it arrives a byte at a time.
+    ASSERT_TRUE(first.send(kstest::encodeFrame(b, payload("to-b", 1)) + kstest::encodeFrame(a, payload("to-a", 2))));
+    EXPECT_EQ(m_seen.first(2),
+              (std::vector<std::string>{std::to_string(b) + ":to-b/1", std::to_string(a) + ":to-a/2"}));
+    const std::string slow = kstest::encodeFrame(a, payload(std::string(1000, 'x'), 3));
+    ASSERT_TRUE(first.send(slow.substr(0, 7)));
+    ASSERT_TRUE(second.push(b, payload("other", 4)));
+    EXPECT_EQ(m_seen.first(3).back(), std::to_string(b) + ":other/4");
+    for (char c : slow.substr(7)) ASSERT_TRUE(first.send(std::string(1, c)));
+    EXPECT_EQ(m_seen.first(4).back(), std::to_string(a) + ":" + std::string(1000, 'x') + "/3");
+}
+
+TEST_P(SinkTest, BadFramesAndFailingCallbacksLeaveTheListenerServing) {
+    const int good = add(), refusing = add("Orvo refused"), broken = add("std broke");
+    WireClient push;
+    ASSERT_TRUE(push.connect(m_sink->getCallbackAddress()));
+    ASSERT_TRUE(push.push(good + 100, payload("lost", 0)));
+    ASSERT_TRUE(push.push(refusing, payload("x", 0)));
+    ASSERT_TRUE(push.push(broken, payload("y", 0)));
+    ASSERT_TRUE(push.push(good, Wire().addString("short").bytes()));  // doCallback reads past the payload
+    const std::string malformed[] = {Wire().addString("not an id"), Wire().addInt(good).addLong(3),
+                                     Wire().addInt(good).addInt(-1), Wire().addInt(good).addInt(64 * 1024 * 1024 + 1)};
+    for (const std::string& bytes : malformed) {
+        WireClient bad;
+        ASSERT_TRUE(bad.connect(m_sink->getCallbackAddress()));
+        ASSERT_TRUE(bad.send(bytes));
+        EXPECT_TRUE(bad.waitPeerClosed());  // only that connection is closed
+    }
+    ASSERT_TRUE(push.push(good, payload("after", 9)));
+    // Frames of one connection are served in order: nothing before it was delivered.
+    EXPECT_EQ(m_seen.first(1), std::vector<std::string>{std::to_string(good) + ":after/9"});
+}
+
+TEST_P(SinkTest, StopAndDestructionCloseTheListener) {
+    m_sink->stop();  // never started: stops at once
+    const std::string sAddress = m_sink->getCallbackAddress();
+    WireClient push;
+    ASSERT_TRUE(push.connect(sAddress));
+    m_sink->stop();
+    EXPECT_FALSE(m_sink->isRunning());
+    EXPECT_TRUE(push.waitPeerClosed());  // the listener and its connections are gone
+    EXPECT_FALSE(WireClient().connect(sAddress));
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, SinkTest, ::testing::Values("", "socket"),
+                         [](const auto& info) { return *info.param ? "tcp" : "pipe"; });
+
+TEST(NotificationCallback, SignalsOnlyAfterADoCallbackThatReturned) {
+    Seen seen;
+    OrvoNet::OrvoNotificationCallbackSP good(new TestCallback(4, seen)), bad(new TestCallback(5, seen, "Orvo refused"));
+    OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection> conn(
+        new OrvoNet::OrvoPayloadConnection(payload("p", 5) + payload("q", 6)));
+    EXPECT_FALSE(good->wait(0));
+    good->callback(conn);
+    EXPECT_TRUE(good->wait(0));
+    EXPECT_THROW(bad->callback(conn), OrvoSupport::OrvoException);
+    EXPECT_FALSE(bad->wait(0));
+    EXPECT_EQ(seen.deliveries, std::vector<std::string>{"4:p/5"});
+}
+
+TEST(CallbackContainer, FreshIdsAndOneReferenceEach) {
+    OrvoNet::OrvoCallbackContainer c;
+    Seen seen;
+    EXPECT_EQ(c.getNewId(), 1);
+    OrvoNet::OrvoNotificationCallbackSP cb(new TestCallback(10, seen));
+    EXPECT_TRUE(c.add(cb));
+    EXPECT_EQ(c.getNewId(), 11);  // an id added by hand is skipped by later fresh ids
+    EXPECT_FALSE(c.add(OrvoNet::OrvoNotificationCallbackSP(new TestCallback(10, seen))));
+    EXPECT_TRUE(c.lookup(10) == cb);
+    EXPECT_TRUE(c.remove(10));
+    EXPECT_FALSE(c.remove(10));
+    EXPECT_TRUE(c.add(cb));
+    c.clear();
+    EXPECT_EQ(cb->refCount(), 1);  // the container's reference went with it
+}
+
+TEST(CallbackContainer, ConcurrentRegistrationsGetDistinctIds) {
+    OrvoNet::OrvoCallbackContainer c;
+    Seen seen;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200; ++i)
+                EXPECT_TRUE(c.add(OrvoNet::OrvoNotificationCallbackSP(new TestCallback(c.getNewId(), seen))));
+        });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(c.size(), 800u);
+}

@@ -1,0 +1,266 @@
+// Child processes for end-to-end tests: ksd itself and ks_client_helper.
+#include "ksd_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "fake_daemon.h"
+
+extern char** environ;
+
+#ifndef KS_TEST_DEFAULT_BINARY_DIR
+#define KS_TEST_DEFAULT_BINARY_DIR "."
+#endif
+
+namespace kstest {
+
+namespace {
+
+std::string makeTempRoot(const char* prefix) {
+    const char* base = std::getenv("TMPDIR");
+    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/" + prefix + "-XXXXXX";
+    if (::mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + tmpl);
+    return tmpl;
+}
+
+// True when something accepts on the daemon's address (abstract name or path).
+bool accepts(const std::string& pipe) { return WireClient().connect("pipe:" + pipe); }
+
+int decodeStatus(int status) {
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+    std::vector<char*> p;
+    for (auto& s : strings) p.push_back(s.data());
+    p.push_back(nullptr);
+    return p;
+}
+
+}  // namespace
+
+std::string testBinaryDir() {
+    const char* dir = std::getenv("KS_TEST_BINARY_DIR");
+    return dir && *dir ? dir : KS_TEST_DEFAULT_BINARY_DIR;
+}
+
+std::string ksdProgram() { return testBinaryDir() + "/ksd/ksd"; }
+
+std::string clientHelperProgram() { return testBinaryDir() + "/tests/support/ks_client_helper"; }
+
+KsdProcess::KsdProcess() : root_(makeTempRoot("kstest-ksd")), pipe_(uniqueName("kstest-ksd")) {
+    stateDir_ = root_ + "/state";
+    logFile_ = root_ + "/ksd.log";
+}
+
+KsdProcess::~KsdProcess() {
+    if (pid_ > 0) kill();
+    std::error_code ec;
+    std::filesystem::remove_all(root_, ec);
+}
+
+bool KsdProcess::start(const std::vector<std::string>& extraArgs) {
+    if (isRunning()) return true;
+    extraArgs_ = extraArgs;
+    std::vector<std::string> args = {ksdProgram(), "--foreground", "--pipe", pipe_, "--state-dir", stateDir_};
+    args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+    auto argv = pointers(args);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int rc = ::posix_spawn(&pid_, args[0].c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) {
+        pid_ = -1;
+        return false;
+    }
+    // Bounded only so that a broken daemon cannot hang the suite.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < end) {
+        if (!isRunning()) return false;
+        if (accepts(pipe_)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill();
+    return false;
+}
+
+int KsdProcess::stop() {
+    if (pid_ <= 0) return -1;
+    ::kill(pid_, SIGTERM);
+    return waitExit();
+}
+
+int KsdProcess::kill() {
+    if (pid_ <= 0) return -1;
+    ::kill(pid_, SIGKILL);
+    return waitExit();
+}
+
+bool KsdProcess::restart(bool hard) {
+    if (hard)
+        kill();
+    else
+        stop();
+    return start(extraArgs_);
+}
+
+bool KsdProcess::isRunning() {
+    if (pid_ <= 0) return false;
+    int status = 0;
+    const pid_t r = ::waitpid(pid_, &status, WNOHANG);
+    if (r == 0) return true;
+    pid_ = -1;
+    return false;
+}
+
+int KsdProcess::waitExit() {
+    int status = 0;
+    pid_t r;
+    do {
+        r = ::waitpid(pid_, &status, 0);
+    } while (r < 0 && errno == EINTR);
+    pid_ = -1;
+    return r < 0 ? -1 : decodeStatus(status);
+}
+
+std::string KsdProcess::log() const {
+    std::ifstream in(logFile_);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
+                           const std::map<std::string, std::string>& env) {
+    // A write to a child that already ended must fail, not kill the test.
+    ::signal(SIGPIPE, SIG_IGN);
+    std::vector<std::string> argStrings = {program};
+    argStrings.insert(argStrings.end(), args.begin(), args.end());
+    auto argv = pointers(argStrings);
+
+    std::map<std::string, std::string> merged;
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry = *e;
+        const auto eq = entry.find('=');
+        if (eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
+    }
+    for (const auto& [k, v] : env) merged[k] = v;
+    std::vector<std::string> envStrings;
+    for (const auto& [k, v] : merged) envStrings.push_back(k + "=" + v);
+    auto envp = pointers(envStrings);
+
+    int inPipe[2], outPipe[2];
+    if (::pipe2(inPipe, O_CLOEXEC) != 0) return;
+    if (::pipe2(outPipe, O_CLOEXEC) != 0) {
+        ::close(inPipe[0]);
+        ::close(inPipe[1]);
+        return;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, inPipe[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
+    const int rc = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(inPipe[0]);
+    ::close(outPipe[1]);
+    in_ = inPipe[1];
+    out_ = outPipe[0];
+    if (rc != 0) pid_ = -1;
+}
+
+ChildProcess::~ChildProcess() {
+    closeStdin();
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        wait();
+    }
+    if (out_ >= 0) ::close(out_);
+}
+
+bool ChildProcess::readLine(std::string& line, int nTimeoutMs) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
+    for (;;) {
+        const auto nl = buffer_.find('\n');
+        if (nl != std::string::npos) {
+            line = buffer_.substr(0, nl);
+            buffer_.erase(0, nl + 1);
+            return true;
+        }
+        if (out_ < 0) return false;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd p{out_, POLLIN, 0};
+        const int r = ::poll(&p, 1, static_cast<int>(left.count()));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
+        char chunk[512];
+        const ssize_t n = ::read(out_, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        buffer_.append(chunk, static_cast<std::size_t>(n));
+    }
+}
+
+std::string ChildProcess::waitForLine(const std::string& prefix, int nTimeoutMs) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
+    std::string line;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !readLine(line, static_cast<int>(left.count()))) return {};
+        if (line.rfind(prefix, 0) == 0) return line;
+    }
+}
+
+bool ChildProcess::writeLine(const std::string& line) {
+    if (in_ < 0) return false;
+    const std::string bytes = line + "\n";
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(in_, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void ChildProcess::closeStdin() {
+    if (in_ >= 0) ::close(in_);
+    in_ = -1;
+}
+
+void ChildProcess::signal(int nSignal) {
+    if (pid_ > 0) ::kill(pid_, nSignal);
+}
+
+int ChildProcess::wait() {
+    if (pid_ <= 0) return status_;
+    int status = 0;
+    pid_t r;
+    do {
+        r = ::waitpid(pid_, &status, 0);
+    } while (r < 0 && errno == EINTR);
+    pid_ = -1;
+    status_ = r < 0 ? -1 : decodeStatus(status);
+    return status_;
+}
+
+}  // namespace kstest

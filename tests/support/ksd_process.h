@@ -1,0 +1,95 @@
+// The built ksd program and the ks_client_helper program run as child
+// processes of a test: started on a unique pipe and a fresh state directory,
+// stopped with SIGTERM or killed, restarted on the same state directory.
+#ifndef KSTEST_KSD_PROCESS_H
+#define KSTEST_KSD_PROCESS_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kstest {
+
+// Directory of the build tree: $KS_TEST_BINARY_DIR, else the one this
+// support library was configured in.
+std::string testBinaryDir();
+// Full paths of the programs tests run.
+std::string ksdProgram();            // <binary dir>/ksd/ksd
+std::string clientHelperProgram();   // <binary dir>/tests/support/ks_client_helper
+
+// One ksd child process. The pipe name and state directory are chosen at
+// construction and kept across restarts; the state directory (and ksd's
+// stderr log beside it) is removed at destruction, after the child is gone.
+class KsdProcess {
+public:
+    KsdProcess();
+    ~KsdProcess();
+    KsdProcess(const KsdProcess&) = delete;
+    KsdProcess& operator=(const KsdProcess&) = delete;
+
+    // Spawns `ksd --foreground --pipe P --state-dir D [extra...]` and waits
+    // (bounded, 20 s) until its pipe accepts. False when it exited or never
+    // accepted; the child is then reaped or killed. True if already running.
+    bool start(const std::vector<std::string>& extraArgs = {});
+    // SIGTERM and wait: the exit status (128 + signal when killed), -1 if not running.
+    int stop();
+    // SIGKILL and wait: as stop().
+    int kill();
+    // stop() (or kill() when `hard`), then start() with the same arguments.
+    bool restart(bool hard = false);
+    bool isRunning();
+
+    pid_t pid() const { return pid_; }
+    const std::string& pipeName() const { return pipe_; }
+    std::string connType() const { return "pipe:" + pipe_; }   // for KSINTF_CONN_TYPE
+    const std::string& stateDir() const { return stateDir_; }
+    // Everything ksd wrote to stderr since its last start.
+    std::string log() const;
+
+private:
+    int waitExit();
+
+    std::string root_;       // temporary directory holding state/ and ksd.log
+    std::string stateDir_;
+    std::string logFile_;
+    std::string pipe_;
+    std::vector<std::string> extraArgs_;
+    pid_t pid_ = -1;
+};
+
+// A child process with its stdin and stdout on pipes, for ks_client_helper:
+// the test writes lines to it and reads the lines it prints.
+class ChildProcess {
+public:
+    // `env` entries override or add to this process's environment.
+    ChildProcess(const std::string& program, const std::vector<std::string>& args,
+                 const std::map<std::string, std::string>& env = {});
+    ~ChildProcess();   // closes stdin, then kills and reaps a child still running
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    bool started() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
+    // One line of its stdout without the newline; false on end or after nTimeoutMs.
+    bool readLine(std::string& line, int nTimeoutMs = 20000);
+    // Reads lines until one starts with `prefix`; returns it (empty on end or time-out).
+    std::string waitForLine(const std::string& prefix, int nTimeoutMs = 20000);
+    bool writeLine(const std::string& line);
+    void closeStdin();
+    void signal(int nSignal);
+    // Waits for the exit: the exit status (128 + signal when killed by one).
+    int wait();
+
+private:
+    pid_t pid_ = -1;
+    int in_ = -1;    // its stdin (our write end)
+    int out_ = -1;   // its stdout (our read end)
+    std::string buffer_;
+    int status_ = -1;
+};
+
+}  // namespace kstest
+
+#endif

@@ -1,0 +1,148 @@
+// WireClient: a plain blocking socket with bounded reads, written without the
+// connection library so that it checks that library rather than mirroring it.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "fake_daemon.h"
+
+namespace kstest {
+
+namespace Codec = OrvoNet::Codec;
+
+namespace {
+
+int connectPipe(const std::string& sName) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    socklen_t nLen;
+    if (sName.find('/') != std::string::npos) {
+        if (sName.size() >= sizeof(addr.sun_path)) return -1;
+        std::memcpy(addr.sun_path, sName.data(), sName.size());
+        nLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sName.size() + 1);
+    } else {
+        if (sName.size() + 1 > sizeof(addr.sun_path)) return -1;
+        std::memcpy(addr.sun_path + 1, sName.data(), sName.size());
+        nLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + sName.size());
+    }
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), nLen) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int connectTcp(const std::string& sHost, int nPort) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<std::uint16_t>(nPort));
+    if (inet_pton(AF_INET, sHost.empty() ? "127.0.0.1" : sHost.c_str(), &addr.sin_addr) != 1) return -1;
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+WireClient::~WireClient() { close(); }
+
+bool WireClient::connect(const std::string& sAddress) {
+    close();
+    if (sAddress.rfind("pipe:", 0) == 0) {
+        m_fd = connectPipe(sAddress.substr(5));
+    } else if (sAddress.rfind("socket:", 0) == 0) {
+        std::string sRest = sAddress.substr(7);
+        std::string sHost;
+        std::size_t nColon = sRest.rfind(':');
+        if (nColon != std::string::npos) {
+            sHost = sRest.substr(0, nColon);
+            sRest = sRest.substr(nColon + 1);
+        }
+        m_fd = connectTcp(sHost, std::atoi(sRest.c_str()));
+    }
+    return m_fd >= 0;
+}
+
+bool WireClient::send(std::string_view sBytes) {
+    if (m_fd < 0) return false;
+    while (!sBytes.empty()) {
+        ssize_t n = ::send(m_fd, sBytes.data(), sBytes.size(), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        sBytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+bool WireClient::fill(int nTimeoutMs) {
+    if (m_fd < 0) return false;
+    pollfd p{m_fd, POLLIN, 0};
+    int r;
+    do r = ::poll(&p, 1, nTimeoutMs);
+    while (r < 0 && errno == EINTR);
+    if (r <= 0) return false;
+    char buf[65536];
+    ssize_t n = ::recv(m_fd, buf, sizeof buf, 0);
+    if (n <= 0) return false;
+    m_sIn.append(buf, static_cast<std::size_t>(n));
+    return true;
+}
+
+bool WireClient::readValue(Codec::Value& value, int nTimeoutMs) {
+    for (;;) {
+        std::size_t nUsed = 0;
+        int nError = 0;
+        switch (Codec::decode(m_sIn.data(), m_sIn.size(), value, nUsed, nError)) {
+        case Codec::Result::good:
+            m_sIn.erase(0, nUsed);
+            return true;
+        case Codec::Result::bad:
+            return false;
+        case Codec::Result::indeterminate:
+            if (!fill(nTimeoutMs)) return false;
+        }
+    }
+}
+
+bool WireClient::readRaw(std::string& sOut, std::size_t n, int nTimeoutMs) {
+    while (m_sIn.size() < n)
+        if (!fill(nTimeoutMs)) return false;
+    sOut = m_sIn.substr(0, n);
+    m_sIn.erase(0, n);
+    return true;
+}
+
+bool WireClient::waitPeerClosed(int nTimeoutMs) {
+    if (m_fd < 0) return true;
+    for (;;) {
+        pollfd p{m_fd, POLLIN, 0};
+        int r = ::poll(&p, 1, nTimeoutMs);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
+        char buf[4096];
+        ssize_t n = ::recv(m_fd, buf, sizeof buf, 0);
+        if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) return true;
+    }
+}
+
+void WireClient::close() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+    m_sIn.clear();
+}
+
+}  // namespace kstest

@@ -1,0 +1,83 @@
+#include <cstdio>
+#include <string>
+
+#include "OrvoJobStatus.h"
+#include "commands.h"
+#include "daemon_query.h"
+#include "failure.h"
+#include "json.h"
+#include "output.h"
+
+namespace ksctl {
+namespace {
+
+void printLine(const std::string& line) {
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+std::string jobSubject(int id) { return "job " + std::to_string(id); }
+
+int create(const GlobalOptions& options, const JobArgs& args) {
+    int id = OrvoJSECreateJob(args.description.c_str(), args.name.c_str());
+    if (id < 0) return reportFailure("job " + args.name, Domain::Job, id);
+    printLine(options.json ? "{\"id\":" + std::to_string(id) + ",\"name\":" + jsonQuote(args.name) + "}"
+                           : "job " + std::to_string(id) + " created: " + oneLine(args.name));
+    return kExitOk;
+}
+
+int lookup(const GlobalOptions& options, const JobArgs& args) {
+    int id = OrvoJSELookupJob(args.name.c_str());
+    if (id < 0) return reportFailure("job " + args.name, Domain::Job, id);
+    printLine(options.json ? "{\"id\":" + std::to_string(id) + ",\"name\":" + jsonQuote(args.name) + "}"
+                           : oneLine(args.name) + ": job " + std::to_string(id));
+    return kExitOk;
+}
+
+int progress(const GlobalOptions& options, const JobArgs& args) {
+    int percent = 0;
+    if (args.percent) {
+        int rc = OrvoJSESetJobProgress(args.id, *args.percent);
+        if (rc < 0) return reportFailure(jobSubject(args.id), Domain::Job, rc);
+        percent = *args.percent;
+    } else {
+        percent = OrvoJSEGetJobProgress(args.id);
+        if (percent < 0) return reportFailure(jobSubject(args.id), Domain::Job, percent);
+    }
+    printLine(options.json ? "{\"id\":" + std::to_string(args.id) + ",\"progress\":" + std::to_string(percent) + "}"
+                           : jobSubject(args.id) + ": " + std::to_string(percent) + "%");
+    return kExitOk;
+}
+
+int finish(const GlobalOptions& options, const JobArgs& args) {
+    bool cancel = args.action == JobArgs::Action::Cancel;
+    int rc = cancel ? OrvoJSECancelJob(args.id) : OrvoJSEDeleteJob(args.id);
+    if (rc < 0) return reportFailure(jobSubject(args.id), Domain::Job, rc);
+    const char* done = cancel ? "cancelled" : "deleted";
+    printLine(options.json ? "{\"id\":" + std::to_string(args.id) + ",\"" + done + "\":true}"
+                           : jobSubject(args.id) + " " + done);
+    return kExitOk;
+}
+
+int list(const GlobalOptions& options) { return printQuery(options, "jobs", JsonValue::Kind::Array, "no jobs"); }
+
+}  // namespace
+
+int runJob(const GlobalOptions& options, const JobArgs& args) {
+    switch (args.action) {
+        case JobArgs::Action::Create:
+            return create(options, args);
+        case JobArgs::Action::Lookup:
+            return lookup(options, args);
+        case JobArgs::Action::Progress:
+            return progress(options, args);
+        case JobArgs::Action::Cancel:
+        case JobArgs::Action::Delete:
+            return finish(options, args);
+        case JobArgs::Action::List:
+            return list(options);
+    }
+    return kExitUsage;
+}
+
+}  // namespace ksctl

@@ -1,0 +1,395 @@
+#include "json.h"
+
+#include <charconv>
+#include <cstdio>
+
+namespace ksctl {
+namespace {
+
+// Answers nest a few levels; the bound keeps hostile input from exhausting the stack.
+constexpr int kMaxDepth = 128;
+
+class Parser {
+public:
+    explicit Parser(std::string_view in) : in_(in) {}
+
+    std::optional<JsonValue> parseDocument() {
+        JsonValue value;
+        skipSpace();
+        if (!parseValue(value, 0)) return std::nullopt;
+        skipSpace();
+        if (pos_ != in_.size()) return std::nullopt;
+        return value;
+    }
+
+private:
+    bool atEnd() const { return pos_ >= in_.size(); }
+    char peek() const { return in_[pos_]; }
+
+    void skipSpace() {
+        while (!atEnd() && (peek() == ' ' || peek() == '\t' || peek() == '\n' || peek() == '\r')) ++pos_;
+    }
+
+    bool literal(std::string_view word) {
+        if (in_.substr(pos_, word.size()) != word) return false;
+        pos_ += word.size();
+        return true;
+    }
+
+    bool parseValue(JsonValue& out, int depth) {
+        if (atEnd() || depth > kMaxDepth) return false;
+        switch (peek()) {
+            case '{':
+                return parseObject(out, depth);
+            case '[':
+                return parseArray(out, depth);
+            case '"':
+                out.kind = JsonValue::Kind::String;
+                return parseString(out.text);
+            case 't':
+                out.kind = JsonValue::Kind::Bool;
+                out.boolean = true;
+                return literal("true");
+            case 'f':
+                out.kind = JsonValue::Kind::Bool;
+                out.boolean = false;
+                return literal("false");
+            case 'n':
+                out.kind = JsonValue::Kind::Null;
+                return literal("null");
+            default:
+                return parseNumber(out);
+        }
+    }
+
+    bool parseObject(JsonValue& out, int depth) {
+        out.kind = JsonValue::Kind::Object;
+        ++pos_;
+        skipSpace();
+        if (!atEnd() && peek() == '}') {
+            ++pos_;
+            return true;
+        }
+        for (;;) {
+            skipSpace();
+            if (atEnd() || peek() != '"') return false;
+            std::string key;
+            if (!parseString(key)) return false;
+            skipSpace();
+            if (atEnd() || peek() != ':') return false;
+            ++pos_;
+            skipSpace();
+            JsonValue member;
+            if (!parseValue(member, depth + 1)) return false;
+            out.members.emplace_back(std::move(key), std::move(member));
+            skipSpace();
+            if (atEnd()) return false;
+            if (peek() == ',') {
+                ++pos_;
+                continue;
+            }
+            if (peek() != '}') return false;
+            ++pos_;
+            return true;
+        }
+    }
+
+    bool parseArray(JsonValue& out, int depth) {
+        out.kind = JsonValue::Kind::Array;
+        ++pos_;
+        skipSpace();
+        if (!atEnd() && peek() == ']') {
+            ++pos_;
+            return true;
+        }
+        for (;;) {
+            skipSpace();
+            JsonValue item;
+            if (!parseValue(item, depth + 1)) return false;
+            out.items.push_back(std::move(item));
+            skipSpace();
+            if (atEnd()) return false;
+            if (peek() == ',') {
+                ++pos_;
+                continue;
+            }
+            if (peek() != ']') return false;
+            ++pos_;
+            return true;
+        }
+    }
+
+    bool parseHex4(unsigned& out) {
+        if (in_.size() - pos_ < 4) return false;
+        out = 0;
+        for (int i = 0; i < 4; ++i) {
+            char c = in_[pos_++];
+            out <<= 4;
+            if (c >= '0' && c <= '9')
+                out |= static_cast<unsigned>(c - '0');
+            else if (c >= 'a' && c <= 'f')
+                out |= static_cast<unsigned>(c - 'a' + 10);
+            else if (c >= 'A' && c <= 'F')
+                out |= static_cast<unsigned>(c - 'A' + 10);
+            else
+                return false;
+        }
+        return true;
+    }
+
+    static void appendUtf8(std::string& s, unsigned cp) {
+        if (cp < 0x80) {
+            s += static_cast<char>(cp);
+        } else if (cp < 0x800) {
+            s += static_cast<char>(0xC0 | (cp >> 6));
+            s += static_cast<char>(0x80 | (cp & 0x3F));
+        } else if (cp < 0x10000) {
+            s += static_cast<char>(0xE0 | (cp >> 12));
+            s += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+            s += static_cast<char>(0x80 | (cp & 0x3F));
+        } else {
+            s += static_cast<char>(0xF0 | (cp >> 18));
+            s += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+            s += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+            s += static_cast<char>(0x80 | (cp & 0x3F));
+        }
+    }
+
+    bool parseString(std::string& out) {
+        ++pos_;  // opening quote
+        while (!atEnd()) {
+            char c = in_[pos_++];
+            if (c == '"') return true;
+            if (static_cast<unsigned char>(c) < 0x20) return false;
+            if (c != '\\') {
+                out += c;
+                continue;
+            }
+            if (atEnd()) return false;
+            char e = in_[pos_++];
+            switch (e) {
+                case '"':
+                    out += '"';
+                    break;
+                case '\\':
+                    out += '\\';
+                    break;
+                case '/':
+                    out += '/';
+                    break;
+                case 'b':
+                    out += '\b';
+                    break;
+                case 'f':
+                    out += '\f';
+                    break;
+                case 'n':
+                    out += '\n';
+                    break;
+                case 'r':
+                    out += '\r';
+                    break;
+                case 't':
+                    out += '\t';
+                    break;
+                case 'u': {
+                    unsigned cp = 0;
+                    if (!parseHex4(cp)) return false;
+                    if (cp >= 0xD800 && cp < 0xDC00) {
+                        unsigned low = 0;
+                        if (!literal("\\u") || !parseHex4(low) || low < 0xDC00 || low > 0xDFFF) return false;
+                        cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+                    } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
+                        return false;
+                    }
+                    appendUtf8(out, cp);
+                    break;
+                }
+                default:
+                    return false;
+            }
+        }
+        return false;
+    }
+
+    bool digits() {
+        std::size_t start = pos_;
+        while (!atEnd() && peek() >= '0' && peek() <= '9') ++pos_;
+        return pos_ > start;
+    }
+
+    bool parseNumber(JsonValue& out) {
+        std::size_t start = pos_;
+        if (!atEnd() && peek() == '-') ++pos_;
+        if (atEnd()) return false;
+        if (peek() == '0') {
+            ++pos_;
+        } else if (!digits()) {
+            return false;
+        }
+        if (!atEnd() && peek() == '.') {
+            ++pos_;
+            if (!digits()) return false;
+        }
+        if (!atEnd() && (peek() == 'e' || peek() == 'E')) {
+            ++pos_;
+            if (!atEnd() && (peek() == '+' || peek() == '-')) ++pos_;
+            if (!digits()) return false;
+        }
+        out.kind = JsonValue::Kind::Number;
+        out.text.assign(in_.substr(start, pos_ - start));
+        return true;
+    }
+
+    std::string_view in_;
+    std::size_t pos_ = 0;
+};
+
+// Length of the valid UTF-8 sequence starting at s[i], or 0 when it is not one.
+std::size_t utf8Length(std::string_view s, std::size_t i) {
+    auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
+    unsigned char c = byte(i);
+    std::size_t n = 0;
+    unsigned cp = 0;
+    if (c < 0x80) return 1;
+    if ((c & 0xE0) == 0xC0) {
+        n = 2;
+        cp = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+        n = 3;
+        cp = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+        n = 4;
+        cp = c & 0x07;
+    } else {
+        return 0;
+    }
+    if (i + n > s.size()) return 0;
+    for (std::size_t k = 1; k < n; ++k) {
+        if ((byte(i + k) & 0xC0) != 0x80) return 0;
+        cp = (cp << 6) | (byte(i + k) & 0x3F);
+    }
+    // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
+    static constexpr unsigned kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
+    return n;
+}
+
+void writeValue(std::string& out, const JsonValue& v) {
+    switch (v.kind) {
+        case JsonValue::Kind::Null:
+            out += "null";
+            break;
+        case JsonValue::Kind::Bool:
+            out += v.boolean ? "true" : "false";
+            break;
+        case JsonValue::Kind::Number:
+            out += v.text;
+            break;
+        case JsonValue::Kind::String:
+            out += jsonQuote(v.text);
+            break;
+        case JsonValue::Kind::Array: {
+            out += '[';
+            bool first = true;
+            for (const auto& item : v.items) {
+                if (!first) out += ',';
+                first = false;
+                writeValue(out, item);
+            }
+            out += ']';
+            break;
+        }
+        case JsonValue::Kind::Object: {
+            out += '{';
+            bool first = true;
+            for (const auto& [key, member] : v.members) {
+                if (!first) out += ',';
+                first = false;
+                out += jsonQuote(key);
+                out += ':';
+                writeValue(out, member);
+            }
+            out += '}';
+            break;
+        }
+    }
+}
+
+}  // namespace
+
+const JsonValue* JsonValue::find(std::string_view key) const {
+    if (kind != Kind::Object) return nullptr;
+    for (const auto& [name, value] : members) {
+        if (name == key) return &value;
+    }
+    return nullptr;
+}
+
+std::optional<std::int64_t> JsonValue::asInt() const {
+    if (kind != Kind::Number) return std::nullopt;
+    std::int64_t n = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), n);
+    if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return n;
+}
+
+std::optional<JsonValue> parseJson(std::string_view input) { return Parser(input).parseDocument(); }
+
+std::string jsonQuote(std::string_view s) {
+    std::string out;
+    out.reserve(s.size() + 2);
+    out += '"';
+    for (std::size_t i = 0; i < s.size();) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                ++i;
+                continue;
+            case '\\':
+                out += "\\\\";
+                ++i;
+                continue;
+            case '\n':
+                out += "\\n";
+                ++i;
+                continue;
+            case '\r':
+                out += "\\r";
+                ++i;
+                continue;
+            case '\t':
+                out += "\\t";
+                ++i;
+                continue;
+            default:
+                break;
+        }
+        if (c < 0x20 || c == 0x7F) {
+            char buf[8];
+            std::snprintf(buf, sizeof buf, "\\u%04x", c);
+            out += buf;
+            ++i;
+            continue;
+        }
+        std::size_t n = utf8Length(s, i);
+        if (n == 0) {
+            out += "\xEF\xBF\xBD";  // U+FFFD
+            ++i;
+            continue;
+        }
+        out.append(s.substr(i, n));
+        i += n;
+    }
+    out += '"';
+    return out;
+}
+
+std::string toJson(const JsonValue& value) {
+    std::string out;
+    writeValue(out, value);
+    return out;
+}
+
+}  // namespace ksctl

@@ -1,0 +1,114 @@
+// ksctl: the operator's and scripter's command-line client of ksd, built on libksintf's C API.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "commands.h"
+#include "failure.h"
+#include "target.h"
+
+namespace {
+
+using namespace ksctl;
+
+struct Parsed {
+    std::optional<std::string> pipe;
+    std::optional<int> tcpPort;
+    int replyTimeoutMs = 5000;
+    GlobalOptions options;
+    PublishArgs publish;
+    SubscribeArgs subscribe;
+    LockArgs lock;
+    JobArgs job;
+};
+
+void addJobCommands(CLI::App& job, Parsed& p) {
+    job.require_subcommand(1);
+    auto* create = job.add_subcommand("create", "Create a job and print its id");
+    create->add_option("name", p.job.name, "Job name, unique among live jobs")->required();
+    create->add_option("--description,-d", p.job.description, "Free text describing the job");
+    create->callback([&p] { p.job.action = JobArgs::Action::Create; });
+
+    auto* lookup = job.add_subcommand("lookup", "Print the id of the job with this name");
+    lookup->add_option("name", p.job.name)->required();
+    lookup->callback([&p] { p.job.action = JobArgs::Action::Lookup; });
+
+    auto* progress = job.add_subcommand("progress", "Print a job's progress, or set it when PERCENT is given");
+    progress->add_option("id", p.job.id)->required();
+    progress->add_option("percent", p.job.percent, "New progress, 0 to 100");
+    progress->callback([&p] { p.job.action = JobArgs::Action::Progress; });
+
+    auto* cancel = job.add_subcommand("cancel", "Cancel a job");
+    cancel->add_option("id", p.job.id)->required();
+    cancel->callback([&p] { p.job.action = JobArgs::Action::Cancel; });
+
+    auto* remove = job.add_subcommand("delete", "Delete a job");
+    remove->add_option("id", p.job.id)->required();
+    remove->callback([&p] { p.job.action = JobArgs::Action::Delete; });
+
+    auto* list = job.add_subcommand("list", "List the daemon's jobs");
+    list->callback([&p] { p.job.action = JobArgs::Action::List; });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Parsed p;
+    CLI::App app{"ksctl: command-line client of the shared-services daemon ksd", "ksctl"};
+    app.require_subcommand(1);
+    app.fallthrough();
+    auto* pipeOpt = app.add_option("--pipe", p.pipe, "Daemon pipe: abstract name, or socket path when it has a '/'");
+    auto* tcpOpt =
+        app.add_option("--tcp-port", p.tcpPort, "Reach the daemon over TCP on 127.0.0.1")->check(CLI::Range(1, 65535));
+    pipeOpt->excludes(tcpOpt);
+    app.add_flag("--json", p.options.json, "Machine-readable output: one JSON value per line");
+    app.add_option("--reply-timeout", p.replyTimeoutMs, "How long status and list queries wait for ksd, in ms")
+        ->check(CLI::Range(1, 3600000));
+
+    auto* publish = app.add_subcommand("publish", "Publish an event; prints how many subscribers it was queued for");
+    publish->add_option("event", p.publish.event, "Event name")->required();
+    publish->add_option("--text,-t", p.publish.text, "Text part of the notification");
+    publish->add_option("--data-file,-f", p.publish.dataFile, "Binary payload from this file ('-': standard input)");
+
+    auto* subscribe = app.add_subcommand("subscribe", "Print each notification of these events until interrupted");
+    subscribe->add_option("events", p.subscribe.events, "Event names")->required();
+    subscribe->add_option("--count,-n", p.subscribe.count, "Exit after this many notifications")
+        ->check(CLI::PositiveNumber);
+
+    auto* lock =
+        app.add_subcommand("lock", "Run a command while holding a named lock: lock NAME [--timeout MS] -- CMD...");
+    lock->add_option("name", p.lock.name, "Resource name")->required();
+    lock->add_option("--timeout", p.lock.timeoutMs, "Give up after this many ms (0: try once; default: wait)")
+        ->check(CLI::NonNegativeNumber);
+    lock->add_option("command", p.lock.command, "The command and its arguments (run without a shell)")->required();
+
+    auto* job = app.add_subcommand("job", "Create, inspect, update and remove jobs");
+    addJobCommands(*job, p);
+
+    auto* status = app.add_subcommand("status", "Connections, subscriptions, queue drops, locks held and jobs");
+    auto* locks = app.add_subcommand("locks", "List the locks held and their waiters");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "ksctl: %s (see ksctl --help)\n", e.what());
+        return kExitUsage;
+    }
+
+    p.options.replyTimeout = std::chrono::milliseconds(p.replyTimeoutMs);
+    selectDaemon(p.pipe, p.tcpPort);
+
+    if (*publish) return runPublish(p.options, p.publish);
+    if (*subscribe) return runSubscribe(p.options, p.subscribe);
+    if (*lock) return runLock(p.options, p.lock);
+    if (*job) return runJob(p.options, p.job);
+    if (*status) return runStatus(p.options);
+    if (*locks) return runLocks(p.options);
+    return kExitUsage;
+}
