@@ -81,6 +81,9 @@ long OrvoConnection::readTagged(char expectedTag, int bodySize) {
         const int nCode = static_cast<int>(static_cast<std::int32_t>(Codec::loadBE32(buf + 1)));
         OrvoString sMessage(Codec::loadBE32(buf + 5), '\0');
         receiveAll(sMessage.data(), static_cast<long>(sMessage.size()));
+        // The daemon closes after an error value; closing here too means the
+        // next request reopens at once instead of racing that close.
+        disconnect();
         throw OrvoException(sMessage, nCode);
     }
     if (buf[0] != expectedTag) {
