@@ -12,9 +12,12 @@
 #include <exception>
 #include <optional>
 
+#include "OrvoCodec.h"
 #include "OrvoLogging.h"
+#include "log_setup.h"
 #include "server/daemon.h"
 #include "server/state_dir.h"
+#include "service_manager.h"
 
 namespace {
 
@@ -77,21 +80,29 @@ int main(int argc, char** argv) {
     CLI::App app{"ksd: shared-services daemon (notifications, scheduler, locks, job status)"};
     ksd::DaemonOptions options;
     std::string stateDir;
-    std::optional<int> logLevel;
+    std::optional<std::string> logLevel;
     std::optional<int> tcpPort;
     bool foreground = false;
     app.add_option("--pipe", options.pipe, "abstract socket name, or a socket path when it contains '/'")
         ->capture_default_str();
     app.add_option("--tcp-port", tcpPort, "also listen on 127.0.0.1:N")->check(CLI::Range(0, 65535));
     app.add_option("--state-dir", stateDir, "state directory (default /var/lib/ksd as root, else ~/.local/state/ksd)");
-    app.add_option("--log-level", logLevel, "log threshold: 1 problems, 4 failed requests, 9 everything")
-        ->check(CLI::Range(0, 9));
+    app.add_option("--log-level", logLevel,
+                   "log threshold: error (1), warning (4), info (5), debug (8), trace (9), or a number 0-9")
+        ->check(CLI::Validator(
+            [](std::string& text) { return ksd::parseLogLevel(text) ? std::string() : "not a log level: " + text; },
+            "LEVEL"));
     app.add_flag("--foreground", foreground, "stay in the foreground, log to stderr");
+    app.set_version_flag("--version", std::string("ksd ") + KS_VERSION + " (protocol " +
+                                          std::to_string(OrvoNet::Codec::kProtocolVersion) + ")");
     CLI11_PARSE(app, argc, argv);
 
-    if (logLevel) OrvoSupport::OrvoLogging::getInstance().setLogLevel(*logLevel);
+    if (logLevel) OrvoSupport::OrvoLogging::getInstance().setLogLevel(*ksd::parseLogLevel(*logLevel));
     if (tcpPort) options.tcpPort = *tcpPort;
-    options.stateDir = stateDir.empty() ? ksd::defaultStateDir() : std::filesystem::path(stateDir);
+    if (!stateDir.empty())
+        options.stateDir = stateDir;
+    else
+        options.stateDir = ksd::managerStateDirectory().value_or(ksd::defaultStateDir());
     // Detaching changes to "/": relative paths are resolved against the caller's directory first.
     std::error_code ec;
     options.stateDir = std::filesystem::absolute(options.stateDir, ec).lexically_normal();
@@ -104,16 +115,25 @@ int main(int argc, char** argv) {
         std::perror("ksd: cannot detach");
         return 1;
     }
+    if (!foreground && !ksd::logFileNamed()) ksd::logToSyslog();
+    int stopSignal = 0;
     try {
         ksd::Daemon daemon(std::move(options));
         asio::signal_set signals(daemon.io(), SIGTERM, SIGINT);
-        signals.async_wait([&daemon](const std::error_code& ec, int) {
-            if (!ec) daemon.stop();
+        signals.async_wait([&daemon, &stopSignal](const std::error_code& ec, int signal) {
+            if (ec) return;
+            stopSignal = signal;
+            ksd::notifyStopping();
+            daemon.stop();
         });
         // A client that vanishes mid-write must not kill the daemon.
         ::signal(SIGPIPE, SIG_IGN);
         reportReady(readyFd, true);
+        ksd::notifyReady();
         daemon.run();
+        ORVO_LOG(1, "ksd: stopped" << (stopSignal == SIGTERM  ? " on SIGTERM"
+                                       : stopSignal == SIGINT ? " on SIGINT"
+                                                              : ""));
     } catch (const std::exception& e) {
         std::fprintf(stderr, "ksd: %s\n", e.what());
         reportReady(readyFd, false);

@@ -59,6 +59,7 @@ int main(int argc, char** argv) {
     CLI::App app{"ksctl: command-line client of the shared-services daemon ksd", "ksctl"};
     app.require_subcommand(1);
     app.fallthrough();
+    app.set_version_flag("--version", std::string("ksctl ") + KS_VERSION);
     auto* pipeOpt = app.add_option("--pipe", p.pipe, "Daemon pipe: abstract name, or socket path when it has a '/'");
     auto* tcpOpt =
         app.add_option("--tcp-port", p.tcpPort, "Reach the daemon over TCP on 127.0.0.1")->check(CLI::Range(1, 65535));
@@ -95,6 +96,8 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForHelp& e) {
         return app.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         std::fprintf(stderr, "ksctl: %s (see ksctl --help)\n", e.what());
