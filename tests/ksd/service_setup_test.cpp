@@ -1,0 +1,133 @@
+// ksd as a service manager and an operator see it: log levels by name, the
+// state directory systemd hands over, readiness and stop notifications, the
+// stop line, and the version both programs print.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "fake_daemon.h"
+#include "ksd_process.h"
+#include "log_setup.h"
+#include "service_manager.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(ServiceSetup, LogLevelsByNameOrDigitMapOntoTheLoggingThresholds) {
+    EXPECT_EQ(ksd::parseLogLevel("error"), 1);
+    EXPECT_EQ(ksd::parseLogLevel("warning"), 4) << "refusals are logged at 4";
+    EXPECT_EQ(ksd::parseLogLevel("trace"), 9) << "every request is logged at 9";
+    EXPECT_EQ(ksd::parseLogLevel("Info"), ksd::parseLogLevel("info"));
+    EXPECT_EQ(ksd::parseLogLevel("DEBUG"), ksd::kLogDebug);
+    EXPECT_LT(*ksd::parseLogLevel("warning"), *ksd::parseLogLevel("info"));
+    EXPECT_LT(*ksd::parseLogLevel("info"), *ksd::parseLogLevel("debug"));
+    EXPECT_LT(*ksd::parseLogLevel("debug"), *ksd::parseLogLevel("trace"));
+    EXPECT_EQ(ksd::parseLogLevel("0"), 0);
+    EXPECT_EQ(ksd::parseLogLevel("7"), 7);
+    for (const char* bad : {"", "10", "-1", "warn", "errors", "e", "1x", " 1"})
+        EXPECT_FALSE(ksd::parseLogLevel(bad).has_value()) << "'" << bad << "'";
+}
+
+TEST(ServiceSetup, StateDirectoryComesFromTheFirstAbsoluteManagerEntry) {
+    {
+        kstest::ScopedEnv env("STATE_DIRECTORY", "/var/lib/ksd:/var/lib/other");
+        EXPECT_EQ(ksd::managerStateDirectory(), fs::path("/var/lib/ksd"));
+    }
+    {
+        kstest::ScopedEnv env("STATE_DIRECTORY", "relative/ksd");
+        EXPECT_FALSE(ksd::managerStateDirectory().has_value());
+    }
+    ::unsetenv("STATE_DIRECTORY");
+    EXPECT_FALSE(ksd::managerStateDirectory().has_value());
+}
+
+// A datagram socket standing in for systemd's notification socket.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path) : path_(path) {
+        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+        bound_ = ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    }
+    ~NotifySocket() { ::close(fd_); }
+    bool bound() const { return bound_; }
+    const std::string& path() const { return path_; }
+    // The next message, or "" when none comes within a generous bound.
+    std::string next() {
+        pollfd p{fd_, POLLIN, 0};
+        if (::poll(&p, 1, 20000) != 1) return "";
+        char buf[512];
+        const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+        return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : "";
+    }
+
+private:
+    std::string path_;
+    int fd_ = -1;
+    bool bound_ = false;
+};
+
+#ifdef KSD_HAVE_SYSTEMD
+constexpr bool kHaveSystemd = true;
+#else
+constexpr bool kHaveSystemd = false;
+#endif
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+TEST(ServiceSetup, UnderAServiceManagerKsdUsesItsStateDirectoryAndReportsReadyAndStop) {
+    if (!kHaveSystemd) GTEST_SKIP() << "built without libsystemd: readiness is not sent";
+    kstest::ScopedTempDir tmp("kstest-unit");
+    NotifySocket notify(tmp.path() + "/notify");
+    ASSERT_TRUE(notify.bound());
+    const std::string state = tmp.path() + "/state";
+    const std::string log = tmp.path() + "/ksd.log";
+    const std::string pipe = kstest::uniqueName("kstest-unit");
+
+    kstest::ChildProcess ksd(kstest::ksdProgram(), {"--foreground", "--pipe", pipe, "--log-level", "error"},
+                             {{"STATE_DIRECTORY", state}, {"NOTIFY_SOCKET", notify.path()}, {"OSUPT_LOG_FILE", log}});
+    ASSERT_TRUE(ksd.started());
+    ASSERT_EQ(notify.next(), "READY=1");
+    EXPECT_TRUE(fs::exists(state + "/ksd.db")) << "the state directory systemd made is used";
+    EXPECT_TRUE(kstest::WireClient().connect("pipe:" + pipe)) << "ready means listening";
+
+    ksd.signal(SIGTERM);
+    EXPECT_EQ(notify.next(), "STOPPING=1");
+    EXPECT_EQ(ksd.wait(), 0);
+    const std::string records = readFile(log);
+    EXPECT_NE(records.find("ksd: ready, listening on pipe '" + pipe + "'"), std::string::npos) << records;
+    EXPECT_NE(records.find("ksd: stopped on SIGTERM"), std::string::npos) << records;
+    EXPECT_EQ(records.find("[4]"), std::string::npos) << "'error' admits level 1 only:\n" << records;
+}
+
+std::string firstLineOf(const std::string& program, const std::string& arg) {
+    kstest::ChildProcess child(program, {arg});
+    std::string line;
+    child.readLine(line);
+    child.wait();
+    return line;
+}
+
+TEST(ServiceSetup, BothProgramsPrintTheProjectVersion) {
+    EXPECT_EQ(firstLineOf(kstest::ksdProgram(), "--version"), "ksd " KS_VERSION " (protocol 1)");
+    EXPECT_EQ(firstLineOf(kstest::testBinaryDir() + "/tools/ksctl/ksctl", "--version"), "ksctl " KS_VERSION);
+}
+
+}  // namespace
