@@ -86,7 +86,8 @@ int main(int argc, char** argv) {
     app.add_option("--pipe", options.pipe, "abstract socket name, or a socket path when it contains '/'")
         ->capture_default_str();
     app.add_option("--tcp-port", tcpPort, "also listen on 127.0.0.1:N")->check(CLI::Range(0, 65535));
-    app.add_option("--state-dir", stateDir, "state directory (default $STATE_DIRECTORY, else /var/lib/ksd as root, else ~/.local/state/ksd)");
+    app.add_option("--state-dir", stateDir,
+                   "state directory (default $STATE_DIRECTORY, else /var/lib/ksd as root, else ~/.local/state/ksd)");
     app.add_option("--log-level", logLevel,
                    "log threshold: error (1), warning (4), info (5), debug (8), trace (9), or a number 0-9")
         ->check(CLI::Validator(
