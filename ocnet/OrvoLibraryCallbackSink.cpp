@@ -26,7 +26,6 @@
 namespace OrvoNet {
 
 using OrvoSupport::OrvoException;
-namespace Codec = OrvoNet::Codec;
 
 namespace {
 

@@ -39,29 +39,6 @@ KSINTF_API int OrvoJSEUnregisterForNotification(int hRegistration);
 
 #ifdef __cplusplus
 }
-
-#include <map>
-
-#include "OrvoObjectBase.h"
-#include "OrvoSmartPointer.h"
-
-// What a job registration keeps alive: the caller's function.
-class KSINTF_API JSNotificationInfo : public OrvoSupport::OrvoObjectBase {
-public:
-    explicit JSNotificationInfo(PFJSENotificationCallback pfnCallback) : m_pfnCallback(pfnCallback) {}
-    ~JSNotificationInfo() override {}
-    PFJSENotificationCallback JSCallback() const { return m_pfnCallback; }
-
-private:
-    PFJSENotificationCallback m_pfnCallback;
-};
-
-typedef OrvoSupport::OrvoSmartPointer<JSNotificationInfo> JSNotificationInfoSP;
-typedef std::map<int, JSNotificationInfoSP> JSNotificationInfoMap;
-
-KSINTF_API JSNotificationInfoMap* getJSNotificationInfoByHandleMap();
-// Adapter registered with the notification network for job events.
-KSINTF_API void OrvoJSNotificationCallback(const char* pszEventName, OrvoNNNotification* pNotification);
 #endif
 
 #endif

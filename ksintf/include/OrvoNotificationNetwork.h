@@ -27,11 +27,6 @@ KSINTF_API int OrvoNNNotify(const char* pszEventName, OrvoNNNotification* pNotif
 
 #ifdef __cplusplus
 }
-
-// Registration without the reserved-prefix check, for the library's own families.
-KSINTF_API int _OrvoNNRegisterForNotification(const char* pszEventName, PFNNNotificationCallback pfNotificationCallback,
-                                              void* pContext);
-KSINTF_API int MapNNExceptionCode(int errorCode);
 #endif
 
 #endif

@@ -21,29 +21,6 @@ KSINTF_API int OrvoRAUnregisterForNotification(int hRegistration);
 
 #ifdef __cplusplus
 }
-
-#include <map>
-
-#include "OrvoObjectBase.h"
-#include "OrvoSmartPointer.h"
-
-// What a resource registration keeps alive: the caller's function.
-class KSINTF_API RANotificationInfo : public OrvoSupport::OrvoObjectBase {
-public:
-    explicit RANotificationInfo(PFRANotificationCallback pfnCallback) : m_pfnCallback(pfnCallback) {}
-    ~RANotificationInfo() override {}
-    PFRANotificationCallback RACallback() const { return m_pfnCallback; }
-
-private:
-    PFRANotificationCallback m_pfnCallback;
-};
-
-typedef OrvoSupport::OrvoSmartPointer<RANotificationInfo> RANotificationInfoSP;
-typedef std::map<int, RANotificationInfoSP> RANotificationInfoMap;
-
-KSINTF_API RANotificationInfoMap* getRANotificationInfoByHandleMap();
-// Adapter registered with the notification network for lock events.
-KSINTF_API void OrvoRANotificationCallback(const char* pszEventName, OrvoNNNotification* pNotification);
 #endif
 
 #endif

@@ -80,10 +80,6 @@ KSINTF_API bool Validate(int nDay, int nMon, int nYr, bool pastCheck);
 
 }  // namespace KSInterface
 
-// Adapter registered with the notification network for task events: the
-// text is the task handle, the payload's first int the new state, and the
-// context the caller's function.
-KSINTF_API void OrvoTSNotificationCallback(const char* pszEventName, OrvoNNNotification* pNotification);
 #endif
 
 #endif

@@ -7,12 +7,14 @@
 #include <cstring>
 #include <ctime>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoException.h"
 #include "OrvoLibraryConnection.h"
 #include "OrvoLogging.h"
 #include "OrvoString.h"
 
+using KSInterface::failedExchange;
 using KSInterface::OrvoLibraryConnection;
 using OrvoSupport::OrvoException;
 using OrvoSupport::OrvoString;
@@ -23,13 +25,6 @@ const char* const kEngineName = "Scheduler";
 
 // Only the length of this text is reported after a failed exchange.
 const char kExecutionInfoError[] = "Error in execution information";
-
-int failedExchange(const char* pszFunction, const OrvoException& e) {
-    const int rc = -e.getCode();
-    ORVO_LOG(4, pszFunction << ": exception connecting to server: message = |" << e.getMessage()
-                            << "|, error code = " << e.getCode() << ", returning code = " << rc);
-    return rc;
-}
 
 // One request whose reply is a single long, kept as its low 32 bits.
 template <class WriteFields>
@@ -250,8 +245,8 @@ int OrvoTSUnregisterForNotification(int hRegHandle) { return OrvoNNUnregisterFor
 
 void OrvoTSNotificationCallback(const char* pszEventName, OrvoNNNotification* pNotification) {
     (void)pszEventName;
-    int nState;
-    std::memcpy(&nState, pNotification->m_pData, sizeof(nState));
+    int nState = 0;
+    if (!KSInterface::familyEventCode("OrvoTSNotificationCallback", pNotification, nState)) return;
     const int hTask = static_cast<int>(std::strtol(pNotification->m_pszData, nullptr, 10));
     reinterpret_cast<PFTSNotificationCallback>(pNotification->m_pContext)(hTask, static_cast<tTaskState>(nState));
 }

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "KSIntfInternal.h"
 #include "JobStatusCallback.h"
 #include "OrvoJobStatus.h"
 #include "OrvoPayloadConnection.h"

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <thread>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "NotificationNetworkCallback.h"
 #include "OrvoException.h"
