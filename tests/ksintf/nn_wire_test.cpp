@@ -135,7 +135,8 @@ TEST_F(NNTest, CallbackReadsEachNotificationWholeAndKeepsTheLast) {
     std::string sWrongTag = notification("e", "<x/>", "", 0);
     sWrongTag[0] = 'i';
     for (const std::string& s : {notification("e", "<x/>", "", 0).substr(0, 20), sWrongTag,
-                                 notification("e", "<x/>", "", -1), notification("e", "<x/>", "", 1L << 40)}) {
+                                 notification("e", "<x/>", "", -1), notification("e", "<x/>", "", 1L << 40),
+                                 notification("e", "<x/>", "ab", 5)}) {  // announces more than it holds
         OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection> broken(new OrvoNet::OrvoPayloadConnection(s));
         EXPECT_THROW(callback.doCallback(broken), OrvoSupport::OrvoException);
     }
@@ -267,4 +268,19 @@ TEST_F(NNTest, FailuresGiveMinusTheCodeAndLevel4Lines) {
     int rc = 0;  // the lock released and the shared connection usable again, from another thread
     std::thread([&] { rc = OrvoNNNotify("again", &m_plain); }).join();
     EXPECT_EQ(rc, 11);
+}
+
+// An error value ends the exchange on the client side at once: the next
+// publication opens a fresh connection and succeeds on its first try, even
+// while the daemon has not closed the old one yet (it holds it open here).
+TEST_F(NNTest, AnErrorValueLetsTheNextRequestSucceedAtOnce) {
+    kstest::Script refused = script("TRVX_NN_NOTIFY", Wire().addError(EACCES, "not yours").bytes());
+    refused.trailer = false;
+    m_daemon.expect(refused);
+    m_daemon.expect(script("TRVX_NN_NOTIFY", Wire().addLong(3)));
+    ASSERT_TRUE(m_daemon.start());
+    EXPECT_EQ(OrvoNNNotify("first", &m_plain), -EACCES);
+    EXPECT_EQ(OrvoNNNotify("second", &m_plain), 3);
+    ASSERT_EQ(m_daemon.requestCount(), 2u);
+    EXPECT_NE(m_daemon.request(1).connection, m_daemon.request(0).connection);
 }
