@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
@@ -24,7 +25,7 @@ namespace {
 const char* const kEngineName = "Scheduler";
 
 // Only the length of this text is reported after a failed exchange.
-const char kExecutionInfoError[] = "Error in execution information";
+constexpr std::string_view kExecutionInfoError = "Error in execution information";
 
 // One request whose reply is a single long, kept as its low 32 bits.
 template <class WriteFields>
@@ -165,7 +166,7 @@ int OrvoTSExecutionInformation(int hTask, char* pszDateTime, int* pnTimeSize) {
             nResult = static_cast<int>(connection.receiveLong());
         }
     } catch (OrvoException& e) {
-        *pnTimeSize = static_cast<int>(sizeof(kExecutionInfoError) - 1);
+        *pnTimeSize = static_cast<int>(kExecutionInfoError.size());
         return failedExchange("OrvoTSExecutionInformation", e);
     }
     *pnTimeSize = pszDateTime != nullptr ? static_cast<int>(std::strlen(pszDateTime)) : 0;
