@@ -7,40 +7,23 @@ namespace OrvoNet::Codec {
 
 namespace {
 
-template <std::size_t N>
-void appendBytes(std::string& out, const char (&buf)[N]) {
-    out.append(buf, N);
+template <class Encode, class T>
+void append(std::string& out, Encode encode, T v) {
+    char buf[kMaxScalarSize];
+    out.append(buf, encode(buf, v));
 }
 
 }  // namespace
 
-void putShort(std::string& out, std::int16_t v) {
-    char buf[3] = {kTagShort};
-    storeBE16(buf + 1, static_cast<std::uint16_t>(v));
-    appendBytes(out, buf);
-}
-
-void putInt(std::string& out, std::int32_t v) {
-    char buf[5] = {kTagInt};
-    storeBE32(buf + 1, static_cast<std::uint32_t>(v));
-    appendBytes(out, buf);
-}
-
-void putLong(std::string& out, std::int64_t v) {
-    char buf[9] = {kTagLong};
-    storeBE64(buf + 1, static_cast<std::uint64_t>(v));
-    appendBytes(out, buf);
-}
-
-void putBool(std::string& out, bool v) {
-    char buf[2] = {kTagBool, static_cast<char>(v ? 1 : 0)};
-    appendBytes(out, buf);
-}
+void putShort(std::string& out, std::int16_t v) { append(out, encodeShort, v); }
+void putInt(std::string& out, std::int32_t v) { append(out, encodeInt, v); }
+void putLong(std::string& out, std::int64_t v) { append(out, encodeLong, v); }
+void putBool(std::string& out, bool v) { append(out, encodeBool, v); }
 
 void putString(std::string& out, std::string_view s) {
     char buf[kStringHeaderSize];
     storeStringHeader(buf, static_cast<std::uint32_t>(s.size()));
-    appendBytes(out, buf);
+    out.append(buf, sizeof buf);
     out.append(s);
 }
 
@@ -48,7 +31,7 @@ void putError(std::string& out, std::int32_t code, std::string_view message) {
     char buf[9] = {kTagError};
     storeBE32(buf + 1, static_cast<std::uint32_t>(code));
     storeBE32(buf + 5, static_cast<std::uint32_t>(message.size()));
-    appendBytes(out, buf);
+    out.append(buf, sizeof buf);
     out.append(message);
 }
 

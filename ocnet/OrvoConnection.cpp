@@ -10,33 +10,65 @@
 namespace OrvoNet {
 
 using OrvoSupport::OrvoException;
-namespace Codec = OrvoNet::Codec;
 
 OrvoConnection::OrvoConnection() = default;
 OrvoConnection::~OrvoConnection() = default;
 
-// The base has no transport: raw operations fail and set-up succeeds trivially.
-void OrvoConnection::disconnect() {}
+OrvoConnection* OrvoConnection::forwardTarget() { return nullptr; }
 
-long OrvoConnection::transfer(const char*, long, long* error) {
+// The transport at the end of the forwarding chain, or null when this object
+// is itself the end (and so has no transport of its own to offer).
+OrvoConnection* OrvoConnection::transport() {
+    OrvoConnection* p = forwardTarget();
+    if (p == nullptr) return nullptr;
+    while (OrvoConnection* pNext = p->forwardTarget()) p = pNext;
+    return p;
+}
+
+// Without a transport, raw operations fail and set-up succeeds trivially.
+void OrvoConnection::disconnect() {
+    if (OrvoConnection* p = transport()) p->disconnect();
+}
+
+long OrvoConnection::transfer(const char* buf, long bufLen, long* error) {
+    if (OrvoConnection* p = transport()) return p->transfer(buf, bufLen, error);
     if (error) *error = EBADF;
     return 0;
 }
 
-long OrvoConnection::receive(char*, long, long* error, bool) {
+long OrvoConnection::receive(char* bufPtr, long toRead, long* error, bool bWaitForAll) {
+    if (OrvoConnection* p = transport()) return p->receive(bufPtr, toRead, error, bWaitForAll);
     if (error) *error = EBADF;
     return 0;
 }
 
-int OrvoConnection::peekBytes(void*, int& nSize, int& nErrorCode) {
+int OrvoConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
+    if (OrvoConnection* p = transport()) return p->peekBytes(pBuffer, nSize, nErrorCode);
     nSize = 0;
     nErrorCode = EBADF;
     return -1;
 }
 
+// Opening belongs to the transport itself, never to a forwarding connection.
 int OrvoConnection::establishImpl(OrvoString&) { return 0; }
 
-void OrvoConnection::flush() {}
+void OrvoConnection::flush() {
+    if (OrvoConnection* p = transport()) p->flush();
+}
+
+int OrvoConnection::put(void* buf, int len) {
+    long status = 0;
+    const long nSent = transfer(static_cast<const char*>(buf), len, &status);
+    if (status != 0) throw OrvoException("OrvoConnection::put: transfer failed.", static_cast<int>(status));
+    return static_cast<int>(nSent);
+}
+
+int OrvoConnection::get(void* buf, int len) {
+    long status = 0;
+    const long nRead = receive(static_cast<char*>(buf), len, &status, true);
+    if (nRead != len) throw OrvoException("OrvoConnection::get: failed read", static_cast<int>(status));
+    return len;
+}
 
 void OrvoConnection::transferAll(const char* buf, long len) {
     long nError = 0;
@@ -112,26 +144,23 @@ void OrvoConnection::transfer(const OrvoString& sValue) {
 }
 
 void OrvoConnection::transfer(int nValue) {
-    char buf[5] = {Codec::kTagInt};
-    Codec::storeBE32(buf + 1, static_cast<std::uint32_t>(nValue));
-    transferAll(buf, sizeof buf);
+    char buf[Codec::kMaxScalarSize];
+    transferAll(buf, static_cast<long>(Codec::encodeInt(buf, nValue)));
 }
 
 void OrvoConnection::transfer(short nValue) {
-    char buf[3] = {Codec::kTagShort};
-    Codec::storeBE16(buf + 1, static_cast<std::uint16_t>(nValue));
-    transferAll(buf, sizeof buf);
+    char buf[Codec::kMaxScalarSize];
+    transferAll(buf, static_cast<long>(Codec::encodeShort(buf, nValue)));
 }
 
 void OrvoConnection::transfer(long nValue) {
-    char buf[9] = {Codec::kTagLong};
-    Codec::storeBE64(buf + 1, static_cast<std::uint64_t>(nValue));
-    transferAll(buf, sizeof buf);
+    char buf[Codec::kMaxScalarSize];
+    transferAll(buf, static_cast<long>(Codec::encodeLong(buf, nValue)));
 }
 
 void OrvoConnection::transfer(bool bValue) {
-    const char buf[2] = {Codec::kTagBool, static_cast<char>(bValue ? 1 : 0)};
-    transferAll(buf, sizeof buf);
+    char buf[Codec::kMaxScalarSize];
+    transferAll(buf, static_cast<long>(Codec::encodeBool(buf, bValue)));
 }
 
 OrvoString OrvoConnection::receiveString() {

@@ -21,17 +21,17 @@
 #include "OrvoException.h"
 #include "OrvoLogging.h"
 #include "OrvoPayloadConnection.h"
+#include "OrvoPeerCredentials.h"
+#include "OrvoProtocol.h"
 #include "OrvoStreamConnection.h"
 
 namespace OrvoNet {
 
 using OrvoSupport::OrvoException;
-namespace Codec = OrvoNet::Codec;
 
 namespace {
 
 constexpr std::size_t kReadChunk = 64 * 1024;
-constexpr std::size_t kFrameHeaderSize = 10;  // two tagged ints
 
 // One accepted push connection and its not yet dispatched bytes.
 struct PushConnection {
@@ -69,6 +69,7 @@ FrameStatus parseFrame(const std::string& buffer, std::size_t pos, int& nId, std
         sWhy = "payload length " + std::to_string(fields[1]) + " out of range";
         return FrameStatus::malformed;
     }
+    static_assert(Protocol::kPushFrameHeaderSize == 2 * (1 + sizeof(std::int32_t)), "a header is two tagged ints");
     nPayloadSize = static_cast<std::size_t>(fields[1]);
     if (nAvail - nAt < nPayloadSize) return FrameStatus::incomplete;
     nId = fields[0];
@@ -233,12 +234,30 @@ void OrvoLibraryCallbackSink::run() {
             for (;;) {
                 const int fd = ::accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
                 if (fd < 0) break;
+                if (!isTrustedPeer(fd)) {
+                    ::close(fd);
+                    continue;
+                }
                 connections.push_back({fd, {}, 0});
                 ORVO_LOG(9, "OrvoLibraryCallbackSink::run: accepted a push connection");
             }
         }
     }
     for (auto& c : connections) ::close(c.fd);
+}
+
+// Only the daemon (the uid our request connections reached) and root may
+// push: anyone else could forge events for our callbacks.
+bool OrvoLibraryCallbackSink::isTrustedPeer(int fd) {
+    OrvoPeerCredentials peer;
+    if (!peerCredentials(fd, peer)) {
+        ORVO_LOG(4, "OrvoLibraryCallbackSink::run: refusing a push connection whose owner cannot be learnt");
+        return false;
+    }
+    if (peer.m_nUid == 0 || (peer.m_nUid == daemonUid() && peer.m_nUid >= 0)) return true;
+    ORVO_LOG(4, "OrvoLibraryCallbackSink::run: refusing a push connection from pid " << peer.m_nPid << " uid "
+                                                                                      << peer.m_nUid);
+    return false;
 }
 
 void OrvoLibraryCallbackSink::dispatch(const char* pPayload, std::size_t nSize, int nId) {

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "OrvoException.h"
+#include "OrvoPeerCredentials.h"
 
 namespace OrvoNet {
 
@@ -89,6 +90,10 @@ int OrvoStreamConnection::establishImpl(OrvoString& sExceptionMessage) {
         return nCode;
     }
     m_fd = fd;
+    // The one who answers our requests is the daemon: pushes are accepted
+    // only from its uid (or root).
+    OrvoPeerCredentials peer;
+    if (peerCredentials(fd, peer)) noteDaemonUid(peer.m_nUid);
     if (m_in.size() < kInputBufferSize) m_in.resize(kInputBufferSize);
     return 0;
 }

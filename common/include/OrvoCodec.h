@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "OrvoExport.h"
+#include "OrvoProtocol.h"  // the constants every codec user frames requests with
 
 // The tag/length encoding of the wire, as pure functions over byte buffers.
 // Both the client connections and the daemon's incremental decoder use it.
@@ -21,9 +22,6 @@ inline constexpr char kTagError = 'E';
 
 inline constexpr std::uint32_t kMaxStringLength = 16u * 1024u * 1024u;
 inline constexpr std::uint32_t kMaxPushPayload = 64u * 1024u * 1024u;
-
-inline constexpr std::int16_t kProtocolVersion = 1;
-inline constexpr std::int16_t kMagic = 7777;
 
 // Big-endian integer bodies.
 inline void storeBE16(char* p, std::uint16_t v) {
@@ -48,6 +46,31 @@ inline std::uint64_t loadBE64(const char* p) {
     std::uint64_t v = 0;
     for (int i = 0; i < 8; ++i) v = (v << 8) | static_cast<unsigned char>(p[i]);
     return v;
+}
+
+// Encoders of one whole scalar value into p (room for kMaxScalarSize bytes);
+// each returns the size it wrote. The appenders below and the client
+// connections both encode through these.
+inline constexpr std::size_t kMaxScalarSize = 9;
+inline std::size_t encodeShort(char* p, std::int16_t v) {
+    p[0] = kTagShort;
+    storeBE16(p + 1, static_cast<std::uint16_t>(v));
+    return 3;
+}
+inline std::size_t encodeInt(char* p, std::int32_t v) {
+    p[0] = kTagInt;
+    storeBE32(p + 1, static_cast<std::uint32_t>(v));
+    return 5;
+}
+inline std::size_t encodeLong(char* p, std::int64_t v) {
+    p[0] = kTagLong;
+    storeBE64(p + 1, static_cast<std::uint64_t>(v));
+    return 9;
+}
+inline std::size_t encodeBool(char* p, bool v) {
+    p[0] = kTagBool;
+    p[1] = static_cast<char>(v ? 1 : 0);
+    return 2;
 }
 
 // Appenders: each adds one whole typed value to `out`.

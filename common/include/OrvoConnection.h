@@ -8,9 +8,11 @@ namespace OrvoNet {
 
 using OrvoSupport::OrvoString;
 
-// A byte stream with typed transfers on top. The raw operations are the
-// virtual seam (transports and forwarding connections override them); every
-// typed operation encodes through the codec and moves bytes through them.
+// A byte stream with typed transfers on top. Transports override the raw
+// operations; a connection that only frames requests on another one names it
+// through forwardTarget() instead, and every raw operation of such a chain
+// goes straight to the transport at its end. Typed operations encode through
+// the codec (OrvoCodec.h) and move bytes through the raw ones.
 // Typed operations throw OrvoSupport::OrvoException (errno codes; EPROTO or
 // EMSGSIZE for a malformed value; ECONNRESET at end of stream; the peer's
 // code and message for an error value).
@@ -49,14 +51,23 @@ public:
     long receiveLong();
     bool receiveBool();
 
-    // Whole raw buffers: throw OrvoException when not all bytes move.
+    // Whole raw buffers: put queues len bytes and returns the count, get
+    // reads exactly len bytes and returns len; both throw OrvoException
+    // (with the errno of the failure) otherwise.
     int put(void* buf, int len);
     int get(void* buf, int len);
 
     void setServiceName(const OrvoString& sServiceName) { m_sServiceName = sServiceName; }
     const OrvoString& getServiceName() const { return m_sServiceName; }
 
+protected:
+    // The connection whose byte stream this one uses, or null when this one
+    // is a transport itself. Raw operations of a forwarding connection
+    // resolve the whole chain once and act on the transport at its end.
+    virtual OrvoConnection* forwardTarget();
+
 private:
+    OrvoConnection* transport();
     void transferAll(const char* buf, long len);
     void receiveAll(char* buf, long len);
     [[noreturn]] void protocolError(const char* pszWhat, int nCode);

@@ -14,6 +14,8 @@ namespace OrvoNet {
 // connections and dispatches each frame (tagged int id, tagged int length,
 // raw payload) to the container's callback of that id. Unknown ids, callbacks
 // that throw and malformed frames never stop it; destruction stops and joins it.
+// Only connections from the daemon's uid (see OrvoPeerCredentials.h) or root
+// are kept; any other is closed at once and logged.
 // Environment: OCNET_CALLBACK_TYPE=socket listens on loopback TCP instead of
 // an abstract Unix name.
 class ORVO_NET_API OrvoLibraryCallbackSink : public OrvoSupport::OrvoThread, public OrvoSupport::OrvoObjectBase {
@@ -35,6 +37,7 @@ protected:
 
 private:
     void startListener();
+    bool isTrustedPeer(int fd);
     void dispatch(const char* pPayload, std::size_t nSize, int nId);
 
     OrvoCallbackContainer m_container;

@@ -159,12 +159,12 @@ RequestParser::Result RequestParser::parse(const char* data, std::size_t size, s
 RequestParser::Result RequestParser::onValue(Value& value) {
     switch (state_) {
         case State::Version:
-            if (value.integer != Codec::kProtocolVersion)
+            if (value.integer != OrvoNet::Protocol::kProtocolVersion)
                 return fail(EPROTO, "unsupported protocol version " + std::to_string(value.integer));
             state_ = State::Magic;
             break;
         case State::Magic:
-            if (value.integer != Codec::kMagic) return fail(EPROTO, "bad magic " + std::to_string(value.integer));
+            if (value.integer != OrvoNet::Protocol::kMagic) return fail(EPROTO, "bad magic " + std::to_string(value.integer));
             state_ = State::Service;
             break;
         case State::Service:

@@ -146,7 +146,7 @@ void Connection::sendReply(std::string encodedFields) {
     if (mode_ != Mode::Serving) return;
     out_ = std::move(encodedFields);
     Codec::putShort(out_, 0);
-    Codec::putShort(out_, Codec::kMagic);
+    Codec::putShort(out_, OrvoNet::Protocol::kMagic);
     mode_ = Mode::Writing;
     asio::async_write(socket_, asio::buffer(out_), [self = shared_from_this()](const std::error_code& ec, std::size_t) {
         if (self->mode_ == Mode::Closed) return;

@@ -5,6 +5,8 @@
 
 #ifdef __cplusplus
 
+#include <atomic>
+
 #include "OrvoLibraryCallbackSink.h"
 
 namespace KSInterface {
@@ -12,16 +14,23 @@ namespace KSInterface {
 class OrvoLibraryConnection;
 
 // The process-wide library object: the callback sink through which the
-// daemon reaches every callback of every family, and the owner of the one
-// shared connection. Both are created lazily and without a lock.
+// daemon reaches every callback of every family (its thread runs them all),
+// and the owner of the one shared connection that publications use.
 class KSINTF_API KSIntfLibrary : public OrvoNet::OrvoLibraryCallbackSink {
 public:
     ~KSIntfLibrary() override;
 
+    // The singleton, created by the first caller; safe to call from any
+    // thread. Valid until deleteInstance() (run by the module's detach).
     static KSIntfLibrary& getInstance();
+    // Stops the sink thread and destroys the singleton; does nothing when
+    // there is none.
     static void deleteInstance();
-    // Throws OrvoException (leaving nothing behind) when the daemon cannot be reached.
+    // The shared connection, opened by the first caller. Throws OrvoException
+    // (leaving nothing behind, so a later call retries) when the daemon cannot
+    // be reached. Callers serialise their requests on it themselves.
     static OrvoLibraryConnection& getSharedLibraryConnection();
+    // Closes and destroys the shared connection; nothing when there is none.
     static void deleteSharedLibraryConnection();
 
 private:
@@ -29,7 +38,7 @@ private:
     KSIntfLibrary(const KSIntfLibrary&);
     KSIntfLibrary& operator=(const KSIntfLibrary&);
 
-    static KSIntfLibrary* m_pThis;
+    static std::atomic<KSIntfLibrary*> m_pThis;
     static OrvoLibraryConnection* m_pLibraryConnection;
 };
 
@@ -41,14 +50,6 @@ KSINTF_API OrvoSupport::OrvoString ResourceArbitrationEventName(const char* pszR
 KSINTF_API OrvoSupport::OrvoString JobStatusEventName(const char* pszJobName);
 
 }  // namespace KSInterface
-
-// Per-family start and stop, run by the module's attach and detach.
-KSINTF_API void KSIntfLibInitOrvoNNNotify();
-KSINTF_API void KSIntfLibFinitOrvoNNNotify();
-KSINTF_API void KSIntfLibInitOrvoJobStatus();
-KSINTF_API void KSIntfLibFinitOrvoJobStatus();
-KSINTF_API void KSIntfLibInitOrvoResourceArbitration();
-KSINTF_API void KSIntfLibFinitOrvoResourceArbitration();
 
 extern "C" {
 #endif

@@ -1,12 +1,13 @@
-// Start and stop of libksintf, the library singleton and the event-name
-// builders of the families.
+// Start and stop of libksintf, and the event-name builders of the families.
 
 #include <cstdio>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "ModuleData.h"
 #include "OrvoLibraryConnection.h"
 #include "OrvoLogging.h"
+#include "OrvoProtocol.h"
 
 using OrvoSupport::OrvoString;
 
@@ -55,55 +56,8 @@ extern "C" KSINTF_API void KSIntfFinitModuleData() {
 
 namespace KSInterface {
 
-KSIntfLibrary* KSIntfLibrary::m_pThis = nullptr;
-OrvoLibraryConnection* KSIntfLibrary::m_pLibraryConnection = nullptr;
-
-KSIntfLibrary::KSIntfLibrary() : OrvoNet::OrvoLibraryCallbackSink("KSIntfLibrary") {}
-
-KSIntfLibrary::~KSIntfLibrary() {
-    // The listener thread must be gone before this object stops being a
-    // KSIntfLibrary; the base would stop it only after that.
-    stop();
-}
-
-KSIntfLibrary& KSIntfLibrary::getInstance() {
-    if (m_pThis == nullptr) {
-        m_pThis = new KSIntfLibrary();
-        ORVO_LOG(9, "KSIntfLibrary::getInstance: creating instance=" << static_cast<const void*>(m_pThis));
-    }
-    return *m_pThis;
-}
-
-void KSIntfLibrary::deleteInstance() {
-    if (m_pThis != nullptr) {
-        ORVO_LOG(9, "KSIntfLibrary::deleteInstance: destroying instance=" << static_cast<const void*>(m_pThis));
-        delete m_pThis;
-        m_pThis = nullptr;
-    }
-}
-
-OrvoLibraryConnection& KSIntfLibrary::getSharedLibraryConnection() {
-    if (m_pLibraryConnection == nullptr) {
-        // A constructor that throws (daemon unreachable) leaves the pointer
-        // null, so the next caller tries again.
-        m_pLibraryConnection = new OrvoLibraryConnection();
-        ORVO_LOG(9, "KSIntfLibrary::getSharedLibraryConnection: creating shared library connection="
-                        << static_cast<const void*>(m_pLibraryConnection));
-    }
-    return *m_pLibraryConnection;
-}
-
-void KSIntfLibrary::deleteSharedLibraryConnection() {
-    if (m_pLibraryConnection != nullptr) {
-        ORVO_LOG(9, "KSIntfLibrary::deleteSharedLibraryConnection: destroying shared library connection="
-                        << static_cast<const void*>(m_pLibraryConnection));
-        delete m_pLibraryConnection;
-        m_pLibraryConnection = nullptr;
-    }
-}
-
 OrvoString TaskSchedulerEventName(int hTask) {
-    OrvoString sName("OrvoTSEvent:");
+    OrvoString sName(OrvoNet::Protocol::kTaskEventPrefix);
     char szHandle[20];
     std::snprintf(szHandle, sizeof(szHandle), "%d", hTask);
     sName.append(szHandle);
@@ -112,7 +66,7 @@ OrvoString TaskSchedulerEventName(int hTask) {
 }
 
 OrvoString ResourceArbitrationEventName(const char* pszResourceName) {
-    OrvoString sName("OrvoRAEvent:");
+    OrvoString sName(OrvoNet::Protocol::kLockEventPrefix);
     // Through OrvoString so that a null name raises the standard logic error.
     sName.append(OrvoString(pszResourceName));
     sName.append("$");
@@ -120,7 +74,7 @@ OrvoString ResourceArbitrationEventName(const char* pszResourceName) {
 }
 
 OrvoString JobStatusEventName(const char* pszJobName) {
-    OrvoString sName("OrvoJSEvent:");
+    OrvoString sName(OrvoNet::Protocol::kJobEventPrefix);
     sName.append(OrvoString(pszJobName));
     sName.append("$");
     return sName;

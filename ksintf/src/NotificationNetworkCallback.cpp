@@ -3,12 +3,14 @@
 #include "NotificationNetworkCallback.h"
 
 #include <cerrno>
+#include <memory>
 #include <utility>
 
 #include "KSIntfLibrary.h"
 #include "OrvoCodec.h"
 #include "OrvoException.h"
 #include "OrvoLogging.h"
+#include "OrvoPayloadConnection.h"
 
 namespace KSInterface {
 
@@ -53,26 +55,31 @@ void NotificationNetworkCallback::doCallback(OrvoSmartPointer<OrvoConnection>& c
     setEventName(sEventName);
     setXmlData(sXml);
     const long nLength = conn->receiveLong();
-    // The length comes from the wire: refuse one that no push frame can carry
-    // instead of attempting an absurd allocation.
-    if (nLength < 0 || nLength > static_cast<long>(OrvoNet::Codec::kMaxPushPayload)) {
+    // The length comes from the wire: a payload longer than what the pushed
+    // frame still holds (or than any frame can carry) is refused before
+    // anything is allocated for it.
+    const auto* pFrame = dynamic_cast<const OrvoNet::OrvoPayloadConnection*>(static_cast<OrvoConnection*>(conn));
+    const long nAvailable = pFrame != nullptr ? static_cast<long>(pFrame->remaining())
+                                              : static_cast<long>(OrvoNet::Codec::kMaxPushPayload);
+    if (nLength < 0 || nLength > nAvailable) {
         throw OrvoSupport::OrvoException("NotificationNetworkCallback::doCallback: invalid payload length", EMSGSIZE);
     }
     // One byte more than needed, so that even an empty payload has an address.
-    char* pData = new char[nLength + 1];
+    std::unique_ptr<char[]> spData(new char[nLength + 1]);
+    // get() throws unless every byte arrived: the subscriber never sees
+    // bytes that were not sent.
+    if (nLength > 0) conn->get(spData.get(), static_cast<int>(nLength));
 
     OrvoNNNotification notification;
     notification.m_pszData = sXml.c_str();
-    notification.m_pData = pData;
+    notification.m_pData = spData.get();
     notification.m_nDataLength = nLength;
     notification.m_pContext = m_pvContext;
 
-    long status = 0;
-    conn->receive(pData, nLength, &status, true);
     // The previous payload belonged to its own delivery only (subscribers
     // copy what they keep), so it is freed here rather than left behind.
     delete[] static_cast<char*>(m_vProducerData);
-    setProducerData(nLength, pData);
+    setProducerData(nLength, spData.release());
 
     if (m_pfnCallback != nullptr) {
         ORVO_LOG(9, "NotificationNetworkCallback::doCallback: invoking m_pfnCallback");

@@ -3,8 +3,7 @@
 
 #include "OrvoJobStatus.h"
 
-#include <cstring>
-
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoException.h"
 #include "OrvoLibraryConnection.h"
@@ -34,20 +33,11 @@ int jobRequest(const char* pszCommand, WriteFields writeFields) {
 
 }  // namespace
 
-JSNotificationInfoMap* getJSNotificationInfoByHandleMap() {
-    if (g_JSInfoByHandleMap == nullptr) g_JSInfoByHandleMap = new JSNotificationInfoMap();
-    return g_JSInfoByHandleMap;
-}
+JSNotificationInfoMap* getJSNotificationInfoByHandleMap() { return KSInterface::familyMap(g_JSInfoByHandleMap); }
 
 void KSIntfLibInitOrvoJobStatus() {}
 
-void KSIntfLibFinitOrvoJobStatus() {
-    // The pointer is left as it is: no family call may follow the detach.
-    if (g_JSInfoByHandleMap != nullptr) {
-        g_JSInfoByHandleMap->clear();
-        delete g_JSInfoByHandleMap;
-    }
-}
+void KSIntfLibFinitOrvoJobStatus() { KSInterface::finitFamilyMap(g_JSInfoByHandleMap); }
 
 extern "C" {
 
@@ -98,30 +88,21 @@ int OrvoJSECancelJob(int iJobID) {
 }
 
 int OrvoJSERegisterForNotification(const char* pszJobName, PFJSENotificationCallback pfNotificationCallback) {
-    JSNotificationInfoSP spInfo(new JSNotificationInfo(pfNotificationCallback));
-    const OrvoString sEventName = KSInterface::JobStatusEventName(pszJobName);
-    // The notification network holds only the raw pointer; the map's
-    // reference keeps the info alive until a successful unregistration.
-    const int hRegistration =
-        _OrvoNNRegisterForNotification(sEventName.c_str(), OrvoJSNotificationCallback, static_cast<JSNotificationInfo*>(spInfo));
-    if (hRegistration < 0) return hRegistration;
-    (*getJSNotificationInfoByHandleMap())[hRegistration] = spInfo;
-    return hRegistration;
+    return KSInterface::registerFamilyCallback<JSNotificationInfo>(*getJSNotificationInfoByHandleMap(),
+                                                                   KSInterface::JobStatusEventName(pszJobName),
+                                                                   OrvoJSNotificationCallback, pfNotificationCallback);
 }
 
 int OrvoJSEUnregisterForNotification(int hRegistration) {
-    const int nResult = OrvoNNUnregisterForNotification(hRegistration);
-    if (nResult != 0) return nResult;
-    getJSNotificationInfoByHandleMap()->erase(hRegistration);
-    return 0;
+    return KSInterface::unregisterFamilyCallback(*getJSNotificationInfoByHandleMap(), hRegistration);
 }
 
 }  // extern "C"
 
 void OrvoJSNotificationCallback(const char* pszEventName, OrvoNNNotification* pNotification) {
     (void)pszEventName;
+    int nEvent = 0;
+    if (!KSInterface::familyEventCode("OrvoJSNotificationCallback", pNotification, nEvent)) return;
     auto* pInfo = static_cast<JSNotificationInfo*>(pNotification->m_pContext);
-    int nEvent;
-    std::memcpy(&nEvent, pNotification->m_pData, sizeof(nEvent));
     pInfo->JSCallback()(pNotification->m_pszData, static_cast<tOrvoJSEEvent>(nEvent));
 }

@@ -1,5 +1,4 @@
-// The connection that frames every request to the daemon, and the raw
-// whole-buffer operations of OrvoConnection that this library supplies.
+// The connection that frames every request to the daemon.
 
 #include "OrvoLibraryConnection.h"
 
@@ -8,6 +7,7 @@
 #include "KSIntfLibrary.h"
 #include "OrvoException.h"
 #include "OrvoLogging.h"
+#include "OrvoProtocol.h"
 #include "OrvoStreamConnection.h"
 
 using OrvoSupport::OrvoException;
@@ -17,8 +17,6 @@ namespace {
 const char* const kDefaultPipeName = "osm_ks_shrsvc";
 const char* const kDefaultHost = "127.0.0.1";
 const int kDefaultPort = 1311;
-const short kProtocolVersion = 1;
-const short kProtocolMagic = 7777;
 
 }  // namespace
 
@@ -63,28 +61,11 @@ OrvoLibraryConnection::~OrvoLibraryConnection() {
     m_connection = static_cast<OrvoConnection*>(nullptr);
 }
 
-void OrvoLibraryConnection::disconnect() { m_connection->disconnect(); }
-
-long OrvoLibraryConnection::transfer(const char* buf, long bufLen, long* error) {
-    return m_connection->transfer(buf, bufLen, error);
-}
-
-long OrvoLibraryConnection::receive(char* bufPtr, long toRead, long* error, bool bWaitForAll) {
-    return m_connection->receive(bufPtr, toRead, error, bWaitForAll);
-}
-
-int OrvoLibraryConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
-    return m_connection->peekBytes(pBuffer, nSize, nErrorCode);
-}
-
-// The transport is opened by connectToService, never through this object.
-int OrvoLibraryConnection::establishImpl(OrvoString& /*sExceptionMessage*/) { return 0; }
-
-void OrvoLibraryConnection::flush() { m_connection->flush(); }
+OrvoConnection* OrvoLibraryConnection::forwardTarget() { return m_connection; }
 
 void OrvoLibraryConnection::startNewRequest(const OrvoString& sEngineName, const OrvoString& sCommand) {
-    m_connection->transfer(kProtocolVersion);
-    m_connection->transfer(kProtocolMagic);
+    m_connection->transfer(OrvoNet::Protocol::kProtocolVersion);
+    m_connection->transfer(OrvoNet::Protocol::kMagic);
     m_connection->transfer(sEngineName);
     m_connection->transfer(sCommand);
     m_RequestActive = true;
@@ -199,39 +180,6 @@ OrvoLibraryConnectionRequest::OrvoLibraryConnectionRequest(OrvoLibraryConnection
 
 OrvoLibraryConnectionRequest::~OrvoLibraryConnectionRequest() { m_connection.endRequest(); }
 
-void OrvoLibraryConnectionRequest::disconnect() { m_connection.disconnect(); }
-
-long OrvoLibraryConnectionRequest::transfer(const char* buf, long bufLen, long* error) {
-    return m_connection.transfer(buf, bufLen, error);
-}
-
-long OrvoLibraryConnectionRequest::receive(char* bufPtr, long toRead, long* error, bool bWaitForAll) {
-    return m_connection.receive(bufPtr, toRead, error, bWaitForAll);
-}
-
-int OrvoLibraryConnectionRequest::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
-    return m_connection.peekBytes(pBuffer, nSize, nErrorCode);
-}
-
-void OrvoLibraryConnectionRequest::flush() { m_connection.flush(); }
+OrvoConnection* OrvoLibraryConnectionRequest::forwardTarget() { return &m_connection; }
 
 }  // namespace KSInterface
-
-namespace OrvoNet {
-
-int OrvoConnection::put(void* buf, int len) {
-    long status = 0;
-    const long nSent = transfer(static_cast<const char*>(buf), len, &status);
-    if (status != 0)
-        throw OrvoSupport::OrvoException("OrvoConnection::put: transfer failed.", static_cast<int>(status));
-    return static_cast<int>(nSent);
-}
-
-int OrvoConnection::get(void* buf, int len) {
-    long status = 0;
-    const long nRead = receive(static_cast<char*>(buf), len, &status, true);
-    if (nRead != len) throw OrvoSupport::OrvoException("OrvoConnection::get: failed read", static_cast<int>(status));
-    return len;
-}
-
-}  // namespace OrvoNet

@@ -4,14 +4,18 @@
 #include "OrvoNotificationNetwork.h"
 
 #include <cstddef>
+#include <cstring>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "NotificationNetworkCallback.h"
 #include "OrvoCriticalSection.h"
 #include "OrvoException.h"
 #include "OrvoLibraryConnection.h"
 #include "OrvoLogging.h"
+#include "OrvoProtocol.h"
 
+using KSInterface::failedExchange;
 using KSInterface::KSIntfLibrary;
 using KSInterface::NotificationNetworkCallback;
 using KSInterface::OrvoLibraryConnection;
@@ -25,12 +29,13 @@ using OrvoSupport::OrvoString;
 // Serialises publications: they share one connection, one request at a time.
 OrvoCriticalSectionObject* g_pNNNotifyCriticalSection = nullptr;
 
+int MapNNExceptionCode(int errorCode) { return -errorCode; }
+
 namespace {
 
 const char* const kServiceName = "Notifier";
 // Publishers always name themselves with this fixed address.
 const char* const kSenderAddress = "udp:127.0.0.1:0";
-const std::size_t kReservedPrefixLength = 11;
 
 }  // namespace
 
@@ -43,8 +48,6 @@ void KSIntfLibFinitOrvoNNNotify() {
     g_pNNNotifyCriticalSection = nullptr;
 }
 
-int MapNNExceptionCode(int errorCode) { return -errorCode; }
-
 extern "C" KSINTF_API int OrvoNNRegisterForNotification(const char* pszEventName,
                                                         PFNNNotificationCallback pfNotificationCallback,
                                                         void* pContext) {
@@ -53,8 +56,7 @@ extern "C" KSINTF_API int OrvoNNRegisterForNotification(const char* pszEventName
     ORVO_LOG(9, "OrvoNNRegisterForNotification: event="
                     << "|" << sEventName << "| context=" << static_cast<const void*>(pContext));
     // The families' own event names are not open to public subscription.
-    const OrvoString sPrefix = sEventName.substr(0, kReservedPrefixLength);
-    if (sPrefix == "OrvoRAEvent" || sPrefix == "OrvoJSEvent" || sPrefix == "OrvoTSEvent") return -2;
+    if (OrvoNet::Protocol::isReservedEventName(sEventName)) return -2;
     return _OrvoNNRegisterForNotification(pszEventName, pfNotificationCallback, pContext);
 }
 
@@ -78,10 +80,7 @@ int _OrvoNNRegisterForNotification(const char* pszEventName, PFNNNotificationCal
         ORVO_LOG(9, "OrvoNNRegisterForNotification: handle=" << handle);
         return handle;
     } catch (OrvoException& e) {
-        const int rc = MapNNExceptionCode(e.getCode());
-        ORVO_LOG(4, "_OrvoNNRegisterForNotification: exception connecting to server: message = |"
-                        << e.getMessage() << "|, error code = " << e.getCode() << ", returning code = " << rc);
-        return rc;
+        return failedExchange("_OrvoNNRegisterForNotification", e);
     }
 }
 
@@ -91,10 +90,7 @@ extern "C" KSINTF_API int OrvoNNUnregisterForNotification(int hRegistration) {
         OrvoLibraryConnection connection(kServiceName, "TRVX_NN_UNREGISTER");
         return connection.unregisterCallback(hRegistration);
     } catch (OrvoException& e) {
-        const int rc = MapNNExceptionCode(e.getCode());
-        ORVO_LOG(4, "OrvoNNUnregisterForNotification: exception connecting to server: message = |"
-                        << e.getMessage() << "|, error code = " << e.getCode() << ", returning code = " << rc);
-        return rc;
+        return failedExchange("OrvoNNUnregisterForNotification", e);
     }
 }
 
@@ -121,9 +117,27 @@ extern "C" KSINTF_API int OrvoNNNotify(const char* pszEventName, OrvoNNNotificat
         return static_cast<int>(request.receiveLong());
     } catch (OrvoException& e) {
         // The request has been ended by now: the exception left its scope.
-        const int rc = MapNNExceptionCode(e.getCode());
-        ORVO_LOG(4, "OrvoNNNotify: exception connecting to server: message = |"
-                        << e.getMessage() << "|, error code = " << e.getCode() << ", returning code = " << rc);
-        return rc;
+        return failedExchange("OrvoNNNotify", e);
     }
 }
+
+namespace KSInterface {
+
+int failedExchange(const char* pszFunction, const OrvoException& e) {
+    const int rc = MapNNExceptionCode(e.getCode());
+    ORVO_LOG(4, pszFunction << ": exception connecting to server: message = |" << e.getMessage()
+                            << "|, error code = " << e.getCode() << ", returning code = " << rc);
+    return rc;
+}
+
+bool familyEventCode(const char* pszFamily, const OrvoNNNotification* pNotification, int& nCode) {
+    if (pNotification->m_pData == nullptr || pNotification->m_nDataLength < static_cast<long>(sizeof nCode)) {
+        ORVO_LOG(4, pszFamily << ": event payload of " << pNotification->m_nDataLength
+                              << " bytes has no event code, dropped");
+        return false;
+    }
+    std::memcpy(&nCode, pNotification->m_pData, sizeof nCode);
+    return true;
+}
+
+}  // namespace KSInterface

@@ -3,8 +3,7 @@
 
 #include "OrvoResourceArbitration.h"
 
-#include <cstring>
-
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoException.h"
 #include "OrvoLibraryConnection.h"
@@ -19,20 +18,11 @@ namespace {
 const char* const kEngineName = "Arbiter";
 }
 
-RANotificationInfoMap* getRANotificationInfoByHandleMap() {
-    if (g_RAInfoByHandleMap == nullptr) g_RAInfoByHandleMap = new RANotificationInfoMap();
-    return g_RAInfoByHandleMap;
-}
+RANotificationInfoMap* getRANotificationInfoByHandleMap() { return KSInterface::familyMap(g_RAInfoByHandleMap); }
 
 void KSIntfLibInitOrvoResourceArbitration() {}
 
-void KSIntfLibFinitOrvoResourceArbitration() {
-    // The pointer is left as it is: no family call may follow the detach.
-    if (g_RAInfoByHandleMap != nullptr) {
-        g_RAInfoByHandleMap->clear();
-        delete g_RAInfoByHandleMap;
-    }
-}
+void KSIntfLibFinitOrvoResourceArbitration() { KSInterface::finitFamilyMap(g_RAInfoByHandleMap); }
 
 extern "C" {
 
@@ -60,28 +50,21 @@ int OrvoRAResourceUnlock(long hResourceLock) {
 }
 
 int OrvoRARegisterForNotification(const char* pszResourceName, PFRANotificationCallback pfNotificationCallback) {
-    RANotificationInfoSP spInfo(new RANotificationInfo(pfNotificationCallback));
-    const OrvoString sEventName = KSInterface::ResourceArbitrationEventName(pszResourceName);
-    const int hRegistration = _OrvoNNRegisterForNotification(sEventName.c_str(), OrvoRANotificationCallback,
-                                                             static_cast<RANotificationInfo*>(spInfo));
-    if (hRegistration < 0) return hRegistration;
-    (*getRANotificationInfoByHandleMap())[hRegistration] = spInfo;
-    return hRegistration;
+    return KSInterface::registerFamilyCallback<RANotificationInfo>(
+        *getRANotificationInfoByHandleMap(), KSInterface::ResourceArbitrationEventName(pszResourceName),
+        OrvoRANotificationCallback, pfNotificationCallback);
 }
 
 int OrvoRAUnregisterForNotification(int hRegistration) {
-    const int nResult = OrvoNNUnregisterForNotification(hRegistration);
-    if (nResult != 0) return nResult;
-    getRANotificationInfoByHandleMap()->erase(hRegistration);
-    return 0;
+    return KSInterface::unregisterFamilyCallback(*getRANotificationInfoByHandleMap(), hRegistration);
 }
 
 }  // extern "C"
 
 void OrvoRANotificationCallback(const char* pszEventName, OrvoNNNotification* pNotification) {
     (void)pszEventName;
+    int nLockCode = 0;
+    if (!KSInterface::familyEventCode("OrvoRANotificationCallback", pNotification, nLockCode)) return;
     auto* pInfo = static_cast<RANotificationInfo*>(pNotification->m_pContext);
-    int nLockCode;
-    std::memcpy(&nLockCode, pNotification->m_pData, sizeof(nLockCode));
     pInfo->RACallback()(pNotification->m_pszData, nLockCode);
 }

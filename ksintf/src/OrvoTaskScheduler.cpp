@@ -6,13 +6,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoException.h"
 #include "OrvoLibraryConnection.h"
 #include "OrvoLogging.h"
 #include "OrvoString.h"
 
+using KSInterface::failedExchange;
 using KSInterface::OrvoLibraryConnection;
 using OrvoSupport::OrvoException;
 using OrvoSupport::OrvoString;
@@ -22,14 +25,7 @@ namespace {
 const char* const kEngineName = "Scheduler";
 
 // Only the length of this text is reported after a failed exchange.
-const char kExecutionInfoError[] = "Error in execution information";
-
-int failedExchange(const char* pszFunction, const OrvoException& e) {
-    const int rc = -e.getCode();
-    ORVO_LOG(4, pszFunction << ": exception connecting to server: message = |" << e.getMessage()
-                            << "|, error code = " << e.getCode() << ", returning code = " << rc);
-    return rc;
-}
+constexpr std::string_view kExecutionInfoError = "Error in execution information";
 
 // One request whose reply is a single long, kept as its low 32 bits.
 template <class WriteFields>
@@ -170,7 +166,7 @@ int OrvoTSExecutionInformation(int hTask, char* pszDateTime, int* pnTimeSize) {
             nResult = static_cast<int>(connection.receiveLong());
         }
     } catch (OrvoException& e) {
-        *pnTimeSize = static_cast<int>(sizeof(kExecutionInfoError) - 1);
+        *pnTimeSize = static_cast<int>(kExecutionInfoError.size());
         return failedExchange("OrvoTSExecutionInformation", e);
     }
     *pnTimeSize = pszDateTime != nullptr ? static_cast<int>(std::strlen(pszDateTime)) : 0;
@@ -250,8 +246,8 @@ int OrvoTSUnregisterForNotification(int hRegHandle) { return OrvoNNUnregisterFor
 
 void OrvoTSNotificationCallback(const char* pszEventName, OrvoNNNotification* pNotification) {
     (void)pszEventName;
-    int nState;
-    std::memcpy(&nState, pNotification->m_pData, sizeof(nState));
+    int nState = 0;
+    if (!KSInterface::familyEventCode("OrvoTSNotificationCallback", pNotification, nState)) return;
     const int hTask = static_cast<int>(std::strtol(pNotification->m_pszData, nullptr, 10));
     reinterpret_cast<PFTSNotificationCallback>(pNotification->m_pContext)(hTask, static_cast<tTaskState>(nState));
 }

@@ -2,6 +2,9 @@
 // processes), the singleton and the shared connection.
 #include <gtest/gtest.h>
 
+#include <thread>
+#include <vector>
+
 #include <fstream>
 
 #include "KSIntfLibrary.h"
@@ -53,18 +56,20 @@ TEST(FrameModule, LoadAndUnloadStartAndStopTheLibraryOnce) {
     }
 }
 
-// The singleton is made once and deleted once. With no daemon the shared
-// connection is not made and the failure propagates; the next call, once a
-// daemon listens, makes it.
+// The singleton is made once, also by threads racing for it, and deleting it
+// twice is harmless. With no daemon the shared connection is not made and the
+// failure propagates; the next call, once a daemon listens, makes it.
 TEST(FrameSingleton, MadeOnceAndTheSharedConnectionRetriedAfterFailure) {
     kstest::FakeDaemon daemon;
     kstest::ScopedEnv env("KSINTF_CONN_TYPE", daemon.connType());
-    frametest::LogCapture log;
-    KSIntfLibrary& first = KSIntfLibrary::getInstance();
-    EXPECT_EQ(&KSIntfLibrary::getInstance(), &first);
+    KSIntfLibrary* seen[4] = {};
+    std::vector<std::thread> threads;
+    for (auto& p : seen) threads.emplace_back([&p] { p = &KSIntfLibrary::getInstance(); });
+    for (auto& t : threads) t.join();
+    for (auto* p : seen) EXPECT_EQ(p, &KSIntfLibrary::getInstance());
     KSIntfLibrary::deleteInstance();
     KSIntfLibrary::deleteInstance();
-    KSIntfLibrary::deleteSharedLibraryConnection();  // none was made: nothing to log
+    KSIntfLibrary::deleteSharedLibraryConnection();  // none was made
     for (int attempt = 0; attempt < 2; ++attempt) {
         const std::string sFailure = frametest::failureOf([] { KSIntfLibrary::getSharedLibraryConnection(); });
         EXPECT_TRUE(sFailure.ends_with(" " + std::to_string(ECONNREFUSED))) << sFailure;
@@ -74,12 +79,5 @@ TEST(FrameSingleton, MadeOnceAndTheSharedConnectionRetriedAfterFailure) {
     EXPECT_EQ(&KSIntfLibrary::getSharedLibraryConnection(), &shared);
     EXPECT_FALSE(shared.isRequestActive());
     KSIntfLibrary::deleteSharedLibraryConnection();
-    // One line each: the failed attempts left the pointer null and made nothing.
-    const std::string sPrefixes[] = {"getInstance: creating instance=0x", "deleteInstance: destroying instance=0x",
-                                     "getSharedLibraryConnection: creating shared library connection=0x",
-                                     "deleteSharedLibraryConnection: destroying shared library connection=0x"};
-    const frametest::Records lines = log.startingWith("KSIntfLibrary::");
-    ASSERT_EQ(lines.size(), 4u);
-    for (std::size_t i = 0; i < lines.size(); ++i)
-        EXPECT_EQ(lines[i].second.rfind("KSIntfLibrary::" + sPrefixes[i], 0), 0u) << lines[i].second;
+    KSIntfLibrary::deleteInstance();
 }

@@ -6,11 +6,13 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "KSIntfInternal.h"
 #include "JobStatusCallback.h"
 #include "OrvoJobStatus.h"
 #include "OrvoPayloadConnection.h"
@@ -141,16 +143,41 @@ TEST_F(FamilyWireTest, JobAndLockEventsReachTheirCallbacksThroughTheSink) {
     const auto lock = [] { return OrvoRARegisterForNotification("printer", onLock); };
     EXPECT_EQ(registerAndPush(lock, -5, "OrvoRAEvent:printer$", -1), -5);
     EXPECT_EQ(getRANotificationInfoByHandleMap()->size(), nBefore);
-    ASSERT_GT(registerAndPush(lock, 0, "OrvoRAEvent:printer$", -1), 0);
+    const int hLock = registerAndPush(lock, 0, "OrvoRAEvent:printer$", -1);
+    ASSERT_GT(hLock, 0);
     EXPECT_EQ(takeEvents(1), (Events{{"L:printer", -1}}));
 
-    // A refused unregistration keeps the entry; an accepted one drops it.
-    for (const std::int32_t nStatus : {-2, 0}) {
+    // In both families a refused unregistration keeps the entry (a later
+    // event still finds its function alive); an accepted one drops it.
+    const auto unregister = [&](const std::function<int()>& call, std::int32_t nStatus) {
         m_daemon.expect(Script{.service = "Notifier", .fields = {Field::String(), Field::Int()},
                                .reply = Wire().addInt(nStatus).bytes(), .closeAfterReply = true});
-        EXPECT_EQ(OrvoJSEUnregisterForNotification(hA), nStatus);
+        EXPECT_EQ(call(), nStatus);
+    };
+    for (const std::int32_t nStatus : {-2, 0}) {
+        unregister([&] { return OrvoJSEUnregisterForNotification(hA); }, nStatus);
         EXPECT_EQ(getJSNotificationInfoByHandleMap()->count(hA), nStatus == 0 ? 0u : 1u);
+        unregister([&] { return OrvoRAUnregisterForNotification(hLock); }, nStatus);
+        EXPECT_EQ(getRANotificationInfoByHandleMap()->count(hLock), nStatus == 0 ? 0u : 1u);
     }
+}
+
+// Lock and job events whose payload is too short for their code are dropped
+// unread (AddressSanitizer would see a read past the 3 bytes).
+TEST(FamilyAdapters, ShortPayloadsAreDroppedUnread) {
+    RANotificationInfo lockInfo(onLock);
+    JSNotificationInfo jobInfo(onJob);
+    for (long nLength : {0L, 3L}) {
+        std::unique_ptr<char[]> spShort(new char[3]{2, 0, 0});
+        OrvoNNNotification lock{"printer", nLength ? spShort.get() : nullptr, nLength, &lockInfo};
+        OrvoNNNotification job{"Backup", nLength ? spShort.get() : nullptr, nLength, &jobInfo};
+        OrvoRANotificationCallback("OrvoRAEvent:printer$", &lock);
+        OrvoJSNotificationCallback("OrvoJSEvent:Backup$", &job);
+    }
+    std::int32_t nCode = TRVX_JSE_CREATED;
+    OrvoNNNotification whole{"Backup", &nCode, sizeof nCode, &jobInfo};
+    OrvoJSNotificationCallback("OrvoJSEvent:Backup$", &whole);
+    EXPECT_EQ(takeEvents(1), (Events{{"J:Backup", TRVX_JSE_CREATED}}));
 }
 
 // Feeds one pushed record to a callback object; returns the bytes left unread.

@@ -4,11 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include <cstdint>
 #include <ctime>
 #include <string>
 #include <vector>
 
+#include "KSIntfInternal.h"
 #include "OrvoCodec.h"
 #include "OrvoException.h"
 #include "OrvoPayloadConnection.h"
@@ -50,8 +53,15 @@ TEST(TaskSchedulerAdapter, ParsesTheTextAndTakesTheFirstIntOfThePayload) {
     const std::pair<const char*, std::int32_t> inputs[] = {
         {"15", cCompleted}, {"  -42xyz", cExit}, {"not a number", cWaiting}, {"4294967303", cInProgress}};
     for (auto [pszText, nState] : inputs) {
-        OrvoNNNotification n{pszText, &nState, 0, reinterpret_cast<void*>(&record)};
+        OrvoNNNotification n{pszText, &nState, sizeof nState, reinterpret_cast<void*>(&record)};
         OrvoTSNotificationCallback("OrvoTSEvent:99$", &n);
+    }
+    // A payload too short for a state is dropped without being read (ASan
+    // sees a read past the 3 bytes).
+    for (long nLength : {0L, 3L}) {
+        std::unique_ptr<char[]> spShort(new char[3]{1, 0, 0});
+        OrvoNNNotification n{"16", nLength ? spShort.get() : nullptr, nLength, reinterpret_cast<void*>(&record)};
+        OrvoTSNotificationCallback("OrvoTSEvent:16$", &n);
     }
     EXPECT_EQ(g_calls,
               (std::vector<std::pair<int, int>>{{15, cCompleted}, {-42, cExit}, {0, cWaiting}, {7, cInProgress}}));

@@ -193,7 +193,9 @@ TEST(StreamConnection, NobodyListeningIsEconnrefusedAMissingPathEnoent) {
         {std::make_shared<OrvoNet::OrvoPipeConnection>(kstest::uniqueName("kstest-nobody")), ECONNREFUSED},
         {std::make_shared<OrvoNet::OrvoPipeConnection>(dir.path() + "/no-such-socket"), ENOENT},
         {std::make_shared<OrvoNet::OrvoSocketConnection>("", tcp.port(), true, false), ECONNREFUSED}};
-    for (const auto& [pConn, nCode] : cases) {
+    for (const auto& c : cases) {
+        const auto& pConn = c.first;  // a plain name: lambdas cannot capture bindings in C++20 with clang 14
+        const int nCode = c.second;
         OrvoString sMessage;
         EXPECT_EQ(pConn->establishImpl(sMessage), nCode);
         EXPECT_NE(sMessage, "");

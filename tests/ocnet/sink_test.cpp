@@ -3,6 +3,7 @@
 // listener serving the next frame; destruction stops and joins it. Then the
 // callback objects and their container.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -14,6 +15,7 @@
 #include "OrvoException.h"
 #include "OrvoLibraryCallbackSink.h"
 #include "OrvoPayloadConnection.h"
+#include "OrvoPeerCredentials.h"
 #include "fake_daemon.h"
 
 using kstest::Wire;
@@ -66,6 +68,8 @@ class SinkTest : public ::testing::TestWithParam<const char*> {
 protected:
     void SetUp() override {
         if (*GetParam()) m_env = std::make_unique<kstest::ScopedEnv>("OCNET_CALLBACK_TYPE", GetParam());
+        // As if our request connections had reached a daemon of our own uid.
+        OrvoNet::noteDaemonUid(static_cast<long>(getuid()));
         m_sink = std::make_unique<OrvoNet::OrvoLibraryCallbackSink>("test-sink");
     }
     int add(const char* pszThrow = nullptr) {
@@ -122,6 +126,35 @@ TEST_P(SinkTest, BadFramesAndFailingCallbacksLeaveTheListenerServing) {
     ASSERT_TRUE(push.push(good, payload("after", 9)));
     // Frames of one connection are served in order: nothing before it was delivered.
     EXPECT_EQ(m_seen.first(1), std::vector<std::string>{std::to_string(good) + ":after/9"});
+}
+
+// Pushes from another uid than the daemon's (and not root) are closed unread.
+// As root the pushing process is a child that has become nobody; otherwise we
+// are the other uid, the daemon being made to look like someone else.
+TEST_P(SinkTest, PushesFromAnotherUserAreRefused) {
+    const int nId = add();
+    const std::string sAddress = m_sink->getCallbackAddress();
+    const bool bRoot = getuid() == 0;
+    if (!bRoot) OrvoNet::noteDaemonUid(static_cast<long>(getuid()) + 1);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (bRoot && setuid(65534) != 0) _exit(3);
+        WireClient forger;
+        if (!forger.connect(sAddress)) _exit(4);
+        forger.push(nId, payload("forged", 1));
+        _exit(forger.waitPeerClosed() ? 0 : 5);  // closed by the sink without an answer
+    }
+    int nStatus = 0;
+    ASSERT_EQ(waitpid(pid, &nStatus, 0), pid);
+    EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << nStatus;
+    // The daemon's own pushes after it get through, and only they.
+    OrvoNet::noteDaemonUid(static_cast<long>(getuid()));
+    WireClient daemon;
+    ASSERT_TRUE(daemon.connect(sAddress));
+    ASSERT_TRUE(daemon.push(nId, payload("real", 2)));
+    ASSERT_TRUE(daemon.push(nId, payload("real", 3)));
+    const std::string sId = std::to_string(nId);
+    EXPECT_EQ(m_seen.first(2), (std::vector<std::string>{sId + ":real/2", sId + ":real/3"}));
 }
 
 TEST_P(SinkTest, StopAndDestructionCloseTheListener) {

@@ -243,7 +243,7 @@ bool FakeDaemon::serveOne(Conn& conn, int nIndex) {
         case 3: r.request = v.text; break;
         }
     }
-    if (r.version != Codec::kProtocolVersion || r.magic != Codec::kMagic)
+    if (r.version != OrvoNet::Protocol::kProtocolVersion || r.magic != OrvoNet::Protocol::kMagic)
         return refuse(EPROTO, "bad version or magic");
 
     std::optional<Script> script = takeScript(r.service, r.request);
@@ -290,7 +290,7 @@ bool FakeDaemon::serveOne(Conn& conn, int nIndex) {
     // Reply.
     std::string sOut = script->replyFn ? script->replyFn(r) : script->reply;
     if (script->errorCode != 0) return finish(sOut + Wire().addError(script->errorCode, script->errorMessage).bytes());
-    if (script->trailer) sOut += Wire().addShort(0).addShort(Codec::kMagic).bytes();
+    if (script->trailer) sOut += Wire().addShort(0).addShort(OrvoNet::Protocol::kMagic).bytes();
     if (script->closeAfterReplyBytes >= 0) {
         sOut.resize(std::min(sOut.size(), static_cast<std::size_t>(script->closeAfterReplyBytes)));
         return finish(sOut);

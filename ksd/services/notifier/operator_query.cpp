@@ -1,11 +1,13 @@
 #include "services/notifier/operator_query.h"
 
+#include "OrvoProtocol.h"
+
 namespace ksd {
 
 namespace {
 constexpr std::size_t kMaxTokenLength = 64;
 // The client library reserves these by their first 11 characters.
-constexpr std::string_view kFamilyPrefixes[] = {"OrvoRAEvent", "OrvoJSEvent", "OrvoTSEvent"};
+constexpr auto& kFamilyPrefixes = OrvoNet::Protocol::kReservedEventPrefixes;
 }  // namespace
 
 bool isValidQueryToken(std::string_view token) {

@@ -10,9 +10,11 @@
 #include <string>
 #include <string_view>
 
+#include "OrvoProtocol.h"
+
 namespace ksd {
 
-inline constexpr std::size_t kFrameHeaderSize = 10;
+inline constexpr std::size_t kFrameHeaderSize = OrvoNet::Protocol::kPushFrameHeaderSize;
 using FrameHeader = std::array<char, kFrameHeaderSize>;
 
 FrameHeader frameHeader(std::int32_t callbackId, std::uint32_t payloadLength);
