@@ -12,7 +12,7 @@
 #include <exception>
 #include <optional>
 
-#include "OrvoCodec.h"
+#include "OrvoProtocol.h"
 #include "OrvoLogging.h"
 #include "log_setup.h"
 #include "server/daemon.h"
@@ -95,7 +95,7 @@ int main(int argc, char** argv) {
             "LEVEL"));
     app.add_flag("--foreground", foreground, "stay in the foreground, log to stderr");
     app.set_version_flag("--version", std::string("ksd ") + KS_VERSION + " (protocol " +
-                                          std::to_string(OrvoNet::Codec::kProtocolVersion) + ")");
+                                          std::to_string(OrvoNet::Protocol::kProtocolVersion) + ")");
     CLI11_PARSE(app, argc, argv);
 
     if (logLevel) OrvoSupport::OrvoLogging::getInstance().setLogLevel(*ksd::parseLogLevel(*logLevel));
