@@ -196,6 +196,7 @@ TEST_F(TaskEndToEnd, BadInputIsRefusedAndChangesNothing) {
 
 TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) {
     const std::string log = dir_.path() + "/missed.log";
+    std::ofstream(log) << "before\n";
     const int once = scheduleIn(2, "missed-once", "/bin/sh", "-c 'echo ran'", log);
     const int daily = scheduleIn(3600, "daily", "/bin/true", "", "", "/", cDaily);
     const int blob = scheduleBlobIn(3600, "kept-blob", std::string("kept\0bytes", 10));
@@ -204,7 +205,7 @@ TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) 
     ::sleep(3);
     ASSERT_TRUE(ksd_->start()) << ksd_->log();
     EXPECT_TRUE(reaches(once, cCompleted));
-    EXPECT_EQ(readFile(log), "ran\n");
+    EXPECT_EQ(readFile(log), "before\nran\n") << "output is appended to the log";
     EXPECT_EQ(OrvoTSScheduledTaskLookup("daily"), daily);
     EXPECT_EQ(OrvoTSTaskState(daily), cWaiting);
     char buf[16];
@@ -214,7 +215,7 @@ TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) 
     EXPECT_GT(scheduleBlobIn(3600, "after-restart", "z"), blob) << "handles are never reused";
     ASSERT_TRUE(ksd_->restart());
     EXPECT_EQ(OrvoTSExitCode(once), 0);
-    EXPECT_EQ(readFile(log), "ran\n") << "a finished one-time task does not run again at the next start";
+    EXPECT_EQ(readFile(log), "before\nran\n") << "a finished one-time task does not run again at the next start";
 }
 
 // Runs `body` in a child process that has become the user nobody; its int result comes back.
