@@ -71,9 +71,10 @@ FieldPlan blobPlan(std::uint32_t maxBlob) {
 }  // namespace
 
 SchedulerService::SchedulerService(asio::io_context& io, EventPublisher& events, const std::filesystem::path& stateDir,
-                                   SchedulerLimits limits)
+                                   SchedulerLimits limits, Clock clock)
     : io_(io),
       events_(events),
+      clock_(clock ? std::move(clock) : [] { return std::time(nullptr); }),
       limits_(limits),
       db_(store::openStateDatabase(stateDir)),
       store_(std::make_unique<sched::TaskStore>(*db_)),
@@ -87,7 +88,7 @@ SchedulerService::SchedulerService(asio::io_context& io, EventPublisher& events,
       handlePlan_(fixedPlan({FieldKind::Long})),
       infoPlan_(fixedPlan({FieldKind::Long, FieldKind::Long})),
       emptyPlan_(fixedPlan({})) {
-    const std::time_t now = std::time(nullptr);
+    const std::time_t now = clock_();
     std::size_t missed = 0;
     for (Task& t : store_->loadAll()) {
         const std::int64_t h = t.handle;
@@ -263,7 +264,7 @@ void SchedulerService::scheduleBlob(Request& request) {
 std::int64_t SchedulerService::add(Task task) {
     task.state = TaskState::Waiting;
     const std::int64_t h = store_->insert(task);
-    const std::optional<std::time_t> due = sched::firstRun(task.schedule, task.zone(), std::time(nullptr));
+    const std::optional<std::time_t> due = sched::firstRun(task.schedule, task.zone(), clock_());
     byName_.emplace(task.name, h);
     Task& kept = tasks_.emplace(h, std::move(task)).first->second;
     setDue(kept, due);
@@ -307,7 +308,7 @@ void SchedulerService::arm() {
         timer_.expires_at(std::chrono::system_clock::time_point::min());
         return;
     }
-    const std::time_t wake = std::min(due_.begin()->first, std::time(nullptr) + kMaxSleep);
+    const std::time_t wake = std::min(due_.begin()->first, clock_() + kMaxSleep);
     const auto at = std::chrono::system_clock::from_time_t(wake);
     if (timer_.expiry() == at) return;  // already set for it: scheduling a later task costs no timer change
     timer_.expires_at(at);
@@ -319,7 +320,7 @@ void SchedulerService::arm() {
 }
 
 void SchedulerService::onTimer() {
-    const std::time_t now = std::time(nullptr);
+    const std::time_t now = clock_();
     while (!due_.empty() && due_.begin()->first <= now) {
         Task& task = tasks_.at(due_.begin()->second);
         setDue(task, std::nullopt);

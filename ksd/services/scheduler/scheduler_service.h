@@ -9,6 +9,7 @@
 #include <asio/io_context.hpp>
 #include <asio/system_timer.hpp>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -30,11 +31,14 @@ struct SchedulerLimits {
 
 class SchedulerService final : public Service {
 public:
+    // The calendar's "now"; tests substitute their own.
+    using Clock = std::function<std::time_t()>;
+
     // Opens the state database in `stateDir`, loads the tasks, runs boot
     // tasks and runs missed while the daemon was down (once each) as soon
     // as the loop runs. Throws store::StoreError.
     SchedulerService(asio::io_context& io, EventPublisher& events, const std::filesystem::path& stateDir,
-                     SchedulerLimits limits = {});
+                     SchedulerLimits limits = {}, Clock clock = {});
     ~SchedulerService() override;
 
     std::string_view name() const override { return "Scheduler"; }
@@ -62,6 +66,7 @@ private:
 
     asio::io_context& io_;
     EventPublisher& events_;
+    Clock clock_;
     SchedulerLimits limits_;
     std::unique_ptr<store::Database> db_;
     std::unique_ptr<sched::TaskStore> store_;
