@@ -97,6 +97,7 @@ TEST_F(SchedulerLoop, DaysOfDowntimeYieldOneRunAndTheNextIsAfterTheRestart) {
     io_.run_for(std::chrono::milliseconds(200));
     EXPECT_EQ(states(), (std::vector<std::int32_t>{kInProgress, kCompleted, kWaiting}));
     EXPECT_EQ(statusOf("task_runs"), 1);
+    EXPECT_EQ(statusOf("task_runs_skipped"), 0) << "missed periods are neither run nor counted as skipped";
     auto responder = std::make_shared<ksdtest::FakeResponder>();
     ksd::Request r{"Scheduler", "TRVX_TS_GET_NEXT_TIME", Fields{lng(h)}, unixPeer(1, ::getuid()), responder};
     service_->handle(r);
