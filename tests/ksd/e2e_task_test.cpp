@@ -218,6 +218,29 @@ TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) 
     EXPECT_EQ(readFile(log), "before\nran\n") << "a finished one-time task does not run again at the next start";
 }
 
+TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
+    kstest::KsdProcess tcp;
+    const std::string port = std::to_string(20000 + ::getpid() % 20000);
+    if (!tcp.start({"--tcp-port", port})) GTEST_SKIP() << "port " << port << " is taken";
+    namespace Codec = OrvoNet::Codec;
+    auto request = [&](const kstest::Wire& fields, const char* name) {
+        kstest::WireClient c;
+        Codec::Value v;
+        if (!c.connect("socket:" + port)) return std::string("no connection");
+        c.send(kstest::Wire().addShort(1).addShort(7777).addString("Scheduler").addString(name).bytes() + fields.bytes());
+        return c.readValue(v) ? std::string(1, v.tag) + std::to_string(v.integer) : std::string("no answer");
+    };
+    const When w = in(3600);
+    EXPECT_EQ(request(kstest::Wire().addString("t").addString("/bin/true").addString("/").addString("")
+                          .addLong(cOneTime).addLong(w.month).addLong(w.day).addLong(w.year).addLong(w.hour)
+                          .addLong(w.minute).addLong(w.second).addString(""), "TRVX_TS_SCHEDULE"),
+              "E13");
+    EXPECT_EQ(request(kstest::Wire().addString("b").addInt(1).addRaw("x").addInt(cOneTime).addInt(w.month)
+                          .addInt(w.day).addInt(w.year).addInt(w.hour).addInt(w.minute).addInt(w.second),
+                      "TRVX_TS_SCHEDULE_BLOB"),
+              "l1");
+}
+
 // Runs `body` in a child process that has become the user nobody; its int result comes back.
 template <typename F>
 int asNobody(F body) {
