@@ -72,8 +72,8 @@ void BM_IdleCpuWithTenThousandTasks(benchmark::State& state) {
     for (auto _ : state) {
         const long before = cpuTicks(pid);
         std::this_thread::sleep_for(std::chrono::seconds(3));
-        state.counters["ksd_cpu_ms_in_3s"] = static_cast<double>(cpuTicks(pid) - before) * 1000.0 /
-                                             static_cast<double>(::sysconf(_SC_CLK_TCK));
+        state.counters["ksd_cpu_ms_in_3s"] =
+            static_cast<double>(cpuTicks(pid) - before) * 1000.0 / static_cast<double>(::sysconf(_SC_CLK_TCK));
     }
 }
 BENCHMARK(BM_IdleCpuWithTenThousandTasks)->Iterations(1)->Unit(benchmark::kMillisecond);

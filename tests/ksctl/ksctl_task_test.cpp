@@ -27,9 +27,8 @@ std::string inOneHour(bool gmt) {
 std::string member(const std::string& json, std::size_t index, const char* key) {
     const auto v = ksctl::parseJson(json);
     if (!v) return "<not json: " + json + ">";
-    const ksctl::JsonValue* item = v->kind == ksctl::JsonValue::Kind::Array
-                                       ? (index < v->items.size() ? &v->items[index] : nullptr)
-                                       : &*v;
+    const ksctl::JsonValue* item =
+        v->kind == ksctl::JsonValue::Kind::Array ? (index < v->items.size() ? &v->items[index] : nullptr) : &*v;
     const ksctl::JsonValue* m = item ? item->find(key) : nullptr;
     return !m ? "<missing>" : m->kind == ksctl::JsonValue::Kind::String ? m->text : ksctl::toJson(*m);
 }
@@ -48,7 +47,8 @@ protected:
 
 TEST_F(KsctlTask, EverySubcommandOnAProgramAndABlobTask) {
     const std::string at = inOneHour(false);
-    RunResult r = run({"task", "schedule", "nightly", "/bin/echo", "--args", "a 'b c'", "--at", at, "--every", "daily"}, true);
+    RunResult r =
+        run({"task", "schedule", "nightly", "/bin/echo", "--args", "a 'b c'", "--at", at, "--every", "daily"}, true);
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const std::string handle = member(r.out, 0, "handle");
     EXPECT_EQ(member(r.out, 0, "name"), "nightly");

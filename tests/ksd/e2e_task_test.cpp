@@ -32,8 +32,8 @@ When in(int seconds, bool gmt = false) {
 int scheduleIn(int seconds, const std::string& name, const std::string& program, const std::string& params,
                const std::string& log, const std::string& dir = "/", tTaskFrequency freq = cOneTime) {
     const When w = in(seconds);
-    return OrvoTSScheduleTask(name.c_str(), program.c_str(), dir.c_str(), params.c_str(), freq, w.month, w.day,
-                              w.year, w.hour, w.minute, w.second, log.c_str());
+    return OrvoTSScheduleTask(name.c_str(), program.c_str(), dir.c_str(), params.c_str(), freq, w.month, w.day, w.year,
+                              w.hour, w.minute, w.second, log.c_str());
 }
 
 int scheduleBlobIn(int seconds, const std::string& name, const std::string& blob, tTaskFrequency freq = cOneTime) {
@@ -70,14 +70,13 @@ protected:
 TEST_F(TaskEndToEnd, AProgramRunsWithItsArgumentsLogAndCleanEnvironmentAndReportsEveryState) {
     const std::string log = dir_.path() + "/run.log";
     const int h = scheduleIn(2, "greeter", "/bin/sh",
-                             "-c 'echo \"[$1] [$2]\" in $(pwd); echo oops >&2; exit 3' zero \"two  words\" it\\'s",
-                             log, dir_.path());
+                             "-c 'echo \"[$1] [$2]\" in $(pwd); echo oops >&2; exit 3' zero \"two  words\" it\\'s", log,
+                             dir_.path());
     ASSERT_GT(h, 0);
     const int env = scheduleIn(2, "environment", "env", "", dir_.path() + "/env.log");
     ASSERT_GT(env, h);
-    ASSERT_GE(OrvoTSRegisterForNotification(h, [](int task, tTaskState s) {
-                  g_events.add(std::to_string(task).c_str(), static_cast<int>(s));
-              }),
+    ASSERT_GE(OrvoTSRegisterForNotification(
+                  h, [](int task, tTaskState s) { g_events.add(std::to_string(task).c_str(), static_cast<int>(s)); }),
               0);
     EXPECT_EQ(OrvoTSExitCode(h), -61) << "never ran";
     EXPECT_EQ(OrvoTSScheduledTaskLookup("greeter"), h);
@@ -182,8 +181,14 @@ TEST_F(TaskEndToEnd, BadInputIsRefusedAndChangesNothing) {
     for (std::int32_t length : {0x7fffffff, -1}) {
         kstest::WireClient c;
         ASSERT_TRUE(c.connect(ksd_->connType()));
-        c.send(kstest::Wire().addShort(1).addShort(7777).addString("Scheduler").addString("TRVX_TS_SCHEDULE_BLOB")
-                   .addString("huge").addInt(length).bytes());
+        c.send(kstest::Wire()
+                   .addShort(1)
+                   .addShort(7777)
+                   .addString("Scheduler")
+                   .addString("TRVX_TS_SCHEDULE_BLOB")
+                   .addString("huge")
+                   .addInt(length)
+                   .bytes());
         Codec::Value v;
         ASSERT_TRUE(c.readValue(v));
         EXPECT_EQ(v.tag, Codec::kTagError);
@@ -227,16 +232,37 @@ TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
         kstest::WireClient c;
         Codec::Value v;
         if (!c.connect("socket:" + port)) return std::string("no connection");
-        c.send(kstest::Wire().addShort(1).addShort(7777).addString("Scheduler").addString(name).bytes() + fields.bytes());
+        c.send(kstest::Wire().addShort(1).addShort(7777).addString("Scheduler").addString(name).bytes() +
+               fields.bytes());
         return c.readValue(v) ? std::string(1, v.tag) + std::to_string(v.integer) : std::string("no answer");
     };
     const When w = in(3600);
-    EXPECT_EQ(request(kstest::Wire().addString("t").addString("/bin/true").addString("/").addString("")
-                          .addLong(cOneTime).addLong(w.month).addLong(w.day).addLong(w.year).addLong(w.hour)
-                          .addLong(w.minute).addLong(w.second).addString(""), "TRVX_TS_SCHEDULE"),
+    EXPECT_EQ(request(kstest::Wire()
+                          .addString("t")
+                          .addString("/bin/true")
+                          .addString("/")
+                          .addString("")
+                          .addLong(cOneTime)
+                          .addLong(w.month)
+                          .addLong(w.day)
+                          .addLong(w.year)
+                          .addLong(w.hour)
+                          .addLong(w.minute)
+                          .addLong(w.second)
+                          .addString(""),
+                      "TRVX_TS_SCHEDULE"),
               "E13");
-    EXPECT_EQ(request(kstest::Wire().addString("b").addInt(1).addRaw("x").addInt(cOneTime).addInt(w.month)
-                          .addInt(w.day).addInt(w.year).addInt(w.hour).addInt(w.minute).addInt(w.second),
+    EXPECT_EQ(request(kstest::Wire()
+                          .addString("b")
+                          .addInt(1)
+                          .addRaw("x")
+                          .addInt(cOneTime)
+                          .addInt(w.month)
+                          .addInt(w.day)
+                          .addInt(w.year)
+                          .addInt(w.hour)
+                          .addInt(w.minute)
+                          .addInt(w.second),
                       "TRVX_TS_SCHEDULE_BLOB"),
               "l1");
 }

@@ -11,7 +11,9 @@ namespace {
 
 using namespace ksd::sched;
 
-std::time_t gmt(int y, int mo, int d, int h, int mi, int s = 0) { return resolveWallTime(y, mo, d, h, mi, s, Zone::Gmt); }
+std::time_t gmt(int y, int mo, int d, int h, int mi, int s = 0) {
+    return resolveWallTime(y, mo, d, h, mi, s, Zone::Gmt);
+}
 
 class Calendar : public ::testing::Test {
 protected:
@@ -35,9 +37,9 @@ protected:
 TEST_F(Calendar, MonthlyOnADayTheMonthLacksRunsOnItsLastDayAndComesBack) {
     useZone("Europe/Berlin");
     const Schedule on31{Frequency::Monthly, 2024, 1, 31, 8, 15, 0};
-    EXPECT_EQ(runs(on31, Zone::Local, 5), (std::vector<std::string>{"2024-01-31 08:15:00", "2024-02-29 08:15:00",
-                                                                    "2024-03-31 08:15:00", "2024-04-30 08:15:00",
-                                                                    "2024-05-31 08:15:00"}));
+    EXPECT_EQ(runs(on31, Zone::Local, 5),
+              (std::vector<std::string>{"2024-01-31 08:15:00", "2024-02-29 08:15:00", "2024-03-31 08:15:00",
+                                        "2024-04-30 08:15:00", "2024-05-31 08:15:00"}));
     const Schedule on29{Frequency::Monthly, 2025, 1, 29, 12, 0, 0};
     EXPECT_EQ(runs(on29, Zone::Gmt, 3),
               (std::vector<std::string>{"2025-01-29 12:00:00", "2025-02-28 12:00:00", "2025-03-29 12:00:00"}));

@@ -1,6 +1,8 @@
 // The Scheduler service on its own loop with a clock the test moves: a
 // recurring program still running at its next time skips that run, and a
 // daemon that was down for days makes up one run, not one per missed day.
+#include "services/scheduler/scheduler_service.h"
+
 #include <gtest/gtest.h>
 
 #include <asio/io_context.hpp>
@@ -9,7 +11,6 @@
 #include "OrvoCodec.h"
 #include "arbiter_test_fakes.h"
 #include "fake_daemon.h"
-#include "services/scheduler/scheduler_service.h"
 
 namespace {
 
@@ -37,11 +38,11 @@ protected:
         std::tm w{};
         localtime_r(&at, &w);
         auto responder = std::make_shared<ksdtest::FakeResponder>();
-        ksd::Request r{"Scheduler", "TRVX_TS_SCHEDULE",
-                       Fields{str(name), str("/bin/sh"), str("/"), str(params), lng(0), lng(w.tm_mon + 1),
-                              lng(w.tm_mday), lng(w.tm_year + 1900), lng(w.tm_hour), lng(w.tm_min), lng(w.tm_sec),
-                              str("")},
-                       unixPeer(1, ::getuid()), responder};
+        ksd::Request r{
+            "Scheduler", "TRVX_TS_SCHEDULE",
+            Fields{str(name), str("/bin/sh"), str("/"), str(params), lng(0), lng(w.tm_mon + 1), lng(w.tm_mday),
+                   lng(w.tm_year + 1900), lng(w.tm_hour), lng(w.tm_min), lng(w.tm_sec), str("")},
+            unixPeer(1, ::getuid()), responder};
         service_->handle(r);
         return responder->value().value_or(-9999);
     }
@@ -89,7 +90,7 @@ TEST_F(SchedulerLoop, DaysOfDowntimeYieldOneRunAndTheNextIsAfterTheRestart) {
     open();
     const std::int64_t h = scheduleDaily("daily", "-c true", kStart + 10);
     ASSERT_GT(h, 0);
-    service_.reset();  // down from before the first run ...
+    service_.reset();                 // down from before the first run ...
     now_ = kStart + 5 * 86400 + 100;  // ... until five periods have passed
     events_.events.clear();
     open();

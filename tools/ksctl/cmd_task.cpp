@@ -72,9 +72,9 @@ int schedule(const GlobalOptions& options, const TaskArgs& args) {
     const tTaskFrequency frequency = frequencyOf(args.every);
     if (frequency != cBootTime && !parseWhen(args.at, f))
         return reportError("--at must be 'YYYY-MM-DD HH:MM:SS' (local time)", kExitUsage);
-    const int handle = OrvoTSScheduleTask(args.name.c_str(), args.program.c_str(), args.workDir.c_str(),
-                                          args.arguments.c_str(), frequency, f.month, f.day, f.year, f.hour, f.minute,
-                                          f.second, args.logFile.c_str());
+    const int handle =
+        OrvoTSScheduleTask(args.name.c_str(), args.program.c_str(), args.workDir.c_str(), args.arguments.c_str(),
+                           frequency, f.month, f.day, f.year, f.hour, f.minute, f.second, args.logFile.c_str());
     if (handle < 0) return reportFailure("task " + args.name, Domain::Task, handle);
     return scheduled(options, args, handle);
 }
@@ -83,11 +83,12 @@ int blobPut(const GlobalOptions& options, const TaskArgs& args) {
     Fields f;
     if (!parseWhen(args.at, f)) return reportError("--at must be 'YYYY-MM-DD HH:MM:SS' (GMT)", kExitUsage);
     std::string blob;
-    if (!readAll(args.file, blob)) return reportError("cannot read " + args.file + ": " + std::strerror(errno), kExitUsage);
+    if (!readAll(args.file, blob))
+        return reportError("cannot read " + args.file + ": " + std::strerror(errno), kExitUsage);
     if (blob.empty()) return reportError("a blob must not be empty", kExitUsage);
-    const int handle = OrvoTSScheduleBlobTask(args.name.c_str(), static_cast<int>(blob.size()), blob.data(),
-                                              frequencyOf(args.every), f.month, f.day, f.year, f.hour, f.minute,
-                                              f.second);
+    const int handle =
+        OrvoTSScheduleBlobTask(args.name.c_str(), static_cast<int>(blob.size()), blob.data(), frequencyOf(args.every),
+                               f.month, f.day, f.year, f.hour, f.minute, f.second);
     if (handle < 0) return reportFailure("task " + args.name, Domain::Task, handle);
     return scheduled(options, args, handle);
 }
@@ -113,9 +114,10 @@ int blobGet(const TaskArgs& args) {
 
 // The daemon's list, one tab-separated line per task, as a JSON array of objects.
 std::string listJson(const std::string& text, bool blobs) {
-    static const char* const kProgram[] = {"handle", "name", "state", "frequency", "next_run",
-                                           "last_run", "exit_code", "owner_uid", "program", "arguments"};
-    static const char* const kBlob[] = {"handle", "name", "state", "frequency", "next_run", "last_run", "length", "owner_uid"};
+    static const char* const kProgram[] = {"handle",   "name",      "state",     "frequency", "next_run",
+                                           "last_run", "exit_code", "owner_uid", "program",   "arguments"};
+    static const char* const kBlob[] = {"handle",   "name",     "state",  "frequency",
+                                        "next_run", "last_run", "length", "owner_uid"};
     std::string out = "[";
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
@@ -126,8 +128,8 @@ std::string listJson(const std::string& text, bool blobs) {
             const std::size_t to = std::min(line.find('\t', from), line.size());
             const std::string field = from <= line.size() ? line.substr(from, to - from) : "";
             const std::string key = blobs ? kBlob[i] : kProgram[i];
-            const bool number = key == "handle" || key == "exit_code" || key == "length" ||
-                                (key == "owner_uid" && field != "tcp");
+            const bool number =
+                key == "handle" || key == "exit_code" || key == "length" || (key == "owner_uid" && field != "tcp");
             out += (i ? "," : "") + jsonQuote(key) + ":" + (number && !field.empty() ? field : jsonQuote(field));
             from = to + 1;
         }
@@ -140,7 +142,8 @@ int list(const GlobalOptions& options, const TaskArgs& args) {
     std::vector<char> buf(65536);
     for (;;) {
         int size = static_cast<int>(buf.size());
-        const int rc = args.blobs ? OrvoTSListAllBlobTasks(&size, buf.data()) : OrvoTSListAllExecTasks(&size, buf.data());
+        const int rc =
+            args.blobs ? OrvoTSListAllBlobTasks(&size, buf.data()) : OrvoTSListAllExecTasks(&size, buf.data());
         if (rc == -12) {
             buf.resize(static_cast<std::size_t>(size) * 2);  // the list may grow between the calls
             continue;
@@ -177,11 +180,11 @@ int show(const GlobalOptions& options, const TaskArgs& args) {
     if (OrvoTSScheduledTaskGetNextTime(args.handle, &nextSize, next, &frequency) != 0) next[0] = '\0';
     const char* const kFrequencies[] = {"daily", "weekly", "monthly", "once", "boot"};
     const std::string freq = frequency >= 0 && frequency <= 4 ? kFrequencies[frequency] : "unknown";
-    std::string json = "{\"handle\":" + std::to_string(args.handle) + ",\"state\":" +
-                       jsonQuote(state >= -1 && state <= 2 ? kStates[state + 1] : "unknown") +
+    std::string json = "{\"handle\":" + std::to_string(args.handle) +
+                       ",\"state\":" + jsonQuote(state >= -1 && state <= 2 ? kStates[state + 1] : "unknown") +
                        ",\"frequency\":" + jsonQuote(freq) + ",\"next_run\":" + jsonQuote(next) +
-                       ",\"last_run\":" + jsonQuote(last) + ",\"exit_code\":" +
-                       (exitCode == -61 ? std::string("null") : std::to_string(exitCode)) + "}";
+                       ",\"last_run\":" + jsonQuote(last) +
+                       ",\"exit_code\":" + (exitCode == -61 ? std::string("null") : std::to_string(exitCode)) + "}";
     if (options.json) {
         printLine(json);
         return kExitOk;
@@ -202,12 +205,18 @@ int cancel(const GlobalOptions& options, const TaskArgs& args) {
 
 int runTask(const GlobalOptions& options, const TaskArgs& args) {
     switch (args.action) {
-        case TaskArgs::Action::Schedule: return schedule(options, args);
-        case TaskArgs::Action::BlobPut: return blobPut(options, args);
-        case TaskArgs::Action::BlobGet: return blobGet(args);
-        case TaskArgs::Action::List: return list(options, args);
-        case TaskArgs::Action::Show: return show(options, args);
-        case TaskArgs::Action::Cancel: return cancel(options, args);
+        case TaskArgs::Action::Schedule:
+            return schedule(options, args);
+        case TaskArgs::Action::BlobPut:
+            return blobPut(options, args);
+        case TaskArgs::Action::BlobGet:
+            return blobGet(args);
+        case TaskArgs::Action::List:
+            return list(options, args);
+        case TaskArgs::Action::Show:
+            return show(options, args);
+        case TaskArgs::Action::Cancel:
+            return cancel(options, args);
     }
     return kExitUsage;
 }

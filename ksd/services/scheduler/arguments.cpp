@@ -25,8 +25,8 @@ std::optional<std::vector<std::string>> splitArguments(std::string_view text) {
             for (++i;; ++i) {
                 if (i == text.size()) return std::nullopt;
                 if (text[i] == '"') break;
-                if (text[i] == '\\' && i + 1 < text.size() && std::string_view("\"\\$`").find(text[i + 1]) !=
-                                                                   std::string_view::npos)
+                if (text[i] == '\\' && i + 1 < text.size() &&
+                    std::string_view("\"\\$`").find(text[i + 1]) != std::string_view::npos)
                     ++i;
                 current.push_back(text[i]);
             }

@@ -78,11 +78,16 @@ std::optional<Frequency> frequencyFrom(std::int64_t value) {
 
 const char* frequencyName(Frequency f) {
     switch (f) {
-        case Frequency::Daily: return "daily";
-        case Frequency::Weekly: return "weekly";
-        case Frequency::Monthly: return "monthly";
-        case Frequency::OneTime: return "once";
-        case Frequency::BootTime: return "boot";
+        case Frequency::Daily:
+            return "daily";
+        case Frequency::Weekly:
+            return "weekly";
+        case Frequency::Monthly:
+            return "monthly";
+        case Frequency::OneTime:
+            return "once";
+        case Frequency::BootTime:
+            return "boot";
     }
     return "unknown";
 }

@@ -23,10 +23,14 @@ enum Stage : int { kCredentials = 1, kChdir, kLogFile, kExec };
 
 const char* stageName(int stage) {
     switch (stage) {
-        case kCredentials: return "switching user";
-        case kChdir: return "working directory";
-        case kLogFile: return "log file";
-        case kExec: return "exec";
+        case kCredentials:
+            return "switching user";
+        case kChdir:
+            return "working directory";
+        case kLogFile:
+            return "log file";
+        case kExec:
+            return "exec";
     }
     return "start";
 }
@@ -100,8 +104,8 @@ pid_t ProgramRunner::start(const RunSpec& spec, std::function<void(const RunResu
         return -1;
     }
     const bool switchUser = ::geteuid() == 0;
-    const std::string path = spec.uid == 0 ? "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
-                                           : "/usr/local/bin:/usr/bin:/bin";
+    const std::string path =
+        spec.uid == 0 ? "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" : "/usr/local/bin:/usr/bin:/bin";
     // Everything the child needs is built here: between fork and exec it
     // only makes system calls.
     std::vector<std::string> env = {"PATH=" + path, "HOME=" + account.home, "USER=" + account.name,

@@ -28,8 +28,8 @@ struct RunSpec {
 struct RunResult {
     bool started = false;  // false: it never reached exec (see error, stage)
     int error = 0;
-    std::string stage;      // what failed before exec: "chdir", "log file", "exec", ...
-    int exitCode = 0;       // exit status, or 128 + signal
+    std::string stage;  // what failed before exec: "chdir", "log file", "exec", ...
+    int exitCode = 0;   // exit status, or 128 + signal
 };
 
 class ProgramRunner {

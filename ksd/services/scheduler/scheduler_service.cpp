@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "OrvoLogging.h"
-#include "store/schema.h"
 #include "services/scheduler/arguments.h"
+#include "store/schema.h"
 
 namespace ksd {
 
@@ -35,11 +35,13 @@ bool fitsInt(std::int64_t v) { return v >= INT_MIN && v <= INT_MAX; }
 
 // A name shows in tab-separated lists one per line: no control characters.
 bool isPrintableName(const std::string& s) {
-    return !s.empty() && std::none_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+    return !s.empty() &&
+           std::none_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
 }
 
 std::string listField(std::string s) {
-    std::replace_if(s.begin(), s.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
+    std::replace_if(
+        s.begin(), s.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
     return s;
 }
 
@@ -172,8 +174,7 @@ void SchedulerService::handle(Request& request) {
     }
     if (r == "TRVX_TS_TASK_STATE")
         return responder.reply(longReply(task ? static_cast<std::int64_t>(task->state) : error));
-    if (r == "TRVX_TS_EXIT_CODE")
-        return responder.reply(longReply(task ? task->exitCode.value_or(kNeverRan) : error));
+    if (r == "TRVX_TS_EXIT_CODE") return responder.reply(longReply(task ? task->exitCode.value_or(kNeverRan) : error));
     if (r == "TRVX_TS_GET_NEXT_TIME") {
         if (!task) return responder.reply(longReply(error));
         std::string out = longReply(0);

@@ -20,10 +20,14 @@ std::optional<std::int64_t> optionalColumn(const store::Statement& s, int index)
 
 const char* stateName(TaskState s) {
     switch (s) {
-        case TaskState::InProgress: return "in-progress";
-        case TaskState::Completed: return "completed";
-        case TaskState::Waiting: return "waiting";
-        case TaskState::Exit: return "exit";
+        case TaskState::InProgress:
+            return "in-progress";
+        case TaskState::Completed:
+            return "completed";
+        case TaskState::Waiting:
+            return "waiting";
+        case TaskState::Exit:
+            return "exit";
     }
     return "unknown";
 }
@@ -65,8 +69,8 @@ std::vector<Task> TaskStore::loadAll() {
         t.logFile = s.columnText(8);
         t.blob = s.columnText(9);
         t.schedule = Schedule{static_cast<Frequency>(s.columnInt(10)), static_cast<int>(s.columnInt(11)),
-                              static_cast<int>(s.columnInt(12)),      static_cast<int>(s.columnInt(13)),
-                              static_cast<int>(s.columnInt(14)),      static_cast<int>(s.columnInt(15)),
+                              static_cast<int>(s.columnInt(12)),       static_cast<int>(s.columnInt(13)),
+                              static_cast<int>(s.columnInt(14)),       static_cast<int>(s.columnInt(15)),
                               static_cast<int>(s.columnInt(16))};
         t.state = static_cast<TaskState>(s.columnInt(17));
         t.exitCode = optionalColumn(s, 18);
