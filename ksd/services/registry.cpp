@@ -6,6 +6,7 @@
 // One include per service.
 #include "services/arbiter/arbiter_service.h"
 #include "services/jobstatus/jobstatus_service.h"
+#include "services/scheduler/scheduler_service.h"
 
 namespace ksd {
 
@@ -37,6 +38,7 @@ void registerServices(Registry& registry, ServiceContext& context) {
     //   registry.add(std::make_unique<ArbiterService>(context));
     registry.add(std::make_unique<ArbiterService>(context.io, context.events));
     registry.add(std::make_unique<JobStatusService>(context.events, context.stateDir));
+    registry.add(std::make_unique<SchedulerService>(context.io, context.events, context.stateDir));
 }
 
 }  // namespace ksd

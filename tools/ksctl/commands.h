@@ -42,10 +42,26 @@ struct JobArgs {
     std::optional<int> percent;  // Progress: set when given, read otherwise
 };
 
+struct TaskArgs {
+    enum class Action { Schedule, List, Show, Cancel, BlobPut, BlobGet };
+    Action action = Action::List;
+    std::string name;
+    std::string program;
+    std::string arguments;
+    std::string workDir = "/";
+    std::string logFile;
+    std::string at;             // "YYYY-MM-DD HH:MM:SS" (local; GMT for blobs)
+    std::string every = "once"; // once, daily, weekly, monthly, boot
+    std::string file;           // blob-put: input; blob-get: output ("-" or empty: standard output)
+    bool blobs = false;         // list: blob tasks instead of program tasks
+    int handle = 0;
+};
+
 int runPublish(const GlobalOptions& options, const PublishArgs& args);
 int runSubscribe(const GlobalOptions& options, const SubscribeArgs& args);
 int runLock(const GlobalOptions& options, const LockArgs& args);
 int runJob(const GlobalOptions& options, const JobArgs& args);
+int runTask(const GlobalOptions& options, const TaskArgs& args);
 int runStatus(const GlobalOptions& options);
 int runLocks(const GlobalOptions& options);
 

@@ -22,6 +22,7 @@ struct Parsed {
     SubscribeArgs subscribe;
     LockArgs lock;
     JobArgs job;
+    TaskArgs task;
 };
 
 void addJobCommands(CLI::App& job, Parsed& p) {
@@ -50,6 +51,44 @@ void addJobCommands(CLI::App& job, Parsed& p) {
 
     auto* list = job.add_subcommand("list", "List the daemon's jobs");
     list->callback([&p] { p.job.action = JobArgs::Action::List; });
+}
+
+void addTaskCommands(CLI::App& task, Parsed& p) {
+    task.require_subcommand(1);
+    const auto every = CLI::IsMember({"once", "daily", "weekly", "monthly", "boot"});
+    auto* schedule = task.add_subcommand("schedule", "Schedule a program (run without a shell) and print its handle");
+    schedule->add_option("name", p.task.name, "Task name, unique among tasks")->required();
+    schedule->add_option("program", p.task.program, "Program path, or a name looked up in PATH")->required();
+    schedule->add_option("--args,-a", p.task.arguments, "Arguments as one string, split with shell-like quoting");
+    schedule->add_option("--dir,-C", p.task.workDir, "Working directory (default /)");
+    schedule->add_option("--log,-l", p.task.logFile, "Append the program's output to this file");
+    schedule->add_option("--at", p.task.at, "First run, local time: 'YYYY-MM-DD HH:MM:SS' (not for boot)");
+    schedule->add_option("--every", p.task.every, "once, daily, weekly, monthly or boot")->check(every);
+    schedule->callback([&p] { p.task.action = TaskArgs::Action::Schedule; });
+
+    auto* put = task.add_subcommand("blob-put", "Store a file's bytes as a blob task and print its handle");
+    put->add_option("name", p.task.name, "Task name")->required();
+    put->add_option("file", p.task.file, "File with the blob ('-': standard input)")->required();
+    put->add_option("--at", p.task.at, "Due time in GMT: 'YYYY-MM-DD HH:MM:SS'")->required();
+    put->add_option("--every", p.task.every, "once, daily, weekly, monthly or boot")->check(every);
+    put->callback([&p] { p.task.action = TaskArgs::Action::BlobPut; });
+
+    auto* get = task.add_subcommand("blob-get", "Write a blob task's bytes to standard output or a file");
+    get->add_option("handle", p.task.handle)->required();
+    get->add_option("--output,-o", p.task.file, "Write here instead of standard output");
+    get->callback([&p] { p.task.action = TaskArgs::Action::BlobGet; });
+
+    auto* list = task.add_subcommand("list", "List your program tasks (root: everyone's)");
+    list->add_flag("--blobs", p.task.blobs, "List blob tasks instead");
+    list->callback([&p] { p.task.action = TaskArgs::Action::List; });
+
+    auto* show = task.add_subcommand("show", "A task's state, exit code, last and next run");
+    show->add_option("handle", p.task.handle)->required();
+    show->callback([&p] { p.task.action = TaskArgs::Action::Show; });
+
+    auto* cancel = task.add_subcommand("cancel", "Cancel a task (a running program is left to finish)");
+    cancel->add_option("handle", p.task.handle)->required();
+    cancel->callback([&p] { p.task.action = TaskArgs::Action::Cancel; });
 }
 
 }  // namespace
@@ -88,6 +127,9 @@ int main(int argc, char** argv) {
     auto* job = app.add_subcommand("job", "Create, inspect, update and remove jobs");
     addJobCommands(*job, p);
 
+    auto* task = app.add_subcommand("task", "Schedule, list, inspect and cancel tasks");
+    addTaskCommands(*task, p);
+
     auto* status = app.add_subcommand("status", "Connections, subscriptions, queue drops, locks held and jobs");
     auto* locks = app.add_subcommand("locks", "List the locks held and their waiters");
 
@@ -111,6 +153,7 @@ int main(int argc, char** argv) {
     if (*subscribe) return runSubscribe(p.options, p.subscribe);
     if (*lock) return runLock(p.options, p.lock);
     if (*job) return runJob(p.options, p.job);
+    if (*task) return runTask(p.options, p.task);
     if (*status) return runStatus(p.options);
     if (*locks) return runLocks(p.options);
     return kExitUsage;

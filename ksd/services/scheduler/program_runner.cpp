@@ -1,0 +1,196 @@
+#include "services/scheduler/program_runner.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/close_range.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <asio/posix/stream_descriptor.hpp>
+#include <cerrno>
+#include <cstring>
+
+namespace ksd::sched {
+
+namespace {
+
+// Which step of the child failed; sent with errno through the pipe.
+enum Stage : int { kCredentials = 1, kChdir, kLogFile, kExec };
+
+const char* stageName(int stage) {
+    switch (stage) {
+        case kCredentials:
+            return "switching user";
+        case kChdir:
+            return "working directory";
+        case kLogFile:
+            return "log file";
+        case kExec:
+            return "exec";
+    }
+    return "start";
+}
+
+struct Account {
+    std::string name, home, shell;
+    gid_t gid = 0;
+    std::vector<gid_t> groups;
+};
+
+bool lookUpAccount(uid_t uid, Account& account) {
+    std::vector<char> buffer(16384);
+    passwd pw{};
+    passwd* found = nullptr;
+    if (::getpwuid_r(uid, &pw, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) return false;
+    account.name = pw.pw_name;
+    account.home = pw.pw_dir != nullptr ? pw.pw_dir : "/";
+    account.shell = pw.pw_shell != nullptr && *pw.pw_shell != '\0' ? pw.pw_shell : "/bin/sh";
+    account.gid = pw.pw_gid;
+    int count = 64;
+    account.groups.resize(static_cast<std::size_t>(count));
+    if (::getgrouplist(pw.pw_name, pw.pw_gid, account.groups.data(), &count) < 0) {
+        account.groups.resize(static_cast<std::size_t>(count));
+        ::getgrouplist(pw.pw_name, pw.pw_gid, account.groups.data(), &count);
+    }
+    account.groups.resize(static_cast<std::size_t>(count));
+    return true;
+}
+
+// The program as exec will see it: a bare name is looked up in `path`.
+std::string locate(const std::string& program, const std::string& path) {
+    if (program.find('/') != std::string::npos) return program;
+    std::size_t from = 0;
+    while (from <= path.size()) {
+        std::size_t to = path.find(':', from);
+        if (to == std::string::npos) to = path.size();
+        const std::string candidate = path.substr(from, to - from) + "/" + program;
+        struct stat st {};
+        if (to > from && ::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode)) return candidate;
+        from = to + 1;
+    }
+    return program;  // exec fails with ENOENT and says so
+}
+
+[[noreturn]] void childFails(int fd, int stage) {
+    const int report[2] = {stage, errno};
+    [[maybe_unused]] const ssize_t n = ::write(fd, report, sizeof report);
+    ::_exit(127);
+}
+
+}  // namespace
+
+struct ProgramRunner::Child {
+    Child(asio::io_context& io, int pidfd, int reportFd) : pidfd(io, pidfd), reportFd(reportFd) {}
+    ~Child() {
+        if (reportFd >= 0) ::close(reportFd);
+    }
+    asio::posix::stream_descriptor pidfd;
+    int reportFd;
+    std::function<void(const RunResult&)> done;
+};
+
+ProgramRunner::ProgramRunner(asio::io_context& io) : io_(io) {}
+
+ProgramRunner::~ProgramRunner() = default;
+
+pid_t ProgramRunner::start(const RunSpec& spec, std::function<void(const RunResult&)> done, std::string& failure) {
+    Account account;
+    if (!lookUpAccount(spec.uid, account)) {
+        failure = "no account for uid " + std::to_string(spec.uid);
+        return -1;
+    }
+    const bool switchUser = ::geteuid() == 0;
+    const std::string path =
+        spec.uid == 0 ? "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" : "/usr/local/bin:/usr/bin:/bin";
+    // Everything the child needs is built here: between fork and exec it
+    // only makes system calls.
+    std::vector<std::string> env = {"PATH=" + path, "HOME=" + account.home, "USER=" + account.name,
+                                    "LOGNAME=" + account.name, "SHELL=" + account.shell};
+    const std::string program = locate(spec.program, path);
+    std::vector<char*> argv, envp;
+    argv.push_back(const_cast<char*>(spec.program.c_str()));
+    for (const auto& a : spec.args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    const std::string& workDir = spec.workDir.empty() ? account.home : spec.workDir;
+
+    int report[2];
+    if (::pipe2(report, O_CLOEXEC) != 0) {
+        failure = std::string("pipe: ") + std::strerror(errno);
+        return -1;
+    }
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        failure = std::string("fork: ") + std::strerror(errno);
+        ::close(report[0]), ::close(report[1]);
+        return -1;
+    }
+    if (pid == 0) {
+        ::close(report[0]);
+        ::setpgid(0, 0);
+        sigset_t none;
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        for (int s = 1; s < NSIG; ++s) ::signal(s, SIG_DFL);
+        if (switchUser && (::setgroups(account.groups.size(), account.groups.data()) != 0 ||
+                           ::setgid(account.gid) != 0 || ::setuid(spec.uid) != 0))
+            childFails(report[1], kCredentials);
+        if (::chdir(workDir.c_str()) != 0) childFails(report[1], kChdir);
+        const int in = ::open("/dev/null", O_RDONLY);
+        const int out = spec.logFile.empty() ? ::open("/dev/null", O_WRONLY)
+                                             : ::open(spec.logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (out < 0) childFails(report[1], kLogFile);
+        ::dup2(in, 0), ::dup2(out, 1), ::dup2(out, 2);
+        // Nothing of the daemon's leaks into the program; the report pipe is close-on-exec already.
+        ::syscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC);
+        ::execve(program.c_str(), argv.data(), envp.data());
+        childFails(report[1], kExec);
+    }
+    ::close(report[1]);
+    ::fcntl(report[0], F_SETFL, O_NONBLOCK);
+    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd < 0) {
+        // Cannot watch it: it must not become a zombie we never reap.
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        ::close(report[0]);
+        failure = std::string("pidfd_open: ") + std::strerror(errno);
+        return -1;
+    }
+    auto child = std::make_unique<Child>(io_, pidfd, report[0]);
+    child->done = std::move(done);
+    std::weak_ptr<char> alive = alive_;
+    child->pidfd.async_wait(asio::posix::stream_descriptor::wait_read, [this, alive, pid](const std::error_code& ec) {
+        if (ec || alive.expired()) return;
+        finished(pid);
+    });
+    children_.emplace(pid, std::move(child));
+    return pid;
+}
+
+void ProgramRunner::finished(pid_t pid) {
+    auto it = children_.find(pid);
+    if (it == children_.end()) return;
+    std::unique_ptr<Child> child = std::move(it->second);
+    children_.erase(it);
+    RunResult result;
+    siginfo_t info{};
+    // The pidfd is readable: the child has ended, so this does not wait.
+    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG) == 0 && info.si_pid == pid)
+        result.exitCode = info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
+    int report[2] = {0, 0};
+    if (::read(child->reportFd, report, sizeof report) == static_cast<ssize_t>(sizeof report)) {
+        result.stage = stageName(report[0]);
+        result.error = report[1];
+    } else {
+        result.started = true;
+    }
+    child->done(result);
+}
+
+}  // namespace ksd::sched

@@ -1,0 +1,56 @@
+#ifndef KSD_SERVICES_SCHEDULER_PROGRAM_RUNNER_H
+#define KSD_SERVICES_SCHEDULER_PROGRAM_RUNNER_H
+
+// Starts a task's program without a shell, as the task's user, in its own
+// process group, and tells on the event loop how it ended. The child is
+// reaped when its pidfd turns readable, never by a blocking wait; a failure
+// between fork and exec comes back through a close-on-exec pipe.
+
+#include <sys/types.h>
+
+#include <asio/io_context.hpp>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace ksd::sched {
+
+struct RunSpec {
+    std::string program;            // a path, or a name searched in the user's PATH
+    std::vector<std::string> args;  // after argv[0]
+    std::string workDir;            // empty: the user's home
+    std::string logFile;            // empty: output goes to /dev/null
+    uid_t uid = 0;
+};
+
+struct RunResult {
+    bool started = false;  // false: it never reached exec (see error, stage)
+    int error = 0;
+    std::string stage;  // what failed before exec: "chdir", "log file", "exec", ...
+    int exitCode = 0;   // exit status, or 128 + signal
+};
+
+class ProgramRunner {
+public:
+    explicit ProgramRunner(asio::io_context& io);
+    ~ProgramRunner();
+
+    // The child's pid, or -1 with `failure` set when nothing could be started
+    // (unknown user, no pidfd, fork failed). `done` runs once, on the loop.
+    pid_t start(const RunSpec& spec, std::function<void(const RunResult&)> done, std::string& failure);
+    std::size_t running() const { return children_.size(); }
+
+private:
+    struct Child;
+    void finished(pid_t pid);
+
+    asio::io_context& io_;
+    std::unordered_map<pid_t, std::unique_ptr<Child>> children_;
+    std::shared_ptr<char> alive_ = std::make_shared<char>();
+};
+
+}  // namespace ksd::sched
+
+#endif

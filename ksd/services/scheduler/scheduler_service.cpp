@@ -1,0 +1,419 @@
+#include "services/scheduler/scheduler_service.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+
+#include "OrvoLogging.h"
+#include "services/scheduler/arguments.h"
+#include "store/schema.h"
+
+namespace ksd {
+
+namespace {
+
+namespace Codec = OrvoNet::Codec;
+using sched::Task;
+using sched::TaskKind;
+using sched::TaskState;
+
+constexpr std::int64_t kNeverRan = -ENODATA;  // -61
+// Wake at least this often, so that a change of the system clock delays a run by no more.
+constexpr std::time_t kMaxSleep = 60;
+
+std::string longReply(std::int64_t value) {
+    std::string out;
+    Codec::putLong(out, value);
+    return out;
+}
+
+bool fitsInt(std::int64_t v) { return v >= INT_MIN && v <= INT_MAX; }
+
+// A name shows in tab-separated lists one per line: no control characters.
+bool isPrintableName(const std::string& s) {
+    return !s.empty() &&
+           std::none_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+}
+
+std::string listField(std::string s) {
+    std::replace_if(
+        s.begin(), s.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
+    return s;
+}
+
+// Owner rules: root reads and cancels any task; a user only its own; a TCP
+// client (no identity) only what a TCP client scheduled.
+bool mayTouch(const PeerInfo& peer, const Task& task) {
+    if (peer.isUnix && peer.uid == 0) return true;
+    if (peer.isUnix != task.ownerIsUnix) return false;
+    return !peer.isUnix || peer.uid == task.owner;
+}
+
+// TRVX_TS_SCHEDULE_BLOB: name, length, the raw bytes, then seven ints. The
+// length is judged before a byte of the blob is awaited.
+FieldPlan blobPlan(std::uint32_t maxBlob) {
+    return [maxBlob](const std::vector<Value>& f) -> FieldSpec {
+        if (f.empty()) return FieldSpec{FieldKind::String, 0, 0};
+        if (f.size() == 1) return FieldSpec{FieldKind::Int, 0, 0};
+        if (f.size() == 2) {
+            const std::int64_t n = f[1].integer;
+            if (n <= 0) return FieldSpec{FieldKind::Invalid, 0, EINVAL};
+            if (n > maxBlob) return FieldSpec{FieldKind::Invalid, 0, EMSGSIZE};
+            return FieldSpec{FieldKind::Raw, static_cast<std::uint64_t>(n), 0};
+        }
+        if (f.size() < 10) return FieldSpec{FieldKind::Int, 0, 0};
+        return FieldSpec{FieldKind::Done, 0, 0};
+    };
+}
+
+}  // namespace
+
+SchedulerService::SchedulerService(asio::io_context& io, EventPublisher& events, const std::filesystem::path& stateDir,
+                                   SchedulerLimits limits, Clock clock)
+    : io_(io),
+      events_(events),
+      clock_(clock ? std::move(clock) : [] { return std::time(nullptr); }),
+      limits_(limits),
+      db_(store::openStateDatabase(stateDir)),
+      store_(std::make_unique<sched::TaskStore>(*db_)),
+      timer_(io),
+      runner_(io),
+      schedulePlan_(fixedPlan({FieldKind::String, FieldKind::String, FieldKind::String, FieldKind::String,
+                               FieldKind::Long, FieldKind::Long, FieldKind::Long, FieldKind::Long, FieldKind::Long,
+                               FieldKind::Long, FieldKind::Long, FieldKind::String})),
+      blobPlan_(blobPlan(limits.maxBlobBytes)),
+      namePlan_(fixedPlan({FieldKind::String})),
+      handlePlan_(fixedPlan({FieldKind::Long})),
+      infoPlan_(fixedPlan({FieldKind::Long, FieldKind::Long})),
+      emptyPlan_(fixedPlan({})) {
+    const std::time_t now = clock_();
+    std::size_t missed = 0;
+    for (Task& t : store_->loadAll()) {
+        const std::int64_t h = t.handle;
+        if (t.cancelled) {
+            tasks_.emplace(h, std::move(t));
+            continue;
+        }
+        const bool boot = t.schedule.frequency == sched::Frequency::BootTime;
+        if (t.state == TaskState::InProgress) {
+            // Its run was cut short by the daemon's end; the program is not adopted.
+            t.state = t.nextDue || boot ? TaskState::Waiting : TaskState::Completed;
+            save(t);
+        }
+        std::optional<std::time_t> due = t.nextDue;
+        t.nextDue.reset();
+        if (boot) due = now;
+        if (due && *due < now) ++missed;
+        byName_.emplace(t.name, h);
+        Task& kept = tasks_.emplace(h, std::move(t)).first->second;
+        setDue(kept, due);
+    }
+    ORVO_LOG(4, "ksd: Scheduler: " << static_cast<unsigned long>(byName_.size()) << " stored tasks loaded, "
+                                   << static_cast<unsigned long>(missed) << " due or missed run now");
+    arm();
+}
+
+SchedulerService::~SchedulerService() {
+    alive_.reset();
+    timer_.cancel();
+}
+
+const FieldPlan* SchedulerService::plan(std::string_view request) const {
+    if (request == "TRVX_TS_SCHEDULE") return &schedulePlan_;
+    if (request == "TRVX_TS_SCHEDULE_BLOB") return &blobPlan_;
+    if (request == "TRVX_TS_SCHEDULED_TASK_LOOKUP") return &namePlan_;
+    if (request == "TRVX_TS_CANCEL" || request == "TRVX_TS_TASK_STATE" || request == "TRVX_TS_EXIT_CODE" ||
+        request == "TRVX_TS_GET_NEXT_TIME" || request == "TRVX_TS_RETRIEVE_BLOB")
+        return &handlePlan_;
+    if (request == "TRVX_TS_EXECUTION_INFO") return &infoPlan_;
+    if (request == "TRVX_TS_LIST_EXEC" || request == "TRVX_TS_LIST_BLOB") return &emptyPlan_;
+    return nullptr;
+}
+
+Task* SchedulerService::visible(const PeerInfo& peer, std::int64_t handle, std::int64_t& error) {
+    auto it = tasks_.find(handle);
+    if (it == tasks_.end()) {
+        error = -ENOENT;
+        return nullptr;
+    }
+    if (!mayTouch(peer, it->second)) {
+        error = -EPERM;
+        return nullptr;
+    }
+    error = 0;
+    return &it->second;
+}
+
+void SchedulerService::handle(Request& request) {
+    const std::string& r = request.name;
+    const auto& f = request.fields;
+    Responder& responder = *request.responder;
+    if (r == "TRVX_TS_SCHEDULE") return schedule(request);
+    if (r == "TRVX_TS_SCHEDULE_BLOB") return scheduleBlob(request);
+    if (r == "TRVX_TS_LIST_EXEC") return list(request, TaskKind::Program);
+    if (r == "TRVX_TS_LIST_BLOB") return list(request, TaskKind::Blob);
+    if (r == "TRVX_TS_SCHEDULED_TASK_LOOKUP") {
+        auto it = byName_.find(f[0].text);
+        if (it == byName_.end()) return responder.reply(longReply(-ENOENT));
+        return responder.reply(longReply(mayTouch(request.peer, tasks_.at(it->second)) ? it->second : -EPERM));
+    }
+
+    std::int64_t error = 0;
+    Task* task = visible(request.peer, f[0].integer, error);
+    if (r == "TRVX_TS_EXECUTION_INFO") {
+        // The status follows only when the text fits the caller's buffer, as the client reads it.
+        const std::string text = task && task->lastRun ? sched::formatTime(*task->lastRun, sched::Zone::Local) : "";
+        std::string out;
+        Codec::putString(out, text);
+        if (f[1].integer > static_cast<std::int64_t>(text.size())) Codec::putLong(out, error);
+        return responder.reply(std::move(out));
+    }
+    if (r == "TRVX_TS_TASK_STATE")
+        return responder.reply(longReply(task ? static_cast<std::int64_t>(task->state) : error));
+    if (r == "TRVX_TS_EXIT_CODE") return responder.reply(longReply(task ? task->exitCode.value_or(kNeverRan) : error));
+    if (r == "TRVX_TS_GET_NEXT_TIME") {
+        if (!task) return responder.reply(longReply(error));
+        std::string out = longReply(0);
+        Codec::putString(out, task->nextDue ? sched::formatTime(*task->nextDue, task->zone()) : "");
+        Codec::putInt(out, static_cast<std::int32_t>(task->schedule.frequency));
+        return responder.reply(std::move(out));
+    }
+    if (task && task->cancelled) task = nullptr, error = -ENOENT;
+    if (r == "TRVX_TS_RETRIEVE_BLOB") {
+        if (task && task->kind != TaskKind::Blob) task = nullptr, error = -EINVAL;
+        if (!task) return responder.reply(longReply(error));
+        // A client with too small a buffer stops reading after the length; the
+        // rest is dropped with its connection.
+        std::string out = longReply(0);
+        Codec::putInt(out, static_cast<std::int32_t>(task->blob.size()));
+        out += task->blob;
+        return responder.reply(std::move(out));
+    }
+    if (r == "TRVX_TS_CANCEL") {
+        if (!task) return responder.reply(longReply(error));
+        // A running program is left to finish; its end no longer changes the state.
+        task->cancelled = true;
+        task->blob.clear();
+        task->blob.shrink_to_fit();
+        byName_.erase(task->name);
+        setDue(*task, std::nullopt);
+        task->state = TaskState::Exit;
+        save(*task);
+        responder.reply(longReply(0));
+        setState(*task, TaskState::Exit);
+        return arm();
+    }
+    responder.fail(ENOSYS, "Scheduler does not serve " + r);
+}
+
+void SchedulerService::schedule(Request& request) {
+    const auto& f = request.fields;
+    Responder& responder = *request.responder;
+    if (!request.peer.isUnix) return responder.fail(EACCES, "a TCP client may not schedule programs");
+    if (f[0].text.size() > limits_.maxNameLength)
+        return responder.fail(EMSGSIZE, "task name longer than " + std::to_string(limits_.maxNameLength) + " bytes");
+    Task t;
+    t.name = f[0].text;
+    t.program = f[1].text;
+    t.workDir = f[2].text;
+    t.parameters = f[3].text;
+    t.logFile = f[11].text;
+    t.owner = request.peer.uid;
+    const auto frequency = sched::frequencyFrom(f[4].integer);
+    bool valid = frequency && isPrintableName(t.name) && !t.program.empty() &&
+                 t.program.find('\0') == std::string::npos && sched::splitArguments(t.parameters).has_value();
+    for (int i = 5; i <= 10; ++i) valid = valid && (fitsInt(f[i].integer) || frequency == sched::Frequency::BootTime);
+    if (valid) {
+        auto field = [&](int i) { return fitsInt(f[i].integer) ? static_cast<int>(f[i].integer) : 0; };
+        t.schedule = sched::Schedule{*frequency, field(7), field(5), field(6), field(8), field(9), field(10)};
+        valid = sched::isValidSchedule(t.schedule);
+    }
+    if (!valid) return responder.reply(longReply(-EINVAL));
+    // Without root the daemon cannot become another user: it runs only its own user's programs.
+    if (::geteuid() != 0 && request.peer.uid != ::geteuid()) return responder.reply(longReply(-EPERM));
+    if (byName_.count(t.name) != 0) return responder.reply(longReply(-EEXIST));
+    responder.reply(longReply(add(std::move(t))));
+    arm();
+}
+
+void SchedulerService::scheduleBlob(Request& request) {
+    const auto& f = request.fields;
+    Responder& responder = *request.responder;
+    if (f[0].text.size() > limits_.maxNameLength)
+        return responder.fail(EMSGSIZE, "task name longer than " + std::to_string(limits_.maxNameLength) + " bytes");
+    Task t;
+    t.kind = TaskKind::Blob;
+    t.name = f[0].text;
+    t.blob = f[2].text;
+    t.ownerIsUnix = request.peer.isUnix;
+    t.owner = request.peer.isUnix ? request.peer.uid : static_cast<uid_t>(-1);
+    const auto frequency = sched::frequencyFrom(f[3].integer);
+    // The client checks none of these fields.
+    if (!frequency || !isPrintableName(t.name)) return responder.reply(longReply(-EINVAL));
+    auto field = [&](int i) { return static_cast<int>(f[i].integer); };
+    t.schedule = sched::Schedule{*frequency, field(6), field(4), field(5), field(7), field(8), field(9)};
+    if (!sched::isValidSchedule(t.schedule)) return responder.reply(longReply(-EINVAL));
+    if (byName_.count(t.name) != 0) return responder.reply(longReply(-EEXIST));
+    responder.reply(longReply(add(std::move(t))));
+    arm();
+}
+
+std::int64_t SchedulerService::add(Task task) {
+    task.state = TaskState::Waiting;
+    const std::int64_t h = store_->insert(task);
+    const std::optional<std::time_t> due = sched::firstRun(task.schedule, task.zone(), clock_());
+    byName_.emplace(task.name, h);
+    Task& kept = tasks_.emplace(h, std::move(task)).first->second;
+    setDue(kept, due);
+    if (due) save(kept);
+    setState(kept, TaskState::Waiting);
+    return h;
+}
+
+void SchedulerService::list(Request& request, TaskKind kind) {
+    // One line per task: handle, name, state, frequency, next run, last run,
+    // then exit code, owner, program, parameters (programs) or length, owner (blobs).
+    std::string text;
+    for (const auto& [h, t] : tasks_) {
+        if (t.cancelled || t.kind != kind || !mayTouch(request.peer, t)) continue;
+        text += std::to_string(h);
+        text += '\t' + t.name + '\t' + sched::stateName(t.state) + '\t' + sched::frequencyName(t.schedule.frequency);
+        text += '\t' + (t.nextDue ? sched::formatTime(*t.nextDue, t.zone()) : std::string());
+        text += '\t' + (t.lastRun ? sched::formatTime(*t.lastRun, sched::Zone::Local) : std::string());
+        if (kind == TaskKind::Program) {
+            text += '\t' + std::to_string(t.exitCode.value_or(kNeverRan)) + '\t' + std::to_string(t.owner);
+            text += '\t' + listField(t.program) + '\t' + listField(t.parameters);
+        } else {
+            text += '\t' + std::to_string(t.blob.size()) + '\t' + (t.ownerIsUnix ? std::to_string(t.owner) : "tcp");
+        }
+        text += '\n';
+    }
+    std::string out = longReply(0);
+    Codec::putString(out, text);
+    request.responder->reply(std::move(out));
+}
+
+void SchedulerService::setDue(Task& task, std::optional<std::time_t> due) {
+    if (task.nextDue) due_.erase({*task.nextDue, task.handle});
+    task.nextDue = due;
+    if (due) due_.emplace(*due, task.handle);
+}
+
+void SchedulerService::arm() {
+    if (due_.empty()) {
+        // Also forgets the expiry, so that the next arm() waits again.
+        timer_.expires_at(std::chrono::system_clock::time_point::min());
+        return;
+    }
+    const std::time_t wake = std::min(due_.begin()->first, clock_() + kMaxSleep);
+    const auto at = std::chrono::system_clock::from_time_t(wake);
+    if (timer_.expiry() == at) return;  // already set for it: scheduling a later task costs no timer change
+    timer_.expires_at(at);
+    std::weak_ptr<char> alive = alive_;
+    timer_.async_wait([this, alive](const std::error_code& ec) {
+        if (ec || alive.expired()) return;
+        onTimer();
+    });
+}
+
+void SchedulerService::onTimer() {
+    const std::time_t now = clock_();
+    while (!due_.empty() && due_.begin()->first <= now) {
+        Task& task = tasks_.at(due_.begin()->second);
+        setDue(task, std::nullopt);
+        run(task, now);
+    }
+    timer_.expires_at(std::chrono::system_clock::time_point::min());  // forces arm() to set a new wait
+    arm();
+}
+
+void SchedulerService::run(Task& task, std::time_t now) {
+    // Whatever was missed, the next run is the first one after now.
+    const std::optional<std::time_t> next = sched::nextRunAfter(task.schedule, task.zone(), now);
+    if (task.running()) {
+        ++skipped_;
+        ORVO_LOG(4, "ksd: Scheduler: task " << task.handle << " (" << task.name.c_str()
+                                            << ") still running at its next time: run skipped");
+        setDue(task, next);
+        save(task);
+        return;
+    }
+    ++runs_;
+    task.lastRun = now;
+    setDue(task, next);
+    if (task.kind == TaskKind::Blob) {
+        setState(task, TaskState::InProgress);
+        task.exitCode = 0;
+        setState(task, TaskState::Completed);
+        afterRun(task);
+        return;
+    }
+    sched::RunSpec spec{task.program, sched::splitArguments(task.parameters).value_or(std::vector<std::string>{}),
+                        task.workDir, task.logFile, task.owner};
+    std::string failure;
+    std::weak_ptr<char> alive = alive_;
+    const std::int64_t h = task.handle;
+    const pid_t pid = runner_.start(
+        spec,
+        [this, alive, h](const sched::RunResult& result) {
+            if (!alive.expired()) programEnded(h, result);
+        },
+        failure);
+    if (pid < 0) {
+        ORVO_LOG(4, "ksd: Scheduler: task " << h << " could not start: " << failure.c_str());
+        setState(task, TaskState::Exit);
+        save(task);
+        return;
+    }
+    task.pid = pid;
+    ORVO_LOG(9, "ksd: Scheduler: task " << h << " started as pid " << static_cast<int>(pid));
+    setState(task, TaskState::InProgress);
+    save(task);
+}
+
+void SchedulerService::programEnded(std::int64_t handle, const sched::RunResult& result) {
+    auto it = tasks_.find(handle);
+    if (it == tasks_.end()) return;
+    Task& task = it->second;
+    task.pid = -1;
+    if (!result.started) {
+        ORVO_LOG(4, "ksd: Scheduler: task " << handle << " could not start " << task.program.c_str() << ": "
+                                            << result.stage.c_str() << ": " << std::strerror(result.error));
+        if (!task.cancelled) setState(task, TaskState::Exit);
+        save(task);
+        return;
+    }
+    task.exitCode = result.exitCode;
+    if (task.cancelled) return save(task);
+    setState(task, TaskState::Completed);
+    afterRun(task);
+}
+
+void SchedulerService::afterRun(Task& task) {
+    // A recurring task (boot tasks: at the next daemon start) waits again.
+    if (!task.cancelled && (task.nextDue || task.schedule.frequency == sched::Frequency::BootTime))
+        setState(task, TaskState::Waiting);
+    save(task);
+}
+
+void SchedulerService::setState(Task& task, TaskState state) {
+    task.state = state;
+    events_.publishEvent("OrvoTSEvent:" + std::to_string(task.handle) + "$", std::to_string(task.handle),
+                         static_cast<std::int32_t>(state));
+}
+
+void SchedulerService::save(const Task& task) { store_->update(task); }
+
+std::vector<StatusItem> SchedulerService::status() const {
+    return {{"tasks", static_cast<std::int64_t>(byName_.size())},
+            {"tasks_due", static_cast<std::int64_t>(due_.size())},
+            {"tasks_running", static_cast<std::int64_t>(runner_.running())},
+            {"task_runs", runs_},
+            {"task_runs_skipped", skipped_}};
+}
+
+}  // namespace ksd

@@ -1,0 +1,47 @@
+#ifndef KSD_SERVICES_SCHEDULER_TASK_H
+#define KSD_SERVICES_SCHEDULER_TASK_H
+
+// One scheduled task as the daemon keeps it: what to run (a program or a
+// stored blob), when, whose it is, and what its runs have left behind.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "services/scheduler/calendar.h"
+
+namespace ksd::sched {
+
+// The client library's tTaskState values.
+enum class TaskState : std::int32_t { InProgress = 0, Completed = 1, Waiting = 2, Exit = -1 };
+enum class TaskKind : std::int32_t { Program = 0, Blob = 1 };
+
+const char* stateName(TaskState s);
+
+struct Task {
+    std::int64_t handle = 0;
+    std::string name;
+    TaskKind kind = TaskKind::Program;
+    bool ownerIsUnix = true;  // false: scheduled over TCP, owned by no user
+    uid_t owner = 0;
+    std::string program, workDir, parameters, logFile;
+    std::string blob;
+    Schedule schedule;
+    TaskState state = TaskState::Waiting;
+    std::optional<std::int64_t> exitCode;
+    std::optional<std::time_t> lastRun;
+    std::optional<std::time_t> nextDue;
+    bool cancelled = false;
+    // Not stored: the running program (a blob task "runs" in no time).
+    pid_t pid = -1;
+
+    Zone zone() const { return kind == TaskKind::Blob ? Zone::Gmt : Zone::Local; }
+    bool running() const { return pid > 0; }
+};
+
+}  // namespace ksd::sched
+
+#endif

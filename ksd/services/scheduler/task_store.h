@@ -1,0 +1,35 @@
+#ifndef KSD_SERVICES_SCHEDULER_TASK_STORE_H
+#define KSD_SERVICES_SCHEDULER_TASK_STORE_H
+
+// The tasks' rows in the state database, blobs included. Every write is
+// committed before it returns; handles come from a stored counter, so a
+// handle is never handed out twice, across restarts included.
+// Throws store::StoreError; a failed write changes nothing.
+
+#include <cstdint>
+#include <vector>
+
+#include "services/scheduler/task.h"
+#include "store/database.h"
+
+namespace ksd::sched {
+
+class TaskStore {
+public:
+    // Creates the scheduler's table and counter when missing.
+    explicit TaskStore(store::Database& db);
+
+    std::vector<Task> loadAll();
+    // Stores `task` under the next handle, which it returns (and sets in task.handle).
+    std::int64_t insert(Task& task);
+    // Writes what changes over a task's life: state, runs, next time, cancellation (and the blob).
+    void update(const Task& task);
+    std::int64_t lastHandle();
+
+private:
+    store::Database& db_;
+};
+
+}  // namespace ksd::sched
+
+#endif

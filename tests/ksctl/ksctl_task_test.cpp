@@ -1,0 +1,87 @@
+// ksctl task against a real ksd: a program task and a blob task through
+// every subcommand, the list's columns in --json, and the exit codes of
+// refusals and of bad command lines.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <fstream>
+
+#include "fake_daemon.h"
+#include "json.h"
+#include "ksctl_runner.h"
+#include "ksd_process.h"
+
+using namespace kstest;
+
+namespace {
+
+std::string inOneHour(bool gmt) {
+    const std::time_t t = std::time(nullptr) + 3600;
+    std::tm tm{};
+    gmt ? gmtime_r(&t, &tm) : localtime_r(&t, &tm);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
+    return text;
+}
+
+std::string member(const std::string& json, std::size_t index, const char* key) {
+    const auto v = ksctl::parseJson(json);
+    if (!v) return "<not json: " + json + ">";
+    const ksctl::JsonValue* item =
+        v->kind == ksctl::JsonValue::Kind::Array ? (index < v->items.size() ? &v->items[index] : nullptr) : &*v;
+    const ksctl::JsonValue* m = item ? item->find(key) : nullptr;
+    return !m ? "<missing>" : m->kind == ksctl::JsonValue::Kind::String ? m->text : ksctl::toJson(*m);
+}
+
+class KsctlTask : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(ksd_.start()) << ksd_.log(); }
+    RunResult run(std::vector<std::string> args, bool json = false) {
+        args.insert(args.begin(), {"--pipe", ksd_.pipeName()});
+        if (json) args.insert(args.begin() + 2, "--json");
+        return runKsctl(args);
+    }
+    KsdProcess ksd_;
+    ScopedTempDir dir_{"kstest-ksctl-task"};
+};
+
+TEST_F(KsctlTask, EverySubcommandOnAProgramAndABlobTask) {
+    const std::string at = inOneHour(false);
+    RunResult r =
+        run({"task", "schedule", "nightly", "/bin/echo", "--args", "a 'b c'", "--at", at, "--every", "daily"}, true);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const std::string handle = member(r.out, 0, "handle");
+    EXPECT_EQ(member(r.out, 0, "name"), "nightly");
+
+    r = run({"task", "list"}, true);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(member(r.out, 0, "handle"), handle);
+    EXPECT_EQ(member(r.out, 0, "state") + "|" + member(r.out, 0, "frequency") + "|" + member(r.out, 0, "next_run") +
+                  "|" + member(r.out, 0, "program") + "|" + member(r.out, 0, "arguments") + "|" +
+                  member(r.out, 0, "exit_code"),
+              "waiting|daily|" + at + "|/bin/echo|a 'b c'|-61");
+    r = run({"task", "show", handle}, true);
+    EXPECT_EQ(member(r.out, 0, "next_run") + "|" + member(r.out, 0, "exit_code"), at + "|null");
+    EXPECT_NE(run({"task", "show", handle}).out.find("waiting"), std::string::npos);
+
+    std::ofstream(dir_.path() + "/blob", std::ios::binary) << std::string("\x00\x01zz", 4);
+    r = run({"task", "blob-put", "stash", dir_.path() + "/blob", "--at", inOneHour(true)}, true);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const std::string blob = member(r.out, 0, "handle");
+    EXPECT_EQ(member(run({"task", "list", "--blobs"}, true).out, 0, "length"), "4");
+    r = run({"task", "blob-get", blob});
+    EXPECT_EQ(r.out, std::string("\x00\x01zz", 4));
+
+    EXPECT_EQ(run({"task", "cancel", blob}).out, "task " + blob + " cancelled\n");
+    r = run({"task", "cancel", blob});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.err.find("no such task (-2)"), std::string::npos) << r.err;
+    r = run({"task", "schedule", "nightly", "/bin/true", "--at", at});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.err.find("(-17)"), std::string::npos) << r.err;
+    EXPECT_EQ(run({"task", "schedule", "x", "/bin/true", "--at", "tomorrow"}).exitCode, 2);
+    EXPECT_EQ(run({"task", "schedule", "x", "/bin/true", "--at", at, "--every", "hourly"}).exitCode, 2);
+    EXPECT_EQ(run({"task", "list", "--blobs"}).out, "no blob tasks\n");
+}
+
+}  // namespace

@@ -1,0 +1,316 @@
+// Tasks through libksintf against a real ksd: programs that run (or cannot)
+// with their logs, exit codes and state events; programs run as the user who
+// scheduled them; blob tasks; tasks kept across kill -9 with a missed run
+// made up once; and bad input that must change nothing.
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "OrvoCodec.h"
+#include "OrvoTaskScheduler.h"
+#include "e2e_support.h"
+#include "fake_daemon.h"
+
+namespace {
+
+// The calendar fields `seconds` from now, local or GMT.
+struct When {
+    int year, month, day, hour, minute, second;
+};
+When in(int seconds, bool gmt = false) {
+    const std::time_t t = std::time(nullptr) + seconds;
+    std::tm tm{};
+    gmt ? gmtime_r(&t, &tm) : localtime_r(&t, &tm);
+    return {tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec};
+}
+
+int scheduleIn(int seconds, const std::string& name, const std::string& program, const std::string& params,
+               const std::string& log, const std::string& dir = "/", tTaskFrequency freq = cOneTime) {
+    const When w = in(seconds);
+    return OrvoTSScheduleTask(name.c_str(), program.c_str(), dir.c_str(), params.c_str(), freq, w.month, w.day, w.year,
+                              w.hour, w.minute, w.second, log.c_str());
+}
+
+int scheduleBlobIn(int seconds, const std::string& name, const std::string& blob, tTaskFrequency freq = cOneTime) {
+    const When w = in(seconds, true);
+    return OrvoTSScheduleBlobTask(name.c_str(), static_cast<int>(blob.size()), blob.data(), freq, w.month, w.day,
+                                  w.year, w.hour, w.minute, w.second);
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+bool reaches(int handle, tTaskState state) {
+    return e2e::eventually([&] { return OrvoTSTaskState(handle) == state; });
+}
+
+std::string listOf(bool blobs) {
+    std::vector<char> buf(1 << 20);
+    int size = static_cast<int>(buf.size());
+    const int rc = blobs ? OrvoTSListAllBlobTasks(&size, buf.data()) : OrvoTSListAllExecTasks(&size, buf.data());
+    return rc == 0 ? std::string(buf.data()) : "error " + std::to_string(rc);
+}
+
+e2e::EventLog g_events;
+
+class TaskEndToEnd : public e2e::DaemonSuite {
+protected:
+    kstest::ScopedTempDir dir_{"kstest-task"};
+};
+
+TEST_F(TaskEndToEnd, AProgramRunsWithItsArgumentsLogAndCleanEnvironmentAndReportsEveryState) {
+    const std::string log = dir_.path() + "/run.log";
+    const int h = scheduleIn(2, "greeter", "/bin/sh",
+                             "-c 'echo \"[$1] [$2]\" in $(pwd); echo oops >&2; exit 3' zero \"two  words\" it\\'s", log,
+                             dir_.path());
+    ASSERT_GT(h, 0);
+    const int env = scheduleIn(2, "environment", "env", "", dir_.path() + "/env.log");
+    ASSERT_GT(env, h);
+    ASSERT_GE(OrvoTSRegisterForNotification(
+                  h, [](int task, tTaskState s) { g_events.add(std::to_string(task).c_str(), static_cast<int>(s)); }),
+              0);
+    EXPECT_EQ(OrvoTSExitCode(h), -61) << "never ran";
+    EXPECT_EQ(OrvoTSScheduledTaskLookup("greeter"), h);
+    EXPECT_EQ(scheduleIn(60, "greeter", "/bin/true", "", ""), -17);
+
+    const std::string id = std::to_string(h);
+    EXPECT_EQ(g_events.waitFor(2), (e2e::Log{{id, cInProgress}, {id, cCompleted}}));
+    ASSERT_TRUE(reaches(h, cCompleted));
+    EXPECT_EQ(OrvoTSExitCode(h), 3);
+    EXPECT_EQ(readFile(log), "[two  words] [it's] in " + dir_.path() + "\noops\n");
+    char when[64];
+    int size = sizeof when;
+    EXPECT_EQ(OrvoTSExecutionInformation(h, when, &size), 0);
+    EXPECT_EQ(size, 19) << when;
+    EXPECT_EQ(when[4], '-');
+    int freq = -1;
+    size = sizeof when;
+    EXPECT_EQ(OrvoTSScheduledTaskGetNextTime(h, &size, when, &freq), 0);
+    EXPECT_EQ(std::string(when), "") << "a one-time task that ran has no next time";
+    EXPECT_EQ(freq, cOneTime);
+
+    ASSERT_TRUE(reaches(env, cCompleted));
+    passwd* pw = ::getpwuid(::getuid());
+    std::string expected = "PATH=";
+    EXPECT_NE(readFile(dir_.path() + "/env.log").find("HOME=" + std::string(pw->pw_dir) + "\n"), std::string::npos);
+    std::istringstream lines(readFile(dir_.path() + "/env.log"));
+    std::vector<std::string> names;
+    for (std::string line; std::getline(lines, line);) names.push_back(line.substr(0, line.find('=')));
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"HOME", "LOGNAME", "PATH", "SHELL", "USER"}));
+    const std::string listed = listOf(false);
+    EXPECT_NE(listed.find(id + "\tgreeter\tcompleted\tonce\t\t"), std::string::npos) << listed;
+    EXPECT_NE(listed.find("\t3\t" + std::to_string(::getuid()) + "\t/bin/sh\t"), std::string::npos) << listed;
+}
+
+TEST_F(TaskEndToEnd, FailingMissingAndKilledProgramsAndBadDirectoriesEndAsTheyShould) {
+    const int fails = scheduleIn(1, "fails", "false", "", "");
+    const int missing = scheduleIn(1, "missing", "/no/such/program", "", "");
+    const int killed = scheduleIn(1, "killed", "/bin/sh", "-c 'kill -TERM $$'", "");
+    const int noDir = scheduleIn(1, "no-dir", "/bin/true", "", "", "/no/such/dir");
+    for (int h : {fails, missing, killed, noDir}) ASSERT_GT(h, 0);
+    EXPECT_TRUE(reaches(fails, cCompleted));
+    EXPECT_EQ(OrvoTSExitCode(fails), 1);
+    EXPECT_TRUE(reaches(killed, cCompleted));
+    EXPECT_EQ(OrvoTSExitCode(killed), 128 + SIGTERM);
+    EXPECT_TRUE(reaches(missing, cExit));
+    EXPECT_TRUE(reaches(noDir, cExit));
+    EXPECT_EQ(OrvoTSExitCode(missing), -61) << "a program that never started has no exit code";
+    EXPECT_EQ(OrvoTSRegisterForNotification(missing, [](int, tTaskState) {}), -9);
+}
+
+TEST_F(TaskEndToEnd, BlobTasksAreListedRetrievedWhateverTheBufferRunAndCancelled) {
+    std::string blob("\0\x01\xff payload", 11);
+    const int h = scheduleBlobIn(1, "blob-one", blob);
+    const int later = scheduleBlobIn(3600, "blob-later", "x", cDaily);
+    ASSERT_GT(h, 0);
+    ASSERT_GT(later, h);
+    EXPECT_EQ(scheduleBlobIn(60, "blob-one", "y"), -17);
+    const std::string listed = listOf(true);
+    EXPECT_NE(listed.find(std::to_string(later) + "\tblob-later\twaiting\tdaily\t"), std::string::npos) << listed;
+    EXPECT_NE(listed.find("\t1\t" + std::to_string(::getuid()) + "\n"), std::string::npos) << listed;
+    EXPECT_EQ(listOf(false), "") << "blob tasks are not program tasks";
+
+    std::vector<char> buf(blob.size());
+    int size = static_cast<int>(buf.size()) - 1;
+    EXPECT_EQ(OrvoTSRetrieveBlobTask(h, &size, buf.data()), -12);
+    EXPECT_EQ(size, static_cast<int>(blob.size()));
+    for (int i = 0; i < 3; ++i) {  // the daemon copes with the reader that stopped early
+        size = static_cast<int>(buf.size());
+        ASSERT_EQ(OrvoTSRetrieveBlobTask(h, &size, buf.data()), 0);
+        EXPECT_EQ(std::string(buf.data(), buf.size()), blob);
+    }
+    EXPECT_TRUE(reaches(h, cCompleted)) << "a due blob task passes through its states";
+    EXPECT_EQ(OrvoTSExitCode(h), 0);
+
+    EXPECT_EQ(OrvoTSCancelTask(later), 0);
+    EXPECT_EQ(OrvoTSCancelTask(later), -2);
+    EXPECT_EQ(OrvoTSTaskState(later), cExit);
+    size = static_cast<int>(buf.size());
+    EXPECT_EQ(OrvoTSRetrieveBlobTask(later, &size, buf.data()), -2);
+    EXPECT_EQ(OrvoTSScheduledTaskLookup("blob-later"), -2);
+    EXPECT_EQ(listOf(true).find("blob-later"), std::string::npos);
+    EXPECT_EQ(OrvoTSCancelTask(999999), -2);
+    EXPECT_EQ(OrvoTSTaskState(999999), -2);
+}
+
+TEST_F(TaskEndToEnd, BadInputIsRefusedAndChangesNothing) {
+    const When w = in(3600, true);
+    // The client checks none of the blob call's fields.
+    EXPECT_EQ(OrvoTSScheduleBlobTask("b1", 1, "x", cOneTime, 13, 1, w.year, 0, 0, 0), -22);
+    EXPECT_EQ(OrvoTSScheduleBlobTask("b2", 1, "x", cOneTime, 4, 31, w.year, 0, 0, 0), -22);
+    EXPECT_EQ(OrvoTSScheduleBlobTask("b3", 1, "x", cOneTime, 1, 1, w.year, 24, 0, 0), -22);
+    EXPECT_EQ(OrvoTSScheduleBlobTask("b4", 1, "x", static_cast<tTaskFrequency>(9), 1, 1, w.year, 0, 0, 0), -22);
+    EXPECT_EQ(OrvoTSScheduleBlobTask("", 1, "x", cOneTime, 1, 1, w.year + 1, 0, 0, 0), -22);
+    EXPECT_EQ(OrvoTSScheduleBlobTask("b5", -5, "x", cOneTime, 1, 1, w.year + 1, 0, 0, 0), -13);
+    EXPECT_EQ(scheduleIn(60, "unbalanced", "/bin/echo", "'open", ""), -22);
+    EXPECT_EQ(scheduleIn(60, "tab\tname", "/bin/echo", "", ""), -22);
+    EXPECT_EQ(scheduleIn(60, "no-program", "", "", ""), -22);
+
+    // A length beyond the limit is refused before any byte of the blob is awaited.
+    namespace Codec = OrvoNet::Codec;
+    for (std::int32_t length : {0x7fffffff, -1}) {
+        kstest::WireClient c;
+        ASSERT_TRUE(c.connect(ksd_->connType()));
+        c.send(kstest::Wire()
+                   .addShort(1)
+                   .addShort(7777)
+                   .addString("Scheduler")
+                   .addString("TRVX_TS_SCHEDULE_BLOB")
+                   .addString("huge")
+                   .addInt(length)
+                   .bytes());
+        Codec::Value v;
+        ASSERT_TRUE(c.readValue(v));
+        EXPECT_EQ(v.tag, Codec::kTagError);
+        EXPECT_EQ(v.integer, length < 0 ? EINVAL : EMSGSIZE);
+    }
+    EXPECT_EQ(listOf(true), "");
+    EXPECT_EQ(listOf(false), "");
+    EXPECT_GT(scheduleBlobIn(3600, "fine", "ok"), 0) << "the daemon goes on serving";
+}
+
+TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) {
+    const std::string log = dir_.path() + "/missed.log";
+    std::ofstream(log) << "before\n";
+    const int once = scheduleIn(2, "missed-once", "/bin/sh", "-c 'echo ran'", log);
+    const int daily = scheduleIn(3600, "daily", "/bin/true", "", "", "/", cDaily);
+    const int blob = scheduleBlobIn(3600, "kept-blob", std::string("kept\0bytes", 10));
+    ASSERT_GT(once, 0);
+    ASSERT_EQ(ksd_->kill(), 128 + SIGKILL);
+    ::sleep(3);
+    ASSERT_TRUE(ksd_->start()) << ksd_->log();
+    EXPECT_TRUE(reaches(once, cCompleted));
+    EXPECT_EQ(readFile(log), "before\nran\n") << "output is appended to the log";
+    EXPECT_EQ(OrvoTSScheduledTaskLookup("daily"), daily);
+    EXPECT_EQ(OrvoTSTaskState(daily), cWaiting);
+    char buf[16];
+    int size = sizeof buf;
+    ASSERT_EQ(OrvoTSRetrieveBlobTask(blob, &size, buf), 0);
+    EXPECT_EQ(std::string(buf, static_cast<std::size_t>(size)), std::string("kept\0bytes", 10));
+    EXPECT_GT(scheduleBlobIn(3600, "after-restart", "z"), blob) << "handles are never reused";
+    ASSERT_TRUE(ksd_->restart());
+    EXPECT_EQ(OrvoTSExitCode(once), 0);
+    EXPECT_EQ(readFile(log), "before\nran\n") << "a finished one-time task does not run again at the next start";
+}
+
+TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
+    kstest::KsdProcess tcp;
+    const std::string port = std::to_string(20000 + ::getpid() % 20000);
+    if (!tcp.start({"--tcp-port", port})) GTEST_SKIP() << "port " << port << " is taken";
+    namespace Codec = OrvoNet::Codec;
+    auto request = [&](const kstest::Wire& fields, const char* name) {
+        kstest::WireClient c;
+        Codec::Value v;
+        if (!c.connect("socket:" + port)) return std::string("no connection");
+        c.send(kstest::Wire().addShort(1).addShort(7777).addString("Scheduler").addString(name).bytes() +
+               fields.bytes());
+        return c.readValue(v) ? std::string(1, v.tag) + std::to_string(v.integer) : std::string("no answer");
+    };
+    const When w = in(3600);
+    EXPECT_EQ(request(kstest::Wire()
+                          .addString("t")
+                          .addString("/bin/true")
+                          .addString("/")
+                          .addString("")
+                          .addLong(cOneTime)
+                          .addLong(w.month)
+                          .addLong(w.day)
+                          .addLong(w.year)
+                          .addLong(w.hour)
+                          .addLong(w.minute)
+                          .addLong(w.second)
+                          .addString(""),
+                      "TRVX_TS_SCHEDULE"),
+              "E13");
+    EXPECT_EQ(request(kstest::Wire()
+                          .addString("b")
+                          .addInt(1)
+                          .addRaw("x")
+                          .addInt(cOneTime)
+                          .addInt(w.month)
+                          .addInt(w.day)
+                          .addInt(w.year)
+                          .addInt(w.hour)
+                          .addInt(w.minute)
+                          .addInt(w.second),
+                      "TRVX_TS_SCHEDULE_BLOB"),
+              "l1");
+}
+
+// Runs `body` in a child process that has become the user nobody; its int result comes back.
+template <typename F>
+int asNobody(F body) {
+    int fds[2];
+    if (::pipe(fds) != 0) return -9999;
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(fds[0]);
+        int result = -9998;
+        if (::setgid(65534) == 0 && ::setuid(65534) == 0) result = body();
+        [[maybe_unused]] ssize_t n = ::write(fds[1], &result, sizeof result);
+        ::_exit(0);
+    }
+    ::close(fds[1]);
+    int result = -9999;
+    if (::read(fds[0], &result, sizeof result) != sizeof result) result = -9999;
+    ::close(fds[0]);
+    ::waitpid(pid, nullptr, 0);
+    return result;
+}
+
+TEST_F(TaskEndToEnd, AProgramRunsAsTheUserWhoScheduledItAndOthersCannotTouchIt) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: scheduling as another user";
+    ::chmod(dir_.path().c_str(), 0777);
+    const std::string log = dir_.path() + "/nobody.log";
+    const std::string locked = dir_.path() + "/root-only";
+    ::mkdir(locked.c_str(), 0755);
+    const int h = asNobody([&] { return scheduleIn(1, "as-nobody", "id", "-u", log); });
+    const int denied = asNobody([&] { return scheduleIn(1, "denied-log", "id", "-u", locked + "/x.log"); });
+    const int mine = scheduleIn(3600, "root-task", "/bin/true", "", "");
+    ASSERT_GT(h, 0);
+    ASSERT_GT(denied, 0);
+    EXPECT_TRUE(reaches(h, cCompleted));
+    EXPECT_EQ(readFile(log), "65534\n");
+    struct stat st {};
+    ASSERT_EQ(::stat(log.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 65534u) << "the log file is opened as the task's user";
+    EXPECT_TRUE(reaches(denied, cExit));
+    EXPECT_FALSE(std::filesystem::exists(locked + "/x.log"));
+    EXPECT_EQ(asNobody([&] { return OrvoTSCancelTask(mine); }), -1);
+    EXPECT_EQ(asNobody([&] { return static_cast<int>(OrvoTSTaskState(mine)); }), -1);
+    EXPECT_EQ(asNobody([&] { return OrvoTSExitCode(h); }), 0) << "its own task";
+    EXPECT_EQ(OrvoTSTaskState(mine), cWaiting);
+    EXPECT_EQ(OrvoTSCancelTask(h), 0) << "root may cancel any task";
+}
+
+}  // namespace

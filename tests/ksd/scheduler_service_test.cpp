@@ -1,0 +1,112 @@
+// The Scheduler service on its own loop with a clock the test moves: a
+// recurring program still running at its next time skips that run, and a
+// daemon that was down for days makes up one run, not one per missed day.
+#include "services/scheduler/scheduler_service.h"
+
+#include <gtest/gtest.h>
+
+#include <asio/io_context.hpp>
+#include <chrono>
+
+#include "OrvoCodec.h"
+#include "arbiter_test_fakes.h"
+#include "fake_daemon.h"
+
+namespace {
+
+using ksdtest::unixPeer;
+using Fields = std::vector<ksd::Value>;
+
+ksd::Value str(std::string s) { return {'s', 0, std::move(s)}; }
+ksd::Value lng(std::int64_t v) { return {'l', v, {}}; }
+
+// A month before the real time: every due time the test creates lies in the
+// real past, so the loop's timer fires as soon as the test lets it run.
+const std::time_t kStart = std::time(nullptr) - 30 * 86400;
+
+class SchedulerLoop : public ::testing::Test {
+protected:
+    // A zone without daylight saving, so that a day is always 86400 seconds here.
+    SchedulerLoop() { ::setenv("TZ", "UTC", 1), ::tzset(); }
+    ~SchedulerLoop() override { ::unsetenv("TZ"), ::tzset(); }
+    void open() {
+        service_.reset();
+        service_ = std::make_unique<ksd::SchedulerService>(io_, events_, dir_.path(), ksd::SchedulerLimits{},
+                                                           [this] { return now_; });
+    }
+    std::int64_t scheduleDaily(const std::string& name, const std::string& params, std::time_t at) {
+        std::tm w{};
+        localtime_r(&at, &w);
+        auto responder = std::make_shared<ksdtest::FakeResponder>();
+        ksd::Request r{
+            "Scheduler", "TRVX_TS_SCHEDULE",
+            Fields{str(name), str("/bin/sh"), str("/"), str(params), lng(0), lng(w.tm_mon + 1), lng(w.tm_mday),
+                   lng(w.tm_year + 1900), lng(w.tm_hour), lng(w.tm_min), lng(w.tm_sec), str("")},
+            unixPeer(1, ::getuid()), responder};
+        service_->handle(r);
+        return responder->value().value_or(-9999);
+    }
+    std::vector<std::int32_t> states() const {
+        std::vector<std::int32_t> out;
+        for (const auto& e : events_.events) out.push_back(std::get<2>(e));
+        return out;
+    }
+    std::int64_t statusOf(const std::string& item) const {
+        for (const auto& s : service_->status())
+            if (s.name == item) return s.value;
+        return -1;
+    }
+    // Runs the loop until `done` holds; the bound keeps a broken service from hanging the test.
+    template <typename F>
+    void runUntil(F done) {
+        for (int i = 0; i < 100 && !done(); ++i) io_.run_one_for(std::chrono::milliseconds(100));
+    }
+
+    kstest::ScopedTempDir dir_{"kstest-scheduler"};
+    asio::io_context io_;
+    ksdtest::RecordingPublisher events_;
+    std::time_t now_ = kStart;
+    std::unique_ptr<ksd::SchedulerService> service_;
+};
+
+constexpr std::int32_t kWaiting = 2, kInProgress = 0, kCompleted = 1;
+
+TEST_F(SchedulerLoop, ARecurringProgramStillRunningAtItsNextTimeSkipsThatRun) {
+    open();
+    ASSERT_GT(scheduleDaily("slow", "-c 'sleep 2'", kStart + 10), 0);
+    now_ = kStart + 10;
+    runUntil([&] { return states().size() >= 2; });
+    ASSERT_EQ(states(), (std::vector<std::int32_t>{kWaiting, kInProgress}));
+    now_ = kStart + 10 + 86400;  // the next day's time, the program still running
+    runUntil([&] { return statusOf("task_runs_skipped") == 1; });
+    EXPECT_EQ(statusOf("task_runs_skipped"), 1);
+    EXPECT_EQ(statusOf("task_runs"), 1);
+    now_ = std::time(nullptr);  // the next due time is ahead again: the loop may rest
+    runUntil([&] { return states().size() >= 4; });
+    EXPECT_EQ(states(), (std::vector<std::int32_t>{kWaiting, kInProgress, kCompleted, kWaiting}));
+}
+
+TEST_F(SchedulerLoop, DaysOfDowntimeYieldOneRunAndTheNextIsAfterTheRestart) {
+    open();
+    const std::int64_t h = scheduleDaily("daily", "-c true", kStart + 10);
+    ASSERT_GT(h, 0);
+    service_.reset();                 // down from before the first run ...
+    now_ = kStart + 5 * 86400 + 100;  // ... until five periods have passed
+    events_.events.clear();
+    open();
+    runUntil([&] { return states().size() >= 3; });
+    io_.run_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(states(), (std::vector<std::int32_t>{kInProgress, kCompleted, kWaiting}));
+    EXPECT_EQ(statusOf("task_runs"), 1);
+    EXPECT_EQ(statusOf("task_runs_skipped"), 0) << "missed periods are neither run nor counted as skipped";
+    auto responder = std::make_shared<ksdtest::FakeResponder>();
+    ksd::Request r{"Scheduler", "TRVX_TS_GET_NEXT_TIME", Fields{lng(h)}, unixPeer(1, ::getuid()), responder};
+    service_->handle(r);
+    std::string expected;
+    OrvoNet::Codec::putLong(expected, 0);
+    OrvoNet::Codec::putString(expected, ksd::sched::formatTime(kStart + 6 * 86400 + 10, ksd::sched::Zone::Local));
+    OrvoNet::Codec::putInt(expected, 0);
+    EXPECT_EQ(responder->replied.value_or(""), expected);
+}
+
+}  // namespace

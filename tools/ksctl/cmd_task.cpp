@@ -1,0 +1,224 @@
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "OrvoTaskScheduler.h"
+#include "commands.h"
+#include "failure.h"
+#include "json.h"
+#include "output.h"
+
+namespace ksctl {
+namespace {
+
+void printLine(const std::string& line) {
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+std::string taskSubject(int handle) { return "task " + std::to_string(handle); }
+
+// Outside scheduling, -1 is the daemon's "another user's task", not a bad month.
+int taskFailure(const std::string& subject, int code) {
+    if (code == -1) return reportError(subject + ": not your task (-1)", kExitRefused);
+    return reportFailure(subject, Domain::Task, code);
+}
+
+tTaskFrequency frequencyOf(const std::string& every) {
+    if (every == "daily") return cDaily;
+    if (every == "weekly") return cWeekly;
+    if (every == "monthly") return cMonthly;
+    if (every == "boot") return cBootTime;
+    return cOneTime;
+}
+
+struct Fields {
+    int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
+};
+
+bool parseWhen(const std::string& text, Fields& f) {
+    char end = 0;
+    return std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d%c", &f.year, &f.month, &f.day, &f.hour, &f.minute, &f.second,
+                       &end) == 6;
+}
+
+bool readAll(const std::string& path, std::string& out) {
+    if (path == "-") {
+        std::ostringstream buffer;
+        buffer << std::cin.rdbuf();
+        out = buffer.str();
+        return !std::cin.bad();
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return !in.bad();
+}
+
+int scheduled(const GlobalOptions& options, const TaskArgs& args, int handle) {
+    printLine(options.json ? "{\"handle\":" + std::to_string(handle) + ",\"name\":" + jsonQuote(args.name) + "}"
+                           : taskSubject(handle) + " scheduled: " + oneLine(args.name));
+    return kExitOk;
+}
+
+int schedule(const GlobalOptions& options, const TaskArgs& args) {
+    Fields f;
+    const tTaskFrequency frequency = frequencyOf(args.every);
+    if (frequency != cBootTime && !parseWhen(args.at, f))
+        return reportError("--at must be 'YYYY-MM-DD HH:MM:SS' (local time)", kExitUsage);
+    const int handle =
+        OrvoTSScheduleTask(args.name.c_str(), args.program.c_str(), args.workDir.c_str(), args.arguments.c_str(),
+                           frequency, f.month, f.day, f.year, f.hour, f.minute, f.second, args.logFile.c_str());
+    if (handle < 0) return reportFailure("task " + args.name, Domain::Task, handle);
+    return scheduled(options, args, handle);
+}
+
+int blobPut(const GlobalOptions& options, const TaskArgs& args) {
+    Fields f;
+    if (!parseWhen(args.at, f)) return reportError("--at must be 'YYYY-MM-DD HH:MM:SS' (GMT)", kExitUsage);
+    std::string blob;
+    if (!readAll(args.file, blob))
+        return reportError("cannot read " + args.file + ": " + std::strerror(errno), kExitUsage);
+    if (blob.empty()) return reportError("a blob must not be empty", kExitUsage);
+    const int handle =
+        OrvoTSScheduleBlobTask(args.name.c_str(), static_cast<int>(blob.size()), blob.data(), frequencyOf(args.every),
+                               f.month, f.day, f.year, f.hour, f.minute, f.second);
+    if (handle < 0) return reportFailure("task " + args.name, Domain::Task, handle);
+    return scheduled(options, args, handle);
+}
+
+int blobGet(const TaskArgs& args) {
+    std::vector<char> buf(8192);
+    int size = static_cast<int>(buf.size());
+    int rc = OrvoTSRetrieveBlobTask(args.handle, &size, buf.data());
+    if (rc == -12) {
+        buf.resize(static_cast<std::size_t>(size));
+        rc = OrvoTSRetrieveBlobTask(args.handle, &size, buf.data());
+    }
+    if (rc < 0) return taskFailure(taskSubject(args.handle), rc);
+    if (args.file.empty() || args.file == "-") {
+        std::fwrite(buf.data(), 1, static_cast<std::size_t>(size), stdout);
+        return kExitOk;
+    }
+    std::ofstream out(args.file, std::ios::binary);
+    out.write(buf.data(), size);
+    if (!out) return reportError("cannot write " + args.file + ": " + std::strerror(errno), kExitUsage);
+    return kExitOk;
+}
+
+// The daemon's list, one tab-separated line per task, as a JSON array of objects.
+std::string listJson(const std::string& text, bool blobs) {
+    static const char* const kProgram[] = {"handle",   "name",      "state",     "frequency", "next_run",
+                                           "last_run", "exit_code", "owner_uid", "program",   "arguments"};
+    static const char* const kBlob[] = {"handle",   "name",     "state",  "frequency",
+                                        "next_run", "last_run", "length", "owner_uid"};
+    std::string out = "[";
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (out.size() > 1) out.push_back(',');
+        out.push_back('{');
+        std::size_t from = 0;
+        for (std::size_t i = 0; i < (blobs ? std::size(kBlob) : std::size(kProgram)); ++i) {
+            const std::size_t to = std::min(line.find('\t', from), line.size());
+            const std::string field = from <= line.size() ? line.substr(from, to - from) : "";
+            const std::string key = blobs ? kBlob[i] : kProgram[i];
+            const bool number =
+                key == "handle" || key == "exit_code" || key == "length" || (key == "owner_uid" && field != "tcp");
+            out += (i ? "," : "") + jsonQuote(key) + ":" + (number && !field.empty() ? field : jsonQuote(field));
+            from = to + 1;
+        }
+        out.push_back('}');
+    }
+    return out + "]";
+}
+
+int list(const GlobalOptions& options, const TaskArgs& args) {
+    std::vector<char> buf(65536);
+    for (;;) {
+        int size = static_cast<int>(buf.size());
+        const int rc =
+            args.blobs ? OrvoTSListAllBlobTasks(&size, buf.data()) : OrvoTSListAllExecTasks(&size, buf.data());
+        if (rc == -12) {
+            buf.resize(static_cast<std::size_t>(size) * 2);  // the list may grow between the calls
+            continue;
+        }
+        if (rc < 0) return reportFailure("task list", Domain::Task, rc);
+        break;
+    }
+    const std::string json = listJson(buf.data(), args.blobs);
+    if (options.json) {
+        printLine(json);
+        return kExitOk;
+    }
+    const auto value = parseJson(json);
+    if (!value || value->items.empty()) {
+        printLine(args.blobs ? "no blob tasks" : "no program tasks");
+        return kExitOk;
+    }
+    std::fputs(renderTable(*value).c_str(), stdout);
+    return kExitOk;
+}
+
+int show(const GlobalOptions& options, const TaskArgs& args) {
+    const int state = OrvoTSTaskState(args.handle);
+    const int exitCode = OrvoTSExitCode(args.handle);
+    if (state < -1) return taskFailure(taskSubject(args.handle), state);
+    // State -1 is also cExit; the exit code, never -1 for a real run, tells them apart.
+    if (state == -1 && exitCode == -1) return taskFailure(taskSubject(args.handle), -1);
+    const char* const kStates[] = {"exit", "in-progress", "completed", "waiting"};
+    char last[64] = "";
+    int lastSize = sizeof last;
+    OrvoTSExecutionInformation(args.handle, last, &lastSize);
+    char next[64] = "";
+    int nextSize = sizeof next, frequency = cOneTime;
+    if (OrvoTSScheduledTaskGetNextTime(args.handle, &nextSize, next, &frequency) != 0) next[0] = '\0';
+    const char* const kFrequencies[] = {"daily", "weekly", "monthly", "once", "boot"};
+    const std::string freq = frequency >= 0 && frequency <= 4 ? kFrequencies[frequency] : "unknown";
+    std::string json = "{\"handle\":" + std::to_string(args.handle) +
+                       ",\"state\":" + jsonQuote(state >= -1 && state <= 2 ? kStates[state + 1] : "unknown") +
+                       ",\"frequency\":" + jsonQuote(freq) + ",\"next_run\":" + jsonQuote(next) +
+                       ",\"last_run\":" + jsonQuote(last) +
+                       ",\"exit_code\":" + (exitCode == -61 ? std::string("null") : std::to_string(exitCode)) + "}";
+    if (options.json) {
+        printLine(json);
+        return kExitOk;
+    }
+    std::fputs(renderFields(*parseJson(json)).c_str(), stdout);
+    return kExitOk;
+}
+
+int cancel(const GlobalOptions& options, const TaskArgs& args) {
+    const int rc = OrvoTSCancelTask(args.handle);
+    if (rc < 0) return taskFailure(taskSubject(args.handle), rc);
+    printLine(options.json ? "{\"handle\":" + std::to_string(args.handle) + ",\"cancelled\":true}"
+                           : taskSubject(args.handle) + " cancelled");
+    return kExitOk;
+}
+
+}  // namespace
+
+int runTask(const GlobalOptions& options, const TaskArgs& args) {
+    switch (args.action) {
+        case TaskArgs::Action::Schedule:
+            return schedule(options, args);
+        case TaskArgs::Action::BlobPut:
+            return blobPut(options, args);
+        case TaskArgs::Action::BlobGet:
+            return blobGet(args);
+        case TaskArgs::Action::List:
+            return list(options, args);
+        case TaskArgs::Action::Show:
+            return show(options, args);
+        case TaskArgs::Action::Cancel:
+            return cancel(options, args);
+    }
+    return kExitUsage;
+}
+
+}  // namespace ksctl
