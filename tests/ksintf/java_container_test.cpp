@@ -104,6 +104,7 @@ protected:
     OrvoJavaNotificationCallbackContainer& m_container = OrvoJavaNotificationCallbackContainer::getInstance();
 };
 
+#ifndef JAVA_CONTAINER_HOOKED_STOP
 TEST_F(JavaContainer, DeliversDeepCopiesOldestFirstAndKeepsTheTableConsistent) {
     OrvoJavaNotificationCallbackQueueSP spQueue;
     const int id = addRegistration(spQueue);
@@ -141,24 +142,6 @@ TEST_F(JavaContainer, UnknownIdsAnswerAtOnceAndSendNothing) {
     m_container.stopJavaWaitNotification(987654);
     EXPECT_FALSE(m_container.remove(987654));
     EXPECT_EQ(0u, m_daemon.requestCount());
-}
-
-// The stop comes between the waiter's lookup and its consume: what was
-// queued before it is still handed out, and then the id is gone.
-TEST_F(JavaContainer, NotificationsQueuedBeforeTheStopComeFirst) {
-    OrvoJavaNotificationCallbackQueueSP spQueue;
-    const int id = addRegistration(spQueue);
-    deliver(spQueue, "evt", "first", "1");
-    deliver(spQueue, "evt", "second", "2");
-    LogHook log;
-    log.on("found callback queue, starting wait", [&] { m_container.stopJavaWaitNotification(id); });
-
-    OrvoJavaNotificationSP sp;
-    ASSERT_TRUE(wait(id, sp));
-    EXPECT_STREQ("first", sp->notification().m_pszData);
-    EXPECT_TRUE(m_container.lookup(id) == OrvoJavaNotificationCallbackQueueSP());
-    EXPECT_FALSE(wait(id, sp));
-    EXPECT_STREQ("first", sp->notification().m_pszData);  // untouched by the failed wait
 }
 
 TEST_F(JavaContainer, StopReleasesABlockedWaiterAndUnregistersOutsideTheLock) {
@@ -201,11 +184,15 @@ TEST_F(JavaContainer, ManyRegistrationsWaitAtOnceEachForItsOwn) {
     for (auto& spQueue : queues) ids.push_back(addRegistration(spQueue));
 
     std::vector<std::vector<std::string>> received(kWaiters);
+    std::atomic<int> nReceived{0};
     std::vector<std::thread> waiters;
     for (int w = 0; w < kWaiters; ++w) {
         waiters.emplace_back([&, w] {
             OrvoJavaNotificationSP sp;
-            while (wait(ids[w], sp)) received[w].push_back(sp->notification().m_pszData);
+            while (wait(ids[w], sp)) {
+                received[w].push_back(sp->notification().m_pszData);
+                ++nReceived;
+            }
         });
     }
     // Two delivering threads, as callbacks and stops run beside the waits.
@@ -217,6 +204,9 @@ TEST_F(JavaContainer, ManyRegistrationsWaitAtOnceEachForItsOwn) {
     std::thread p0(producer, 0), p1(producer, 1);
     p0.join();
     p1.join();
+    // A wait that starts after its stop finds no queue, so stop only once
+    // everything is handed out; each stop then releases a blocked waiter.
+    while (nReceived < kWaiters * kEach) std::this_thread::yield();
     for (int id : ids) m_container.stopJavaWaitNotification(id);
     for (auto& t : waiters) t.join();
 
@@ -235,5 +225,30 @@ TEST_F(JavaContainer, ANotificationAfterRemovalLandsInTheOrphanQueue) {
     OrvoJavaNotificationSP sp;
     EXPECT_FALSE(wait(id, sp));
 }
+
+#endif
+
+#ifdef JAVA_CONTAINER_HOOKED_STOP
+// Built into its own program without the concurrency label: the stop runs
+// inside the log sink, whose lock the thread checker would pair with the
+// queue's and report as an order inversion that only this hook creates.
+// The stop comes between the waiter's lookup and its consume: what was
+// queued before it is still handed out, and then the id is gone.
+TEST_F(JavaContainer, NotificationsQueuedBeforeTheStopComeFirst) {
+    OrvoJavaNotificationCallbackQueueSP spQueue;
+    const int id = addRegistration(spQueue);
+    deliver(spQueue, "evt", "first", "1");
+    deliver(spQueue, "evt", "second", "2");
+    LogHook log;
+    log.on("found callback queue, starting wait", [&] { m_container.stopJavaWaitNotification(id); });
+
+    OrvoJavaNotificationSP sp;
+    ASSERT_TRUE(wait(id, sp));
+    EXPECT_STREQ("first", sp->notification().m_pszData);
+    EXPECT_TRUE(m_container.lookup(id) == OrvoJavaNotificationCallbackQueueSP());
+    EXPECT_FALSE(wait(id, sp));
+    EXPECT_STREQ("first", sp->notification().m_pszData);  // untouched by the failed wait
+}
+#endif
 
 }  // namespace
