@@ -1,6 +1,7 @@
 // Start and stop of libksintf, and the event-name builders of the families.
 
 #include <cstdio>
+#include <cstring>
 
 #include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
@@ -78,6 +79,145 @@ OrvoString JobStatusEventName(const char* pszJobName) {
     sName.append(OrvoString(pszJobName));
     sName.append("$");
     return sName;
+}
+
+}  // namespace KSInterface
+
+// The Java notification container: per registration a queue filled on the
+// callback thread and drained by a Java thread.
+namespace KSInterface {
+
+using OrvoSupport::OrvoCriticalSection;
+
+OrvoJavaNotificationCallbackContainer* OrvoJavaNotificationCallbackContainer::m_Instance = nullptr;
+
+OrvoJavaNotification::OrvoJavaNotification(const char* pszEventName, OrvoNNNotification& notification)
+    : m_NotificationData(), m_sEventName(pszEventName) {
+    char* pData = new char[notification.m_nDataLength];
+    if (notification.m_nDataLength > 0) std::memcpy(pData, notification.m_pData, notification.m_nDataLength);
+    m_NotificationData.m_pData = pData;
+    m_NotificationData.m_nDataLength = notification.m_nDataLength;
+    const int nText = static_cast<int>(std::strlen(notification.m_pszData)) + 1;
+    char* pszText = new char[nText];
+    std::strncpy(pszText, notification.m_pszData, nText);
+    pszText[nText - 1] = 0;
+    m_NotificationData.m_pszData = pszText;
+}
+
+OrvoJavaNotification::~OrvoJavaNotification() {
+    if (m_NotificationData.m_pData != nullptr) delete[] static_cast<char*>(m_NotificationData.m_pData);
+    if (m_NotificationData.m_pszData != nullptr) delete[] const_cast<char*>(m_NotificationData.m_pszData);
+    ORVO_LOG(9, "~OrvoJavaNotification");
+}
+
+OrvoJavaNotificationCallbackContainer& OrvoJavaNotificationCallbackContainer::getInstance() {
+    if (m_Instance == nullptr) m_Instance = new OrvoJavaNotificationCallbackContainer();
+    return *m_Instance;
+}
+
+void OrvoJavaNotificationCallbackContainer::deleteInstance() {
+    // The pointer is left as it is: nothing in the library calls this.
+    if (m_Instance != nullptr) delete m_Instance;
+}
+
+bool OrvoJavaNotificationCallbackContainer::add(int hRegistration,
+                                                OrvoJavaNotificationCallbackQueueSP& spCallbackQueue) {
+    OrvoCriticalSection lock(m_Mutex);
+    const bool bInserted = m_Container.insert(ContainerMap::value_type(hRegistration, spCallbackQueue)).second;
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::add(" << hRegistration << "): result=" << bInserted);
+    return bInserted;
+}
+
+bool OrvoJavaNotificationCallbackContainer::remove(int hRegistration) {
+    OrvoCriticalSection lock(m_Mutex);
+    if (m_Container.erase(hRegistration) > 0) {
+        ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::remove(" << hRegistration
+                                                                      << "): found (and erased) registration");
+        return true;
+    }
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::remove(" << hRegistration << "): could not find registration");
+    return false;
+}
+
+OrvoJavaNotificationCallbackQueueSP OrvoJavaNotificationCallbackContainer::lookup(int hRegistration) {
+    OrvoCriticalSection lock(m_Mutex);
+    ContainerMap::iterator it = m_Container.find(hRegistration);
+    if (it != m_Container.end()) {
+        ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::lookup(" << hRegistration << "): found registration");
+        return it->second;
+    }
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::lookup(" << hRegistration << "): could not find registration");
+    return OrvoJavaNotificationCallbackQueueSP();
+}
+
+int OrvoJavaNotificationCallbackContainer::regForJavaNotification(const char* pszEventBaseName) {
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::regForJavaNotification: enter: pszEventBaseName="
+                    << "|" << pszEventBaseName << "|");
+    OrvoCriticalSection lock(m_Mutex);
+    // Never freed: the queue must outlive any late callback that carries it.
+    OrvoJavaNotificationCallbackQueueSP* pspQueue =
+        new OrvoJavaNotificationCallbackQueueSP(new OrvoJavaNotificationCallbackQueue());
+    const int hRegistration = _OrvoNNRegisterForNotification(pszEventBaseName, JavaNotificationCallback, pspQueue);
+    if (hRegistration >= 0) {
+        ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::regForJavaNotification: registered as "
+                        << hRegistration << ", adding callback queue");
+        getInstance().add(hRegistration, *pspQueue);
+    }
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::regForJavaNotification: exit");
+    return hRegistration;
+}
+
+bool OrvoJavaNotificationCallbackContainer::waitForJavaNotification(int hRegistration,
+                                                                    OrvoJavaNotificationSP& spNotification) {
+    // Held across the wait: the queue stays alive even if stop removes it.
+    OrvoJavaNotificationCallbackQueueSP spQueue = getInstance().lookup(hRegistration);
+    if (spQueue == OrvoJavaNotificationCallbackQueueSP()) {
+        ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::waitForJavaNotification: could not find callback queue");
+        return false;
+    }
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::waitForJavaNotification: found callback queue, starting wait");
+    // The caller's hold is given up so that deliveries, registrations and
+    // stops go on while this thread blocks.
+    m_Mutex.unlock();
+    const bool bHave = spQueue->consume(spNotification);
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::waitForJavaNotification: done waiting");
+    m_Mutex.lock();
+    if (bHave) {
+        ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::waitForJavaNotification: have a notification");
+        return true;
+    }
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::waitForJavaNotification: no notification");
+    return false;
+}
+
+void OrvoJavaNotificationCallbackContainer::stopJavaWaitNotification(int hRegistration) {
+    OrvoCriticalSection lock(m_Mutex);
+    OrvoJavaNotificationCallbackQueueSP spQueue = getInstance().lookup(hRegistration);
+    if (spQueue == OrvoJavaNotificationCallbackQueueSP()) return;
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::stopJavaWaitNotification: producing sentinel");
+    spQueue->produceSentinel(true);
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::stopJavaWaitNotification: removing callback queue");
+    getInstance().remove(hRegistration);
+    // Unsubscribing talks to the daemon: not under the container's lock.
+    lock.unlock();
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::stopJavaWaitNotification: unregister notification");
+    OrvoNNUnregisterForNotification(hRegistration);
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::stopJavaWaitNotification: unregistered");
+}
+
+void OrvoJavaNotificationCallbackContainer::JavaNotificationCallback(const char* pszEventName,
+                                                                     OrvoNNNotification* pNotification) {
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::JavaNotificationCallback (" << pszEventName << "): enter");
+    OrvoCriticalSection lock(m_Instance->m_Mutex);
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::JavaNotificationCallback (" << pszEventName
+                                                                                    << "): generating notification");
+    OrvoJavaNotificationCallbackQueueSP& spQueue =
+        *static_cast<OrvoJavaNotificationCallbackQueueSP*>(pNotification->m_pContext);
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::JavaNotificationCallback ("
+                    << pszEventName << "): found queue, producing notification");
+    OrvoJavaNotificationSP spNotification(new OrvoJavaNotification(pszEventName, *pNotification));
+    spQueue->produce(spNotification);
+    ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::JavaNotificationCallback (" << pszEventName << "): exit");
 }
 
 }  // namespace KSInterface

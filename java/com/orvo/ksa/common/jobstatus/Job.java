@@ -1,0 +1,65 @@
+package com.orvo.ksa.common.jobstatus;
+
+import com.orvo.ksa.common.NativeLibrary;
+
+/**
+ * Jobs tracked by the daemon: a name, a description, a progress 0-100 and
+ * mapped application ids, and waits for a job's events.
+ *
+ * <p>Results: ids are 1 or more; negative values are error codes (-2 unknown
+ * job, -17 duplicate name, -22 progress out of range, -1 another user's job,
+ * or minus a connection failure's code). Events: {@link #regForNotification}
+ * subscribes to a job name; each {@link #waitForNotification} blocks and
+ * returns the event code (see the EVENT_ constants); {@link #stopWaitNotification}
+ * (from another thread) releases the waiter.
+ *
+ * <p>Threads: any thread may call. Null arguments are not allowed. No method
+ * throws a Java exception of its own.
+ */
+public class Job {
+    static {
+        NativeLibrary.load();
+    }
+
+    /** Job deleted; also what a stopped wait returns. */
+    public static final int EVENT_EXIT = -1;
+    public static final int EVENT_COMPLETED = 0;
+    public static final int EVENT_CANCELLED = 1;
+    public static final int EVENT_CREATED = 2;
+    public static final int EVENT_UPDATED = 3;
+
+    /** @return the new job's id, or a negative code */
+    public native int create(String jsJobDescription, String jsJobName);
+
+    /** @return the id of the live job with this name, or a negative code */
+    public native int lookup(String jsJobName);
+
+    /**
+     * Maps application ids to the job. Each call leaks a copy of the array's
+     * elements in the virtual machine: do not call it in a tight loop.
+     *
+     * @return 0, or a negative code
+     */
+    public native int mapAppJob(int iJobId, int[] jaiAppId);
+
+    /** @return 0, or a negative code */
+    public native int delete(int iJobId);
+
+    /** @return 0, or a negative code */
+    public native int setProgress(int iJobId, int iProgress);
+
+    /** @return the job's progress, or a negative code */
+    public native int getProgress(int iJobId);
+
+    /** @return 0, or a negative code */
+    public native int cancel(int iJobId);
+
+    /** @return a registration id for the job's events, or a negative code */
+    public native int regForNotification(String jsJobName);
+
+    /** @return the next event code of the registration, or -1 when stopped or unknown */
+    public native int waitForNotification(int hRegistration);
+
+    /** Releases a waiter on the registration (after queued events) and unsubscribes. */
+    public native void stopWaitNotification(int hRegistration);
+}

@@ -1,0 +1,77 @@
+// Native side of com.orvo.ksa.common.arbitration.ResourceLock: named locks
+// through the resource arbitration C interface, and lock-event waits through
+// the Java notification container.
+
+#include <jni.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "KSIntfLibrary.h"
+#include "OrvoCriticalSection.h"
+#include "OrvoLogging.h"
+#include "OrvoResourceArbitration.h"
+
+using KSInterface::OrvoJavaNotificationCallbackContainer;
+using KSInterface::OrvoJavaNotificationSP;
+using OrvoSupport::OrvoCriticalSection;
+
+extern "C" {
+
+JNIEXPORT jlong JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_resourceLock(JNIEnv* env, jobject,
+                                                                                      jstring resourcename,
+                                                                                      jint nmillisec) {
+    const char* pszResourceName = env->GetStringUTFChars(resourcename, nullptr);
+    const long hLock = OrvoRAResourceLock(pszResourceName, nmillisec);
+    env->ReleaseStringUTFChars(resourcename, pszResourceName);
+    return hLock;
+}
+
+JNIEXPORT jboolean JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_resourceUnLock(JNIEnv*, jobject,
+                                                                                           jlong handlereslock) {
+    return OrvoRAResourceUnlock(handlereslock) >= 0 ? JNI_TRUE : JNI_FALSE;
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_regForNotification(JNIEnv* env, jobject,
+                                                                                           jstring jsResourceName) {
+    const char* pszResourceName = env->GetStringUTFChars(jsResourceName, nullptr);
+    const OrvoSupport::OrvoString sEventName = KSInterface::ResourceArbitrationEventName(pszResourceName);
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.regForNotification: enter: pszResourceName="
+                    << "|" << pszResourceName << "|");
+    const int hRegistration =
+        OrvoJavaNotificationCallbackContainer::getInstance().regForJavaNotification(sEventName.c_str());
+    env->ReleaseStringUTFChars(jsResourceName, pszResourceName);
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.regForNotification: exit");
+    return hRegistration;
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_waitForNotification(JNIEnv*, jobject,
+                                                                                           jint hRegistration) {
+    OrvoJavaNotificationCallbackContainer& container = OrvoJavaNotificationCallbackContainer::getInstance();
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::waitForNotification: enter");
+    OrvoCriticalSection lock(container.mutex());
+    OrvoJavaNotificationSP spNotification;
+    int nResult = -1;
+    if (!container.waitForJavaNotification(hRegistration, spNotification)) {
+        ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::waitForNotification: no notification");
+    } else {
+        ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::waitForNotification: have a notification");
+        // The code is the payload's first native-order int; a shorter payload
+        // fills only its own bytes of it.
+        const OrvoNNNotification& record = spNotification->notification();
+        nResult = 0;
+        std::memcpy(&nResult, record.m_pData, std::min<std::size_t>(sizeof(nResult), record.m_nDataLength));
+    }
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::waitForNotification: exit");
+    return nResult;
+}
+
+JNIEXPORT void JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_stopWaitNotification(JNIEnv*, jobject,
+                                                                                             jint hRegistration) {
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::stopWaitNotification: enter");
+    OrvoJavaNotificationCallbackContainer::getInstance().stopJavaWaitNotification(hRegistration);
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::stopWaitNotification: exit");
+}
+
+}  // extern "C"

@@ -1,0 +1,110 @@
+// Native side of com.orvo.ksa.common.jobstatus.Job: the job status C
+// interface for Java, and job-event waits through the Java container.
+
+#include <jni.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "KSIntfLibrary.h"
+#include "OrvoCriticalSection.h"
+#include "OrvoJobStatus.h"
+#include "OrvoLogging.h"
+
+using KSInterface::OrvoJavaNotificationCallbackContainer;
+using KSInterface::OrvoJavaNotificationSP;
+using OrvoSupport::OrvoCriticalSection;
+
+extern "C" {
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_create(JNIEnv* env, jobject, jstring jsJobDescription,
+                                                                    jstring jsJobName) {
+    const char* pszJobName = env->GetStringUTFChars(jsJobName, nullptr);
+    const char* pszJobDescription = env->GetStringUTFChars(jsJobDescription, nullptr);
+    const int nResult = OrvoJSECreateJob(pszJobDescription, pszJobName);
+    env->ReleaseStringUTFChars(jsJobName, pszJobName);
+    env->ReleaseStringUTFChars(jsJobDescription, pszJobDescription);
+    return nResult;
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_lookup(JNIEnv* env, jobject, jstring jsJobName) {
+    const char* pszJobName = env->GetStringUTFChars(jsJobName, nullptr);
+    const int nResult = OrvoJSELookupJob(pszJobName);
+    env->ReleaseStringUTFChars(jsJobName, pszJobName);
+    return nResult;
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_mapAppJob(JNIEnv* env, jobject, jint iJobId,
+                                                                       jintArray jaiAppId) {
+    const jsize nCount = env->GetArrayLength(jaiAppId);
+    jboolean bIsCopy = JNI_FALSE;
+    // Never handed back with ReleaseIntArrayElements: the C call works on
+    // its own copy below, and the elements are left as they are.
+    jint* pElements = env->GetIntArrayElements(jaiAppId, &bIsCopy);
+    int* pAppIds = new int[nCount];
+    for (jsize i = 0; i < nCount; ++i) pAppIds[i] = pElements[i];
+    const int nResult = OrvoJSEMapJobIDToAppID(iJobId, nCount, pAppIds);
+    delete[] pAppIds;
+    return nResult;
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_delete(JNIEnv*, jobject, jint iJobId) {
+    return OrvoJSEDeleteJob(iJobId);
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_setProgress(JNIEnv*, jobject, jint iJobId,
+                                                                         jint iProgress) {
+    return OrvoJSESetJobProgress(iJobId, iProgress);
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_getProgress(JNIEnv*, jobject, jint iJobId) {
+    return OrvoJSEGetJobProgress(iJobId);
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_cancel(JNIEnv*, jobject, jint iJobId) {
+    return OrvoJSECancelJob(iJobId);
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_regForNotification(JNIEnv* env, jobject,
+                                                                                jstring jsJobName) {
+    const char* pszJobName = env->GetStringUTFChars(jsJobName, nullptr);
+    const OrvoSupport::OrvoString sEventName = KSInterface::JobStatusEventName(pszJobName);
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::regForNotification: enter: pszResourceName="
+                    << "|" << pszJobName << "|");
+    const int hRegistration =
+        OrvoJavaNotificationCallbackContainer::getInstance().regForJavaNotification(sEventName.c_str());
+    env->ReleaseStringUTFChars(jsJobName, pszJobName);
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::regForNotification: exit");
+    return hRegistration;
+}
+
+JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_waitForNotification(JNIEnv*, jobject,
+                                                                                 jint hRegistration) {
+    OrvoJavaNotificationCallbackContainer& container = OrvoJavaNotificationCallbackContainer::getInstance();
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::waitForNotification: enter");
+    OrvoCriticalSection lock(container.mutex());
+    OrvoJavaNotificationSP spNotification;
+    int nResult = -1;
+    if (!container.waitForJavaNotification(hRegistration, spNotification)) {
+        ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::waitForNotification: no notification");
+    } else {
+        ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::waitForNotification: have a notification");
+        // The code is the payload's first native-order int; a shorter payload
+        // fills only its own bytes of it.
+        const OrvoNNNotification& record = spNotification->notification();
+        nResult = 0;
+        std::memcpy(&nResult, record.m_pData, std::min<std::size_t>(sizeof(nResult), record.m_nDataLength));
+    }
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::waitForNotification: exit");
+    return nResult;
+}
+
+JNIEXPORT void JNICALL Java_com_orvo_ksa_common_jobstatus_Job_stopWaitNotification(JNIEnv*, jobject,
+                                                                                  jint hRegistration) {
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::stopWaitNotification: enter");
+    OrvoJavaNotificationCallbackContainer::getInstance().stopJavaWaitNotification(hRegistration);
+    ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::stopWaitNotification: exit");
+}
+
+}  // extern "C"
