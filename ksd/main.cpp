@@ -13,8 +13,8 @@
 #include <optional>
 
 #include "OrvoLogging.h"
-#include "server/daemon.h"
-#include "server/state_dir.h"
+#include "daemon.h"
+#include "state_dir.h"
 
 namespace {
 

@@ -13,20 +13,12 @@
 #include "json.h"
 #include "ksctl_runner.h"
 #include "ksd_process.h"
+#include "wait_until.h"
 
 using ksctl::JsonValue;
 using namespace kstest;
 
 namespace {
-
-// Retries `attempt` until it reports success; the bound only keeps a broken daemon from
-// hanging the suite, it asserts nothing about speed.
-template <typename F>
-bool eventually(F attempt) {
-    for (int i = 0; i < 400; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(25)))
-        if (attempt()) return true;
-    return false;
-}
 
 JsonValue parseLine(const std::string& line) {
     auto v = ksctl::parseJson(line);
@@ -102,7 +94,7 @@ TEST_F(KsctlCli, PublishReachesASubscriberAndBothReportInJson) {
     std::ofstream(dir.path() + "/payload.bin", std::ios::binary) << std::string("\x01\x00\xff\x7f", 4);
     // Once a publish is queued for 1 subscriber, the subscriber (which registers "other" last) is ready.
     RunResult pub;
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(waitUntil([&] {
         pub = runJson({"publish", "other", "--data-file", dir.path() + "/payload.bin"});
         return pub.exitCode == 0 && at(parseLine(pub.out), "queued") == "1";
     })) << pub.out << pub.err;
@@ -120,14 +112,14 @@ TEST_F(KsctlCli, PublishReachesASubscriberAndBothReportInJson) {
 
 TEST_F(KsctlCli, SubscribePrintsHumanLinesAndUnregistersOnCountOrSignal) {
     KsctlRun once(cmd({"subscribe", "news", "--count", "1"}));
-    ASSERT_TRUE(eventually([&] { return run({"publish", "news", "--text", "a\nb"}).out == "news: queued for 1 subscriber\n"; }));
+    ASSERT_TRUE(waitUntil([&] { return run({"publish", "news", "--text", "a\nb"}).out == "news: queued for 1 subscriber\n"; }));
     RunResult got = once.wait();
     EXPECT_EQ(got.exitCode, 0) << got.err;
     EXPECT_EQ(got.out, "news: text \"a\\nb\", 0 bytes\n");
     EXPECT_EQ(run({"publish", "news"}).out, "news: queued for 0 subscribers\n");
     for (int sig : {SIGTERM, SIGINT}) {
         KsctlRun subscriber(cmd({"subscribe", "news"}));
-        ASSERT_TRUE(eventually([&] { return run({"publish", "news"}).out == "news: queued for 1 subscriber\n"; }));
+        ASSERT_TRUE(waitUntil([&] { return run({"publish", "news"}).out == "news: queued for 1 subscriber\n"; }));
         subscriber.signal(sig);
         RunResult stopped = subscriber.wait();
         EXPECT_EQ(std::to_string(stopped.exitCode) + stopped.err, "0");  // clean exit, nothing on stderr
@@ -149,7 +141,7 @@ TEST_F(KsctlCli, LockTimesOutWhileHeldAndIsFreeAfterTheHolderStops) {
     kstest::ScopedTempDir dir;
     const std::string marker = dir.path() + "/holding";
     KsctlRun holder(cmd({"lock", "disk0", "--", "sh", "-c", "touch " + marker + "; exec sleep 600"}));
-    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(marker); }));
+    ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(marker); }));
 
     RunResult tryOnce = run({"lock", "disk0", "--timeout", "0", "--", "echo", "never"});
     EXPECT_EQ(std::to_string(tryOnce.exitCode) + tryOnce.out, "3");

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/json_text.h"
+#include "json/json_text.h"
 #include "services/notifier/callback_address.h"
 #include "services/notifier/subscription_table.h"
 
@@ -48,14 +48,6 @@ TEST(CallbackAddress, AcceptsOnlyLocalAddresses) {
     ksd::CallbackAddress a;
     ASSERT_EQ(ksd::parseCallbackAddress("socket::4000", a), AddressCheck::Ok);
     EXPECT_EQ(a.host.to_string() + ":" + std::to_string(a.port), "127.0.0.1:4000");
-}
-
-TEST(JsonText, AnyBytesBecomeAValidJsonString) {
-    EXPECT_EQ(ksd::jsonString("a\"b\\c\n\t\r\x01\x1f caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"),
-              "\"a\\\"b\\\\c\\n\\t\\r\\u0001\\u001f caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\"");
-    // Invalid UTF-8 (stray, overlong, surrogate, cut) becomes U+FFFD per byte.
-    EXPECT_EQ(ksd::jsonString("\xff|\xc0\xaf|\xed\xa0\x80|\xe2\x82"),
-              "\"\\ufffd|\\ufffd\\ufffd|\\ufffd\\ufffd\\ufffd|\\ufffd\\ufffd\"");
 }
 
 }  // namespace

@@ -48,6 +48,7 @@ int runLock(const GlobalOptions& options, const LockArgs& args);
 int runJob(const GlobalOptions& options, const JobArgs& args);
 int runStatus(const GlobalOptions& options);
 int runLocks(const GlobalOptions& options);
+int runSubscriptions(const GlobalOptions& options);
 
 }  // namespace ksctl
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "OrvoLogging.h"
-#include "server/peer_credentials.h"
+#include "net/peer_credentials.h"
 
 namespace ksd {
 

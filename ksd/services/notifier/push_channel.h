@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "server/endpoints.h"
+#include "net/endpoints.h"
 #include "services/notifier/callback_address.h"
 #include "services/notifier/notifier_limits.h"
 #include "services/notifier/push_frame.h"
