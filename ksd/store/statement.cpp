@@ -35,12 +35,6 @@ Statement& Statement::bind(int index, std::string_view text) {
     return *this;
 }
 
-Statement& Statement::bindNull(int index) {
-    const int rc = sqlite3_bind_null(stmt_, index);
-    if (rc != SQLITE_OK) fail("bind", rc);
-    return *this;
-}
-
 bool Statement::step() {
     const int rc = sqlite3_step(stmt_);
     if (rc == SQLITE_ROW) return true;
@@ -74,6 +68,5 @@ std::string Statement::columnText(int index) const {
     return p != nullptr ? std::string(p, static_cast<std::size_t>(n)) : std::string();
 }
 
-bool Statement::columnIsNull(int index) const { return sqlite3_column_type(stmt_, index) == SQLITE_NULL; }
 
 }  // namespace ksd::store

@@ -24,7 +24,6 @@ public:
     Statement& bind(int index, std::int64_t value);
     // Bytes are stored as given (no terminator needed, any byte allowed).
     Statement& bind(int index, std::string_view text);
-    Statement& bindNull(int index);
 
     // True when a row is ready; false when the statement is done.
     bool step();
@@ -34,7 +33,6 @@ public:
 
     std::int64_t columnInt(int index) const;
     std::string columnText(int index) const;
-    bool columnIsNull(int index) const;
 
     const std::string& sql() const { return sql_; }
 

@@ -182,6 +182,7 @@ void NotifierService::channelFailed(PushChannel& channel, const std::string& rea
     const std::size_t dropped = table_.removeAddress(address);
     ORVO_LOG(4, "ksd: notifier: dropped " << static_cast<unsigned long>(dropped) << " subscriptions of " << address
                                           << " (" << reason << ")");
+    channel.detach();
     channels_.erase(address);
 }
 
@@ -189,6 +190,7 @@ void NotifierService::channelIdle(PushChannel& channel) {
     if (table_.countForAddress(channel.address()) != 0) return;
     const std::string address = channel.address();
     channel.close();
+    channel.detach();
     channels_.erase(address);
 }
 
@@ -205,7 +207,10 @@ void NotifierService::shutdown() {
     shutDown_ = true;
     auto channels = std::move(channels_);
     channels_.clear();
-    for (auto& [address, channel] : channels) channel->close();
+    for (auto& [address, channel] : channels) {
+        channel->detach();
+        channel->close();
+    }
 }
 
 std::vector<StatusItem> NotifierService::status() const {
