@@ -9,7 +9,7 @@
 #include <asio/io_context.hpp>
 #include <cerrno>
 
-#include "arbiter_test_fakes.h"
+#include "service_test_fakes.h"
 #include "services/arbiter/arbiter_service.h"
 
 extern char** environ;

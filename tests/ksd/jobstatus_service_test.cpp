@@ -2,7 +2,7 @@
 // requests with their replies, who may change what, and the events in order.
 #include <gtest/gtest.h>
 
-#include "arbiter_test_fakes.h"
+#include "service_test_fakes.h"
 #include "fake_daemon.h"
 #include "services/jobstatus/jobstatus_service.h"
 
