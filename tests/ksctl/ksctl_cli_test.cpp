@@ -120,10 +120,14 @@ TEST_F(KsctlCli, SubscribePrintsHumanLinesAndUnregistersOnCountOrSignal) {
     for (int sig : {SIGTERM, SIGINT}) {
         KsctlRun subscriber(cmd({"subscribe", "news"}));
         ASSERT_TRUE(waitUntil([&] { return run({"publish", "news"}).out == "news: queued for 1 subscriber\n"; }));
+        const JsonValue subscriptions = parseLine(runJson({"subscriptions"}).out);
+        ASSERT_EQ(subscriptions.items.size(), 1u);
+        EXPECT_EQ(at(subscriptions.items[0], "event"), "news");
         subscriber.signal(sig);
         RunResult stopped = subscriber.wait();
         EXPECT_EQ(std::to_string(stopped.exitCode) + stopped.err, "0");  // clean exit, nothing on stderr
         EXPECT_EQ(run({"publish", "news"}).out, "news: queued for 0 subscribers\n");
+        EXPECT_EQ(run({"subscriptions"}).out, "no subscriptions\n");
     }
 }
 
@@ -168,6 +172,7 @@ TEST_F(KsctlCli, JobLifecycleWithJsonOutput) {
     expectOneErrorLine(dup, "job backup: a live job already has that name (-17)");
     EXPECT_EQ(at(parseLine(runJson({"job", "lookup", "backup"}).out), "id"), idText);
     EXPECT_EQ(at(parseLine(runJson({"job", "progress", idText, "40"}).out), "progress"), "40");
+    EXPECT_EQ(run({"job", "progress", idText}).out, "job " + idText + ": 40%\n") << "the read form";
 
     RunResult listed = runJson({"job", "list"});
     JsonValue jobs = parseLine(listed.out);
