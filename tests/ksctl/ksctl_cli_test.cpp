@@ -73,7 +73,7 @@ TEST(KsctlUsage, BadCommandLinesExitTwoWithOneLine) {
 TEST(KsctlUnreachable, EveryCommandExitsSixtyNineWithOneLine) {
     const std::string pipe = kstest::uniqueName("kstest-ksctl");
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"status"}, {"job", "create", "x"}, {"publish", "demo"}, {"subscribe", "demo"}, {"lock", "r", "--", "true"}}) {
+             {"status"}, {"subscriptions"}, {"job", "create", "x"}, {"publish", "demo"}, {"subscribe", "demo"}, {"lock", "r", "--", "true"}}) {
         std::vector<std::string> all = {"--pipe", pipe};
         all.insert(all.end(), args.begin(), args.end());
         RunResult r = runKsctl(all);
