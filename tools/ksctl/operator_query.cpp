@@ -7,6 +7,7 @@
 #include <memory>
 #include <thread>
 
+#include "OrvoCodec.h"
 #include "OrvoException.h"
 #include "OrvoStreamConnection.h"
 #include "failure.h"
@@ -22,8 +23,6 @@ using OrvoSupport::OrvoString;
 
 constexpr const char* kOperatorService = "KsdOperator";
 constexpr const char* kQueryRequest = "KSD_OP_QUERY";
-constexpr short kProtocolVersion = 1;
-constexpr short kMagic = 7777;
 
 std::unique_ptr<OrvoNet::OrvoStreamConnection> openConnection() {
     const DaemonAddress address = daemonAddress();
@@ -42,8 +41,8 @@ QueryAnswer ask(const std::string& what) {
         return answer;
     }
     try {
-        connection->transfer(kProtocolVersion);
-        connection->transfer(kMagic);
+        connection->transfer(static_cast<short>(OrvoNet::Codec::kProtocolVersion));
+        connection->transfer(static_cast<short>(OrvoNet::Codec::kMagic));
         connection->transfer(OrvoString(kOperatorService));
         connection->transfer(OrvoString(kQueryRequest));
         connection->transfer(what);
