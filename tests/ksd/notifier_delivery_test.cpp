@@ -245,7 +245,8 @@ int publish(const char* event, const std::string& text, std::string payload) {
 TEST(NotifierEndToEnd, EmptyAndOneMebibytePayloadsReachEverySubscriberInOrder) {
     ksdtest::TestServer daemon;
     kstest::ScopedEnv env("KSINTF_CONN_TYPE", daemon.address());
-    Inbox first, second;
+    // Never destroyed: the library may still call back after an unregistration.
+    static Inbox first, second;
     const int a = OrvoNNRegisterForNotification("e2e-files", &Inbox::callback, &first);
     const int b = OrvoNNRegisterForNotification("e2e-files", &Inbox::callback, &second);
     ASSERT_GT(a, 0);
