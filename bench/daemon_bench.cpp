@@ -22,7 +22,7 @@
 #include "OrvoJobStatus.h"
 #include "OrvoNotificationNetwork.h"
 #include "fake_daemon.h"
-#include "server/daemon_thread.h"
+#include "daemon_thread.h"
 
 namespace {
 

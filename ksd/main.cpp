@@ -14,10 +14,10 @@
 
 #include "OrvoProtocol.h"
 #include "OrvoLogging.h"
+#include "daemon.h"
 #include "log_setup.h"
-#include "server/daemon.h"
-#include "server/state_dir.h"
 #include "service_manager.h"
+#include "state_dir.h"
 
 namespace {
 

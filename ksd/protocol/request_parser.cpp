@@ -58,7 +58,7 @@ constexpr std::size_t kMaxRawReserve = 1024 * 1024;
 
 }  // namespace
 
-RequestParser::RequestParser(const Registry& registry, ParserLimits limits) : registry_(registry), limits_(limits) {}
+RequestParser::RequestParser(const RequestCatalog& catalog, ParserLimits limits) : catalog_(catalog), limits_(limits) {}
 
 void RequestParser::reset() {
     state_ = State::Version;
@@ -169,12 +169,12 @@ RequestParser::Result RequestParser::onValue(Value& value) {
             break;
         case State::Service:
             service_ = std::move(value.text);
-            if (registry_.find(service_) == nullptr) return fail(ENOSYS, "unknown service '" + service_ + "'");
+            if (!catalog_.serves(service_)) return fail(ENOSYS, "unknown service '" + service_ + "'");
             state_ = State::Request;
             break;
         case State::Request:
             request_ = std::move(value.text);
-            plan_ = registry_.plan(service_, request_);
+            plan_ = catalog_.plan(service_, request_);
             if (plan_ == nullptr)
                 return fail(ENOSYS, "unknown request '" + request_ + "' of service '" + service_ + "'");
             state_ = State::Fields;

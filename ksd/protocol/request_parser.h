@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "OrvoCodec.h"
-#include "services/registry.h"
+#include "protocol/request_catalog.h"
 
 namespace ksd {
 
@@ -25,7 +25,7 @@ class RequestParser {
 public:
     using Result = OrvoNet::Codec::Result;
 
-    explicit RequestParser(const Registry& registry, ParserLimits limits = {});
+    explicit RequestParser(const RequestCatalog& catalog, ParserLimits limits = {});
 
     // Consumes bytes of [data, data + size) until the request is whole (good),
     // malformed (bad) or the bytes run out (indeterminate, all consumed).
@@ -54,7 +54,7 @@ private:
     Result onValue(Value& value);
     Result nextField();
 
-    const Registry& registry_;
+    const RequestCatalog& catalog_;
     ParserLimits limits_;
     State state_ = State::Version;
     bool started_ = false;

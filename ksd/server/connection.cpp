@@ -23,15 +23,15 @@ void releaseIfLarge(std::string& s) {
 }
 }  // namespace
 
-Connection::Connection(GenericSocket socket, PeerInfo peer, ConnectionManager& manager, const Registry& registry,
+Connection::Connection(GenericSocket socket, PeerInfo peer, ConnectionManager& manager, RequestHandler& handler,
                        const ServerLimits& limits, std::vector<char>& readBuffer)
     : socket_(std::move(socket)),
       peer_(peer),
       manager_(manager),
-      registry_(registry),
+      handler_(handler),
       limits_(limits),
       readBuffer_(readBuffer),
-      parser_(registry, limits.parser),
+      parser_(handler, limits.parser),
       timer_(socket_.get_executor()) {}
 
 void Connection::start() {
@@ -132,9 +132,8 @@ void Connection::dispatch() {
                     responder};
     ORVO_LOG(9, "ksd: connection " << static_cast<unsigned long>(peer_.connectionId) << ": " << request.service.c_str()
                                    << " " << request.name.c_str());
-    Service* service = registry_.find(request.service);
     try {
-        service->handle(request);
+        handler_.handle(request);
     } catch (const std::exception& e) {
         ORVO_LOG(4, "ksd: " << request.service.c_str() << " " << request.name.c_str() << " failed: " << e.what());
         responder->fail(EIO, "internal error");

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "protocol/request_parser.h"
-#include "server/endpoints.h"
+#include "net/endpoints.h"
 #include "server/server_limits.h"
-#include "services/registry.h"
+#include "protocol/request_catalog.h"
 
 namespace ksd {
 
@@ -25,7 +25,7 @@ class ConnectionResponder;
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
     // `readBuffer` is the loop's one scratch buffer, shared by every connection.
-    Connection(GenericSocket socket, PeerInfo peer, ConnectionManager& manager, const Registry& registry,
+    Connection(GenericSocket socket, PeerInfo peer, ConnectionManager& manager, RequestHandler& handler,
                const ServerLimits& limits, std::vector<char>& readBuffer);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -58,7 +58,7 @@ private:
     GenericSocket socket_;
     PeerInfo peer_;
     ConnectionManager& manager_;
-    const Registry& registry_;
+    RequestHandler& handler_;
     const ServerLimits& limits_;
     std::vector<char>& readBuffer_;
     RequestParser parser_;

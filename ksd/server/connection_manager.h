@@ -11,7 +11,7 @@
 #include <unordered_map>
 
 #include "server/server_limits.h"
-#include "services/service.h"
+#include "protocol/request.h"
 
 namespace ksd {
 

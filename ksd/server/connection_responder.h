@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "services/service.h"
+#include "protocol/request.h"
 
 namespace ksd {
 

@@ -12,7 +12,7 @@
 #include <functional>
 #include <string>
 
-#include "server/endpoints.h"
+#include "net/endpoints.h"
 
 namespace ksd {
 

@@ -7,7 +7,7 @@
 
 #include "OrvoLogging.h"
 #include "server/connection.h"
-#include "server/peer_credentials.h"
+#include "net/peer_credentials.h"
 
 namespace ksd {
 
@@ -15,8 +15,8 @@ namespace {
 constexpr std::size_t kReadBufferSize = 64 * 1024;
 }
 
-Server::Server(asio::io_context& io, const Registry& registry, const ServerLimits& limits)
-    : io_(io), registry_(registry), limits_(limits), manager_(limits_), readBuffer_(kReadBufferSize) {}
+Server::Server(asio::io_context& io, RequestHandler& handler, const ServerLimits& limits)
+    : io_(io), handler_(handler), limits_(limits), manager_(limits_), readBuffer_(kReadBufferSize) {}
 
 Server::~Server() { stop(); }
 
@@ -63,7 +63,7 @@ void Server::onAccept(GenericSocket socket, bool isUnix) {
         ORVO_LOG(4, "ksd: too many connections, closing a new one at once");
         return;  // the socket closes as it goes out of scope
     }
-    auto connection = std::make_shared<Connection>(std::move(socket), peer, manager_, registry_, limits_, readBuffer_);
+    auto connection = std::make_shared<Connection>(std::move(socket), peer, manager_, handler_, limits_, readBuffer_);
     ORVO_LOG(9, "ksd: connection " << static_cast<unsigned long>(peer.connectionId) << " from "
                                    << (isUnix ? "pid " : "tcp ") << static_cast<int>(peer.pid) << " uid "
                                    << static_cast<long>(peer.uid));

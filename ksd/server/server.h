@@ -14,13 +14,13 @@
 #include "server/connection_manager.h"
 #include "server/listener.h"
 #include "server/server_limits.h"
-#include "services/registry.h"
+#include "protocol/request_catalog.h"
 
 namespace ksd {
 
 class Server {
 public:
-    Server(asio::io_context& io, const Registry& registry, const ServerLimits& limits);
+    Server(asio::io_context& io, RequestHandler& handler, const ServerLimits& limits);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -41,7 +41,7 @@ private:
     void onAccept(GenericSocket socket, bool isUnix);
 
     asio::io_context& io_;
-    const Registry& registry_;
+    RequestHandler& handler_;
     const ServerLimits& limits_;
     ConnectionManager manager_;
     std::vector<std::unique_ptr<Listener>> listeners_;

@@ -1,5 +1,6 @@
 #include "services/registry.h"
 
+#include <cerrno>
 #include <stdexcept>
 #include <string>
 
@@ -27,6 +28,12 @@ Service* Registry::find(std::string_view service) const {
 const FieldPlan* Registry::plan(std::string_view service, std::string_view request) const {
     Service* s = find(service);
     return s != nullptr ? s->plan(request) : nullptr;
+}
+
+void Registry::handle(Request& request) {
+    Service* service = find(request.service);
+    if (service == nullptr) return request.responder->fail(ENOSYS, "unknown service '" + request.service + "'");
+    service->handle(request);
 }
 
 void Registry::clear() {

@@ -8,17 +8,20 @@
 #include <string_view>
 #include <vector>
 
+#include "protocol/request_catalog.h"
 #include "services/service.h"
 #include "services/service_context.h"
 
 namespace ksd {
 
-class Registry {
+class Registry final : public RequestHandler {
 public:
     // Takes ownership; a second service of the same name is a programming error (throws).
     Service& add(std::unique_ptr<Service> service);
     Service* find(std::string_view service) const;
-    const FieldPlan* plan(std::string_view service, std::string_view request) const;
+    bool serves(std::string_view service) const override { return find(service) != nullptr; }
+    const FieldPlan* plan(std::string_view service, std::string_view request) const override;
+    void handle(Request& request) override;
     const std::vector<std::unique_ptr<Service>>& services() const { return services_; }
     // Destroys the services, last added first (they may use earlier ones).
     void clear();

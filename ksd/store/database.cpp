@@ -7,15 +7,8 @@
 
 namespace ksd::store {
 
-namespace {
-
-// Two daemons wrongly sharing one state directory wait this long for each
-// other's short transactions instead of failing at once.
-constexpr int kBusyTimeoutMs = 2000;
-
-}  // namespace
-
-Database::Database(const std::filesystem::path& file, Durability durability) : file_(file) {
+Database::Database(const std::filesystem::path& file, Durability durability, std::chrono::milliseconds busyTimeout)
+    : file_(file) {
     // NOMUTEX: the loop's thread is the only user, SQLite need not lock for us.
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     const int rc = sqlite3_open_v2(file_.c_str(), &db_, flags, nullptr);
@@ -26,7 +19,7 @@ Database::Database(const std::filesystem::path& file, Durability durability) : f
         throw StoreError("cannot open database " + file_.string() + ": " + message, rc);
     }
     try {
-        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+        sqlite3_busy_timeout(db_, static_cast<int>(busyTimeout.count()));
         sqlite3_extended_result_codes(db_, 1);
         // Reading the journal mode also proves the file is a database.
         const std::string mode = pragma("journal_mode=WAL");
@@ -68,7 +61,6 @@ Statement& Database::cached(std::string_view sql) {
     return *it->second;
 }
 
-std::int64_t Database::lastInsertId() const { return sqlite3_last_insert_rowid(db_); }
 
 std::string Database::pragma(std::string_view name) {
     Statement s(db_, "PRAGMA " + std::string(name));

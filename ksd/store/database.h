@@ -5,6 +5,7 @@
 // only. Statements are prepared once and cached by their text; Transaction
 // groups writes and rolls back unless committed. Throws StoreError.
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -26,7 +27,10 @@ enum class Durability { Normal, Full };
 
 class Database {
 public:
-    Database(const std::filesystem::path& file, Durability durability = Durability::Normal);
+    // Two daemons wrongly sharing one state directory wait `busyTimeout` for
+    // each other's short transactions instead of failing at once.
+    explicit Database(const std::filesystem::path& file, Durability durability = Durability::Normal,
+                      std::chrono::milliseconds busyTimeout = std::chrono::milliseconds(2000));
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
@@ -35,7 +39,6 @@ public:
     void exec(std::string_view sql);
     // The statement for `sql`, prepared on first use, reset and unbound.
     Statement& cached(std::string_view sql);
-    std::int64_t lastInsertId() const;
     // PRAGMA user_version: the schema version stored in the file.
     int userVersion();
     void setUserVersion(int version);

@@ -54,8 +54,9 @@ int migrate(Database& db) {
     return found;
 }
 
-std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir, Durability durability) {
-    auto db = std::make_unique<Database>(stateDir / kDatabaseFileName, durability);
+std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir, Durability durability,
+                                            std::chrono::milliseconds busyTimeout) {
+    auto db = std::make_unique<Database>(stateDir / kDatabaseFileName, durability, busyTimeout);
     migrate(*db);
     return db;
 }

@@ -21,7 +21,8 @@ int latestSchemaVersion();
 int migrate(Database& db);
 
 std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir,
-                                            Durability durability = Durability::Normal);
+                                            Durability durability = Durability::Normal,
+                                            std::chrono::milliseconds busyTimeout = std::chrono::milliseconds(2000));
 
 }  // namespace ksd::store
 

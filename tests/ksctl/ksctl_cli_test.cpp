@@ -13,20 +13,12 @@
 #include "json.h"
 #include "ksctl_runner.h"
 #include "ksd_process.h"
+#include "wait_until.h"
 
 using ksctl::JsonValue;
 using namespace kstest;
 
 namespace {
-
-// Retries `attempt` until it reports success; the bound only keeps a broken daemon from
-// hanging the suite, it asserts nothing about speed.
-template <typename F>
-bool eventually(F attempt) {
-    for (int i = 0; i < 400; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(25)))
-        if (attempt()) return true;
-    return false;
-}
 
 JsonValue parseLine(const std::string& line) {
     auto v = ksctl::parseJson(line);
@@ -81,7 +73,7 @@ TEST(KsctlUsage, BadCommandLinesExitTwoWithOneLine) {
 TEST(KsctlUnreachable, EveryCommandExitsSixtyNineWithOneLine) {
     const std::string pipe = kstest::uniqueName("kstest-ksctl");
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"status"}, {"job", "create", "x"}, {"publish", "demo"}, {"subscribe", "demo"}, {"lock", "r", "--", "true"}}) {
+             {"status"}, {"subscriptions"}, {"job", "create", "x"}, {"publish", "demo"}, {"subscribe", "demo"}, {"lock", "r", "--", "true"}}) {
         std::vector<std::string> all = {"--pipe", pipe};
         all.insert(all.end(), args.begin(), args.end());
         RunResult r = runKsctl(all);
@@ -102,7 +94,7 @@ TEST_F(KsctlCli, PublishReachesASubscriberAndBothReportInJson) {
     std::ofstream(dir.path() + "/payload.bin", std::ios::binary) << std::string("\x01\x00\xff\x7f", 4);
     // Once a publish is queued for 1 subscriber, the subscriber (which registers "other" last) is ready.
     RunResult pub;
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(waitUntil([&] {
         pub = runJson({"publish", "other", "--data-file", dir.path() + "/payload.bin"});
         return pub.exitCode == 0 && at(parseLine(pub.out), "queued") == "1";
     })) << pub.out << pub.err;
@@ -120,18 +112,22 @@ TEST_F(KsctlCli, PublishReachesASubscriberAndBothReportInJson) {
 
 TEST_F(KsctlCli, SubscribePrintsHumanLinesAndUnregistersOnCountOrSignal) {
     KsctlRun once(cmd({"subscribe", "news", "--count", "1"}));
-    ASSERT_TRUE(eventually([&] { return run({"publish", "news", "--text", "a\nb"}).out == "news: queued for 1 subscriber\n"; }));
+    ASSERT_TRUE(waitUntil([&] { return run({"publish", "news", "--text", "a\nb"}).out == "news: queued for 1 subscriber\n"; }));
     RunResult got = once.wait();
     EXPECT_EQ(got.exitCode, 0) << got.err;
     EXPECT_EQ(got.out, "news: text \"a\\nb\", 0 bytes\n");
     EXPECT_EQ(run({"publish", "news"}).out, "news: queued for 0 subscribers\n");
     for (int sig : {SIGTERM, SIGINT}) {
         KsctlRun subscriber(cmd({"subscribe", "news"}));
-        ASSERT_TRUE(eventually([&] { return run({"publish", "news"}).out == "news: queued for 1 subscriber\n"; }));
+        ASSERT_TRUE(waitUntil([&] { return run({"publish", "news"}).out == "news: queued for 1 subscriber\n"; }));
+        const JsonValue subscriptions = parseLine(runJson({"subscriptions"}).out);
+        ASSERT_EQ(subscriptions.items.size(), 1u);
+        EXPECT_EQ(at(subscriptions.items[0], "event"), "news");
         subscriber.signal(sig);
         RunResult stopped = subscriber.wait();
         EXPECT_EQ(std::to_string(stopped.exitCode) + stopped.err, "0");  // clean exit, nothing on stderr
         EXPECT_EQ(run({"publish", "news"}).out, "news: queued for 0 subscribers\n");
+        EXPECT_EQ(run({"subscriptions"}).out, "no subscriptions\n");
     }
 }
 
@@ -149,7 +145,7 @@ TEST_F(KsctlCli, LockTimesOutWhileHeldAndIsFreeAfterTheHolderStops) {
     kstest::ScopedTempDir dir;
     const std::string marker = dir.path() + "/holding";
     KsctlRun holder(cmd({"lock", "disk0", "--", "sh", "-c", "touch " + marker + "; exec sleep 600"}));
-    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(marker); }));
+    ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(marker); }));
 
     RunResult tryOnce = run({"lock", "disk0", "--timeout", "0", "--", "echo", "never"});
     EXPECT_EQ(std::to_string(tryOnce.exitCode) + tryOnce.out, "3");
@@ -176,6 +172,7 @@ TEST_F(KsctlCli, JobLifecycleWithJsonOutput) {
     expectOneErrorLine(dup, "job backup: a live job already has that name (-17)");
     EXPECT_EQ(at(parseLine(runJson({"job", "lookup", "backup"}).out), "id"), idText);
     EXPECT_EQ(at(parseLine(runJson({"job", "progress", idText, "40"}).out), "progress"), "40");
+    EXPECT_EQ(run({"job", "progress", idText}).out, "job " + idText + ": 40%\n") << "the read form";
 
     RunResult listed = runJson({"job", "list"});
     JsonValue jobs = parseLine(listed.out);

@@ -9,7 +9,7 @@
 #include <asio/io_context.hpp>
 #include <cerrno>
 
-#include "arbiter_test_fakes.h"
+#include "service_test_fakes.h"
 #include "services/arbiter/arbiter_service.h"
 
 extern char** environ;
@@ -62,9 +62,11 @@ TEST_F(Arbiter, GrantsFreeResourcesAtOnceNeverReusesHandlesAndTimesOutWaiters) {
     EXPECT_EQ(lock("printer", 0, unixPeer(11, kBob))->value(), 3);
 
     EXPECT_EQ(lock("disk0", 0, unixPeer(11, kBob))->value(), -ETIMEDOUT) << "0 ms tries once";
-    auto timed = lock("disk0", 1, unixPeer(11, kBob));
+    auto timed = lock("disk0", 50, unixPeer(11, kBob));
     EXPECT_FALSE(timed->answered()) << "a timed waiter is answered by its timer";
-    while (!timed->answered() && io_.run_one() > 0) continue;
+    // Milliseconds, not seconds: the bound is generous but far below 50 s.
+    const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!timed->answered() && io_.run_one_until(bound) > 0) continue;
     EXPECT_EQ(timed->value(), -ETIMEDOUT);
     EXPECT_EQ(arbiter_->waiting(), 0u) << "a timed-out waiter leaves the queue";
     EXPECT_EQ(events_.events, (Events{ev("disk0", 1), ev("printer", 1), ev("printer", 0), ev("printer", 1)}));
@@ -136,6 +138,13 @@ TEST_F(Arbiter, LimitsAndBadNamesAreRefused) {
     for (const std::string name : {"a", "b", "0123456789abcdef"}) EXPECT_GT(lock(name, 0, unixPeer(10, kAlice))->value(), 0);
     EXPECT_EQ(lock("d", 0, unixPeer(12, kAlice))->failCode, EDQUOT) << "three locks per user";
     EXPECT_EQ(lock("d", 0, unixPeer(13, kBob))->value(), 4) << "the limit is per user";
+    ASSERT_EQ(unlock(1, unixPeer(10, kAlice)), 0);
+    for (int i = 0; i < 10; ++i) {
+        const auto handle = lock("c", 0, unixPeer(10, kAlice))->value();
+        ASSERT_GT(handle.value_or(-1), 0) << "cycle " << i;
+        ASSERT_EQ(unlock(*handle, unixPeer(10, kAlice)), 0);
+    }
+    EXPECT_GT(lock("c", 0, unixPeer(10, kAlice))->value(), 0) << "unlocking gives the quota back";
 }
 
 TEST_F(Arbiter, DestroyedWithWaitersAndTimersPendingTouchesNothingAfterwards) {

@@ -15,7 +15,8 @@
 
 #include "OrvoCodec.h"
 #include "fake_daemon.h"
-#include "server/daemon_thread.h"
+#include "daemon_thread.h"
+#include "wait_until.h"
 
 namespace ksdtest {
 
@@ -127,15 +128,7 @@ inline bool echoWorks(const std::string& address, const std::string& text = "pin
     return o.ok && o.text == text;
 }
 
-// A bounded wait for something asynchronous, not a measure of speed.
-inline bool waitUntil(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
+using kstest::waitUntil;
 
 }  // namespace ksdtest
 

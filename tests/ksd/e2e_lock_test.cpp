@@ -8,7 +8,7 @@
 
 namespace {
 
-using e2e::eventually;
+using e2e::waitUntil;
 using e2e::queryDaemon;
 
 class LockEndToEnd : public e2e::DaemonSuite {};
@@ -34,15 +34,15 @@ TEST_F(LockEndToEnd, ContendedLockTimesOutTriesOnceAndHandsOverInArrivalOrder) {
     EXPECT_EQ(OrvoRAResourceUnlock(free), -2);
 
     auto second = helper({"lock", "disk0", "-1", "wait", "unlock", "last"});
-    ASSERT_TRUE(eventually([&] { return heldBy("disk0", first->pid(), 1); }));
+    ASSERT_TRUE(waitUntil([&] { return heldBy("disk0", first->pid(), 1); }));
     auto third = helper({"lock", "disk0", "60000", "unlock", "last"});
-    ASSERT_TRUE(eventually([&] { return heldBy("disk0", first->pid(), 2); }));
+    ASSERT_TRUE(waitUntil([&] { return heldBy("disk0", first->pid(), 2); }));
 
     ASSERT_TRUE(first->writeLine("go"));
     EXPECT_EQ(helperValue(*first, "unlock"), 0);
     const long h2 = helperValue(*second, "lock");
     EXPECT_GT(h2, free);
-    EXPECT_TRUE(eventually([&] { return heldBy("disk0", second->pid(), 1); })) << "the second comer, not the third";
+    EXPECT_TRUE(waitUntil([&] { return heldBy("disk0", second->pid(), 1); })) << "the second comer, not the third";
     ASSERT_TRUE(second->writeLine("go"));
     EXPECT_EQ(helperValue(*second, "unlock"), 0);
     EXPECT_GT(helperValue(*third, "lock"), h2);
@@ -60,7 +60,7 @@ TEST_F(LockEndToEnd, AHolderKilledWithSigkillReleasesItsLockToTheWaiter) {
     auto holder = helper({"lock", "tape0", "-1", "hang"});
     ASSERT_GT(helperValue(*holder, "lock"), 0);
     auto waiter = helper({"lock", "tape0", "-1", "unlock", "last"});
-    ASSERT_TRUE(eventually([&] { return heldBy("tape0", holder->pid(), 1); }));
+    ASSERT_TRUE(waitUntil([&] { return heldBy("tape0", holder->pid(), 1); }));
 
     holder->signal(SIGKILL);
     EXPECT_EQ(holder->wait(), 128 + SIGKILL);

@@ -1,7 +1,6 @@
 // Shared by the end-to-end tests: one real ksd process per test program
 // (the client library's shared connection keeps the first address it used),
-// event collectors for the C callbacks, the operator's query over the
-// notification network, and helper processes pointed at the daemon.
+// event collectors for the C callbacks, the operator's query, and helper processes pointed at the daemon.
 #pragma once
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,7 +13,9 @@
 #include <thread>
 
 #include "OrvoNotificationNetwork.h"
+#include "fake_daemon.h"
 #include "ksd_process.h"
+#include "wait_until.h"
 
 namespace e2e {
 
@@ -67,31 +68,9 @@ protected:
 
 // Asks the running daemon an operator query ("locks", "jobs", "status"); empty when no answer came.
 inline std::string queryDaemon(const std::string& what) {
-    static std::atomic<int> counter{0};
-    std::promise<std::string> reply;
-    const std::string token = std::to_string(::getpid()) + "-e2e-" + std::to_string(++counter);
-    auto deliver = [](const char*, OrvoNNNotification* n) {
-        static_cast<std::promise<std::string>*>(n->m_pContext)->set_value(n->m_pszData ? n->m_pszData : "");
-    };
-    const int handle = OrvoNNRegisterForNotification(("KsdReply:" + token + "$").c_str(), deliver, &reply);
-    if (handle < 0) return {};
-    OrvoNNNotification request{};
-    request.m_pszData = what.c_str();
-    request.m_pData = const_cast<char*>(token.data());
-    request.m_nDataLength = static_cast<long>(token.size());
-    auto answer = reply.get_future();
-    const bool got = OrvoNNNotify("KsdQuery", &request) > 0 &&
-                     answer.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
-    OrvoNNUnregisterForNotification(handle);
-    return got ? answer.get() : std::string();
+    return kstest::operatorQuery(std::getenv("KSINTF_CONN_TYPE"), what);
 }
 
-// Polls `condition` until it holds; the bound only keeps a broken daemon from hanging the test.
-template <typename F>
-bool eventually(F condition) {
-    for (int i = 0; i < 400; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(25)))
-        if (condition()) return true;
-    return false;
-}
+using kstest::waitUntil;
 
 }  // namespace e2e

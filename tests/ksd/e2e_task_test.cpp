@@ -14,6 +14,7 @@
 #include "OrvoCodec.h"
 #include "OrvoTaskScheduler.h"
 #include "e2e_support.h"
+#include "wait_until.h"
 #include "fake_daemon.h"
 
 namespace {
@@ -50,7 +51,7 @@ std::string readFile(const std::string& path) {
 }
 
 bool reaches(int handle, tTaskState state) {
-    return e2e::eventually([&] { return OrvoTSTaskState(handle) == state; });
+    return kstest::waitUntil([&] { return OrvoTSTaskState(handle) == state; });
 }
 
 std::string listOf(bool blobs) {

@@ -2,7 +2,7 @@
 // requests with their replies, who may change what, and the events in order.
 #include <gtest/gtest.h>
 
-#include "arbiter_test_fakes.h"
+#include "service_test_fakes.h"
 #include "fake_daemon.h"
 #include "services/jobstatus/jobstatus_service.h"
 
@@ -50,7 +50,8 @@ TEST_F(JobStatus, EveryRequestAwaitsExactlyTheFieldsItsClientFunctionSends) {
              {"TRVX_JS_CREATE", {str("d"), str("n")}}, {"TRVX_JS_LOOKUP", {str("n")}}, {"TRVX_JS_DELETE", {lng(1)}},
              {"TRVX_JS_GET_PROGRESS", {lng(1)}}, {"TRVX_JS_CANCEL", {lng(1)}}, {"TRVX_JS_SET_PROGRESS", {lng(1), lng(2)}},
              {"TRVX_JS_GET_ALL_PROGRESS", {}}, {"TRVX_JS_MAP_JOB", {lng(1), lng(-3)}},
-             {"TRVX_JS_MAP_JOB", {lng(1), lng(2), lng(5), lng(6)}}}) {
+             {"TRVX_JS_MAP_JOB", {lng(1), lng(2), lng(5), lng(6)}},
+             {"TRVX_JS_MAP_JOB", {lng(1), lng(4), lng(5), lng(6), lng(7), lng(8)}}}) {
         std::vector<FieldKind> expected;
         for (const auto& f : fields) expected.push_back(f.tag == 's' ? FieldKind::String : FieldKind::Long);
         expected.push_back(FieldKind::Done);
@@ -69,7 +70,7 @@ TEST_F(JobStatus, ALifeCycleAnswersEachRequestAndPublishesEachEventInOrder) {
         {"TRVX_JS_CREATE", {str(std::string(16, 'd')), str("backup")}, 1},
         {"TRVX_JS_CREATE", {str("again"), str("backup")}, -EEXIST},
         {"TRVX_JS_LOOKUP", {str("backup")}, 1},
-        {"TRVX_JS_MAP_JOB", {lng(1), lng(2), lng(11), lng(12)}, 0},
+        {"TRVX_JS_MAP_JOB", {lng(1), lng(4), lng(11), lng(12), lng(13), lng(14)}, 0},  // exactly the most
         {"TRVX_JS_SET_PROGRESS", {lng(1), lng(50)}, 0},
         {"TRVX_JS_SET_PROGRESS", {lng(1), lng(150)}, -EINVAL},
         {"TRVX_JS_GET_PROGRESS", {lng(1)}, 50},

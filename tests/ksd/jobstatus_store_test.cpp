@@ -30,7 +30,8 @@ protected:
     Jobs() { reopen(); }
     void reopen() {
         book_.reset(), store_.reset(), db_.reset();
-        db_ = ksd::store::openStateDatabase(dir_.path());
+        // A short busy wait: one test holds the write lock from another connection.
+        db_ = ksd::store::openStateDatabase(dir_.path(), ksd::store::Durability::Normal, std::chrono::milliseconds(20));
         store_ = std::make_unique<ksd::jobs::JobStore>(*db_);
         book_ = std::make_unique<ksd::jobs::JobBook>(*store_, ksd::jobs::JobLimits{});
     }
@@ -66,15 +67,18 @@ TEST_F(Jobs, IdsAreFreshNamesUniqueAndNeitherIsLostOrReusedAcrossReopening) {
     ASSERT_EQ(book_->mapAppIds(1, apps, kAlice).reply, 0);
     ASSERT_EQ(book_->cancel(2, kBob).reply, 0);
     ASSERT_EQ(book_->remove(3, kBob).reply, 0);  // the highest id is gone before the restart
+    ASSERT_EQ(book_->create("d4", "four", kBob).reply, 4);
+    ASSERT_EQ(book_->setProgress(4, 100, kBob).reply, 0);
 
     reopen();
-    ASSERT_EQ(book_->size(), 2u);
+    ASSERT_EQ(book_->size(), 3u);
+    EXPECT_EQ(book_->find(4)->state, JobState::Completed) << "a finished job stays finished";
     const auto* one = book_->find(1);
     ASSERT_NE(one, nullptr);
     EXPECT_EQ(std::tie(one->name, one->description, one->progress, one->owner, one->appIds, one->state),
               std::make_tuple("one", "d1", 40, kAlice, apps, JobState::Running));
     EXPECT_EQ(std::make_pair(book_->lookup("two"), book_->find(2)->state), std::make_pair(std::int64_t{2}, JobState::Cancelled));
-    EXPECT_EQ(book_->create("d", "three", kAlice).reply, 4) << "the name is free again, the id is never reused";
+    EXPECT_EQ(book_->create("d", "three", kAlice).reply, 5) << "the name is free again, the id is never reused";
 }
 
 TEST_F(Jobs, ChangesAreBoundedOwnedAndAnnounced) {

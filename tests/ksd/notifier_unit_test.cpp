@@ -1,12 +1,23 @@
 // The Notifier's parts on their own: the subscription table, callback
-// address checks and the JSON text of operator answers.
+// address checks, a push channel's queue, and the service driven with
+// requests from peers of chosen users.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <asio/io_context.hpp>
+#include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <string>
 #include <vector>
 
-#include "protocol/json_text.h"
+#include "fake_daemon.h"
+#include "service_test_fakes.h"
 #include "services/notifier/callback_address.h"
+#include "services/notifier/notifier_service.h"
+#include "services/notifier/push_channel.h"
 #include "services/notifier/subscription_table.h"
 
 namespace {
@@ -14,6 +25,107 @@ namespace {
 using ksd::AddressCheck;
 using ksd::SubscriptionTable;
 using Add = SubscriptionTable::AddResult;
+using ksdtest::FakeResponder;
+using ksdtest::unixPeer;
+
+constexpr uid_t kAlice = 1000;
+constexpr uid_t kBob = 1001;
+
+// A Unix listener on an abstract name that never accepts: enough for a
+// connect to succeed and for the kernel to vouch for its owner.
+class Listener {
+public:
+    Listener() : name_(kstest::uniqueName("kstest-notifier-sink")), fd_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::memcpy(addr.sun_path + 1, name_.data(), name_.size());
+        const auto len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name_.size());
+        if (::bind(fd_, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(fd_, 8) != 0) ADD_FAILURE();
+    }
+    ~Listener() { ::close(fd_); }
+    std::string address() const { return "pipe:" + name_; }
+
+private:
+    std::string name_;
+    int fd_;
+};
+
+class Notifier : public ::testing::Test {
+protected:
+    std::int64_t call(const std::string& request, std::vector<ksd::Value> fields, uid_t uid) {
+        auto responder = std::make_shared<FakeResponder>();
+        ksd::Request r{"Notifier", request, std::move(fields), unixPeer(100 + static_cast<pid_t>(uid), uid), responder};
+        notifier_.handle(r);
+        return responder->value().value_or(-9999);
+    }
+    std::int64_t subscribe(const std::string& event, const std::string& address, std::int32_t id, uid_t uid) {
+        return call("TRVX_NN_REGISTER", {{'s', 0, event}, {'s', 0, address}, {'i', id, {}}}, uid);
+    }
+    std::int64_t unsubscribe(const std::string& address, std::int32_t id, uid_t uid) {
+        return call("TRVX_NN_UNREGISTER", {{'s', 0, address}, {'i', id, {}}}, uid);
+    }
+    std::int64_t status(const std::string& name) {
+        for (const auto& item : notifier_.status())
+            if (item.name == name) return item.value;
+        return -1;
+    }
+    // Runs the loop until `done` holds; the bound only keeps a bug from hanging the test.
+    template <typename F>
+    bool runUntil(F done) {
+        const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!done() && io_.run_one_until(bound) > 0) continue;
+        return done();
+    }
+
+    asio::io_context io_;
+    ksd::NotifierService notifier_{io_};
+};
+
+TEST_F(Notifier, AnotherUserCannotTakeOverOrDropASubscriptionKey) {
+    ASSERT_EQ(subscribe("mine", "pipe:sink", 1, kAlice), 0);
+    EXPECT_EQ(subscribe("theirs", "pipe:sink", 1, kBob), -1);
+    EXPECT_EQ(unsubscribe("pipe:sink", 1, kBob), -1);
+    EXPECT_NE(notifier_.query("subscriptions").find("\"event\":\"mine\""), std::string::npos) << "unchanged";
+    EXPECT_EQ(subscribe("moved", "pipe:sink", 1, kAlice), 0) << "the owner may";
+    EXPECT_EQ(unsubscribe("pipe:sink", 1, 0), 0) << "and so may root";
+    EXPECT_EQ(status("subscriptions"), 0);
+}
+
+TEST_F(Notifier, FramesForAnotherUsersSubscriptionNeverReachThisListener) {
+    Listener sink;
+    const uid_t me = ::getuid();
+    const uid_t stranger = me == kAlice ? kBob : kAlice;
+    ASSERT_EQ(subscribe("ev", sink.address(), 1, stranger), 0);
+    ASSERT_EQ(subscribe("ev", sink.address(), 2, me), 0);
+    EXPECT_EQ(notifier_.publish("s", "ev", "t", {}), 2u);
+    ASSERT_TRUE(runUntil([&] { return status("subscriptions") != 2; }));
+    const std::string left = notifier_.query("subscriptions");
+    EXPECT_EQ(status("subscriptions"), 1) << left;
+    EXPECT_NE(left.find("\"id\":2,"), std::string::npos) << "the listener's own user keeps its subscription";
+}
+
+TEST(PushChannel, TheQueueIsBoundedByBytesAsWellAsByFrames) {
+    struct Owner final : ksd::PushChannelOwner {
+        void channelFailed(ksd::PushChannel&, const std::string&) override {}
+        void channelIdle(ksd::PushChannel&) override {}
+        void subscriberRefused(ksd::PushChannel&, std::int32_t, uid_t) override {}
+    } owner;
+    asio::io_context io;
+    ksd::NotifierLimits limits;
+    limits.maxQueuedFrames = 100;
+    limits.maxQueuedBytes = 3 * (ksd::kFrameHeaderSize + 1000) + ksd::kFrameHeaderSize;
+    const std::string text = "pipe:" + kstest::uniqueName("kstest-nobody");
+    ksd::CallbackAddress address;
+    ASSERT_EQ(ksd::parseCallbackAddress(text, address), AddressCheck::Ok);
+    auto channel = std::make_shared<ksd::PushChannel>(io, text, address, limits, owner);
+    const auto payload = std::make_shared<const std::string>(1000, 'x');
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(channel->push(1, 0, payload)) << i;
+    EXPECT_FALSE(channel->push(1, 0, payload)) << "a fourth frame would pass the byte limit";
+    EXPECT_TRUE(channel->push(1, 0, std::make_shared<const std::string>())) << "an empty one still fits";
+    EXPECT_EQ(channel->drops(), 1u);
+    channel->detach();
+    channel->close();
+}
 
 TEST(SubscriptionTable, AnotherOwnersKeyIsNeverTakenOverALimit) {
     SubscriptionTable t(1);
@@ -48,14 +160,6 @@ TEST(CallbackAddress, AcceptsOnlyLocalAddresses) {
     ksd::CallbackAddress a;
     ASSERT_EQ(ksd::parseCallbackAddress("socket::4000", a), AddressCheck::Ok);
     EXPECT_EQ(a.host.to_string() + ":" + std::to_string(a.port), "127.0.0.1:4000");
-}
-
-TEST(JsonText, AnyBytesBecomeAValidJsonString) {
-    EXPECT_EQ(ksd::jsonString("a\"b\\c\n\t\r\x01\x1f caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"),
-              "\"a\\\"b\\\\c\\n\\t\\r\\u0001\\u001f caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\"");
-    // Invalid UTF-8 (stray, overlong, surrogate, cut) becomes U+FFFD per byte.
-    EXPECT_EQ(ksd::jsonString("\xff|\xc0\xaf|\xed\xa0\x80|\xe2\x82"),
-              "\"\\ufffd|\\ufffd\\ufffd|\\ufffd\\ufffd\\ufffd|\\ufffd\\ufffd\"");
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <chrono>
 
 #include "OrvoCodec.h"
-#include "arbiter_test_fakes.h"
+#include "service_test_fakes.h"
 #include "fake_daemon.h"
 
 namespace {

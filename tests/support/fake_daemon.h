@@ -209,6 +209,10 @@ private:
     std::string m_sIn;
 };
 
+// Asks a running ksd at `sAddress` an operator query ("status", "locks", ...)
+// on a connection of its own: the JSON answer, or empty when none came.
+std::string operatorQuery(const std::string& sAddress, std::string_view sWhat);
+
 class FakeDaemon {
 public:
     explicit FakeDaemon(Transport transport = Transport::pipe);

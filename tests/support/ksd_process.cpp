@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "fake_daemon.h"
+#include "wait_until.h"
 
 extern char** environ;
 
@@ -90,14 +91,10 @@ bool KsdProcess::start(const std::vector<std::string>& extraArgs) {
         pid_ = -1;
         return false;
     }
-    // Bounded only so that a broken daemon cannot hang the suite.
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < end) {
-        if (!isRunning()) return false;
-        if (accepts(pipe_)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    kill();
+    bool exited = false;
+    const bool up = waitUntil([&] { return (exited = !isRunning()) || accepts(pipe_); }, std::chrono::seconds(20));
+    if (up && !exited) return true;
+    if (!exited) kill();
     return false;
 }
 

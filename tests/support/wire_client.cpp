@@ -145,4 +145,14 @@ void WireClient::close() {
     m_sIn.clear();
 }
 
+std::string operatorQuery(const std::string& sAddress, std::string_view sWhat) {
+    WireClient client;
+    if (!client.connect(sAddress)) return {};
+    Wire request;
+    request.addShort(1).addShort(7777).addString("KsdOperator").addString("KSD_OP_QUERY").addString(sWhat);
+    OrvoNet::Codec::Value value;
+    if (!client.send(request.bytes()) || !client.readValue(value) || value.tag != OrvoNet::Codec::kTagString) return {};
+    return value.text;
+}
+
 }  // namespace kstest

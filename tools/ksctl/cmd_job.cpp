@@ -3,7 +3,7 @@
 
 #include "OrvoJobStatus.h"
 #include "commands.h"
-#include "daemon_query.h"
+#include "operator_query.h"
 #include "failure.h"
 #include "json.h"
 #include "output.h"

@@ -1,5 +1,5 @@
 #include "commands.h"
-#include "daemon_query.h"
+#include "operator_query.h"
 #include "json.h"
 
 namespace ksctl {
@@ -8,6 +8,10 @@ int runStatus(const GlobalOptions& options) { return printQuery(options, "status
 
 int runLocks(const GlobalOptions& options) {
     return printQuery(options, "locks", JsonValue::Kind::Array, "no locks held");
+}
+
+int runSubscriptions(const GlobalOptions& options) {
+    return printQuery(options, "subscriptions", JsonValue::Kind::Array, "no subscriptions");
 }
 
 }  // namespace ksctl

@@ -64,6 +64,7 @@ int runJob(const GlobalOptions& options, const JobArgs& args);
 int runTask(const GlobalOptions& options, const TaskArgs& args);
 int runStatus(const GlobalOptions& options);
 int runLocks(const GlobalOptions& options);
+int runSubscriptions(const GlobalOptions& options);
 
 }  // namespace ksctl
 

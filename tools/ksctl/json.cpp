@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include "json/json_text.h"
+
 #include <charconv>
 #include <cstdio>
 
@@ -245,36 +247,6 @@ private:
     std::size_t pos_ = 0;
 };
 
-// Length of the valid UTF-8 sequence starting at s[i], or 0 when it is not one.
-std::size_t utf8Length(std::string_view s, std::size_t i) {
-    auto byte = [&](std::size_t k) { return static_cast<unsigned char>(s[k]); };
-    unsigned char c = byte(i);
-    std::size_t n = 0;
-    unsigned cp = 0;
-    if (c < 0x80) return 1;
-    if ((c & 0xE0) == 0xC0) {
-        n = 2;
-        cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-        n = 3;
-        cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-        n = 4;
-        cp = c & 0x07;
-    } else {
-        return 0;
-    }
-    if (i + n > s.size()) return 0;
-    for (std::size_t k = 1; k < n; ++k) {
-        if ((byte(i + k) & 0xC0) != 0x80) return 0;
-        cp = (cp << 6) | (byte(i + k) & 0x3F);
-    }
-    // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
-    static constexpr unsigned kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-    return n;
-}
-
 void writeValue(std::string& out, const JsonValue& v) {
     switch (v.kind) {
         case JsonValue::Kind::Null:
@@ -336,55 +308,7 @@ std::optional<std::int64_t> JsonValue::asInt() const {
 
 std::optional<JsonValue> parseJson(std::string_view input) { return Parser(input).parseDocument(); }
 
-std::string jsonQuote(std::string_view s) {
-    std::string out;
-    out.reserve(s.size() + 2);
-    out += '"';
-    for (std::size_t i = 0; i < s.size();) {
-        unsigned char c = static_cast<unsigned char>(s[i]);
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                ++i;
-                continue;
-            case '\\':
-                out += "\\\\";
-                ++i;
-                continue;
-            case '\n':
-                out += "\\n";
-                ++i;
-                continue;
-            case '\r':
-                out += "\\r";
-                ++i;
-                continue;
-            case '\t':
-                out += "\\t";
-                ++i;
-                continue;
-            default:
-                break;
-        }
-        if (c < 0x20 || c == 0x7F) {
-            char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04x", c);
-            out += buf;
-            ++i;
-            continue;
-        }
-        std::size_t n = utf8Length(s, i);
-        if (n == 0) {
-            out += "\xEF\xBF\xBD";  // U+FFFD
-            ++i;
-            continue;
-        }
-        out.append(s.substr(i, n));
-        i += n;
-    }
-    out += '"';
-    return out;
-}
+std::string jsonQuote(std::string_view s) { return jsontext::quote(s); }
 
 std::string toJson(const JsonValue& value) {
     std::string out;

@@ -104,7 +104,7 @@ int main(int argc, char** argv) {
         app.add_option("--tcp-port", p.tcpPort, "Reach the daemon over TCP on 127.0.0.1")->check(CLI::Range(1, 65535));
     pipeOpt->excludes(tcpOpt);
     app.add_flag("--json", p.options.json, "Machine-readable output: one JSON value per line");
-    app.add_option("--reply-timeout", p.replyTimeoutMs, "How long status and list queries wait for ksd, in ms")
+    app.add_option("--reply-timeout", p.replyTimeoutMs, "How long operator queries wait for ksd, in ms")
         ->check(CLI::Range(1, 3600000));
 
     auto* publish = app.add_subcommand("publish", "Publish an event; prints how many subscribers it was queued for");
@@ -132,6 +132,7 @@ int main(int argc, char** argv) {
 
     auto* status = app.add_subcommand("status", "Connections, subscriptions, queue drops, locks held and jobs");
     auto* locks = app.add_subcommand("locks", "List the locks held and their waiters");
+    auto* subscriptions = app.add_subcommand("subscriptions", "List every subscription: event, address, id, owner");
 
     try {
         app.parse(argc, argv);
@@ -156,5 +157,6 @@ int main(int argc, char** argv) {
     if (*task) return runTask(p.options, p.task);
     if (*status) return runStatus(p.options);
     if (*locks) return runLocks(p.options);
+    if (*subscriptions) return runSubscriptions(p.options);
     return kExitUsage;
 }

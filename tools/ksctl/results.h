@@ -15,7 +15,7 @@ constexpr int kExitUsage = 2;         // bad command line or unreadable input fi
 constexpr int kExitTimedOut = 3;      // `lock --timeout` expired
 constexpr int kExitUnreachable = 69;  // sysexits' EX_UNAVAILABLE: the daemon could not be reached
 
-enum class Domain { Generic, Job, Lock, Task, Notify, Query };
+enum class Domain { Generic, Job, Lock, Task, Notify };
 
 // Words for a negative result in a domain ("no such job"); generic errno words otherwise.
 std::string resultWords(Domain domain, int code);

@@ -6,6 +6,7 @@
 namespace ksctl {
 namespace {
 constexpr std::string_view kDefaultPipe = "osm_ks_shrsvc";
+constexpr int kDefaultPort = 1311;
 }
 
 void selectDaemon(const std::optional<std::string>& pipe, const std::optional<int>& tcpPort) {
@@ -14,6 +15,25 @@ void selectDaemon(const std::optional<std::string>& pipe, const std::optional<in
     } else if (tcpPort) {
         ::setenv("KSINTF_CONN_TYPE", ("socket:" + std::to_string(*tcpPort)).c_str(), 1);
     }
+}
+
+DaemonAddress daemonAddress() {
+    const char* env = std::getenv("KSINTF_CONN_TYPE");
+    std::string_view type = env ? env : "";
+    DaemonAddress address;
+    if (type.starts_with("socket")) {
+        address.tcp = true;
+        address.port = kDefaultPort;
+        if (type.size() > 6 && type[6] == ':') {
+            std::string_view rest = type.substr(7);
+            const auto colon = rest.rfind(':');
+            if (colon != std::string_view::npos) address.host = std::string(rest.substr(0, colon));
+            address.port = std::atoi(std::string(rest.substr(colon == std::string_view::npos ? 0 : colon + 1)).c_str());
+        }
+        return address;
+    }
+    address.pipe = type.starts_with("pipe:") ? std::string(type.substr(5)) : std::string(kDefaultPipe);
+    return address;
 }
 
 std::string describeDaemon() {

@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "OrvoLogging.h"
-#include "protocol/json_text.h"
+#include "json/json_text.h"
 
 namespace ksd {
 
@@ -14,12 +14,6 @@ namespace {
 namespace Codec = OrvoNet::Codec;
 
 constexpr std::int64_t kTimedOut = -ETIMEDOUT;  // -110
-
-std::string longReply(std::int64_t value) {
-    std::string out;
-    Codec::putLong(out, value);
-    return out;
-}
 
 // Whether `caller` may free a lock taken by `holder`: the same user, or root.
 // A TCP client has no user: it may free only what a TCP client took.
@@ -231,7 +225,7 @@ std::string ArbiterService::query(std::string_view what) const {
         const Holder& h = *resource.holder;
         if (i != 0) out.push_back(',');
         out += "{\"name\":";
-        appendJsonString(out, name);
+        jsontext::appendString(out, name);
         out += ",\"handle\":" + std::to_string(h.handle);
         if (h.peer.isUnix) {
             out += ",\"pid\":" + std::to_string(h.peer.pid) + ",\"uid\":" + std::to_string(h.peer.uid);

@@ -3,7 +3,7 @@
 #include <cerrno>
 
 #include "OrvoLogging.h"
-#include "protocol/json_text.h"
+#include "json/json_text.h"
 #include "store/schema.h"
 
 namespace ksd {
@@ -13,12 +13,6 @@ namespace {
 namespace Codec = OrvoNet::Codec;
 using jobs::JobEvent;
 using jobs::Outcome;
-
-std::string longReply(std::int64_t value) {
-    std::string out;
-    Codec::putLong(out, value);
-    return out;
-}
 
 // MAP_JOB: id, count, then `count` app ids; the count is bounded before any
 // id is awaited, so a client cannot make the daemon collect an endless list.
@@ -124,11 +118,11 @@ std::string JobStatusService::query(std::string_view what) const {
         if (!first) out.push_back(',');
         first = false;
         out += "{\"id\":" + std::to_string(id) + ",\"name\":";
-        appendJsonString(out, job.name);
+        jsontext::appendString(out, job.name);
         out += ",\"description\":";
-        appendJsonString(out, job.description);
+        jsontext::appendString(out, job.description);
         out += ",\"progress\":" + std::to_string(job.progress) + ",\"state\":";
-        appendJsonString(out, jobs::stateName(job.state));
+        jsontext::appendString(out, jobs::stateName(job.state));
         out += ",\"owner_uid\":" + std::to_string(job.owner) + ",\"app_ids\":[";
         for (std::size_t i = 0; i < job.appIds.size(); ++i) {
             if (i != 0) out.push_back(',');

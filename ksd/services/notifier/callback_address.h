@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "server/endpoints.h"
+#include "net/endpoints.h"
 
 namespace ksd {
 

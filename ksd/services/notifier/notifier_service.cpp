@@ -8,9 +8,8 @@
 
 #include "OrvoCodec.h"
 #include "OrvoLogging.h"
-#include "protocol/json_text.h"
+#include "json/json_text.h"
 #include "services/notifier/callback_address.h"
-#include "services/notifier/operator_query.h"
 #include "services/notifier/push_frame.h"
 
 namespace ksd {
@@ -24,16 +23,12 @@ constexpr std::string_view kUnregister = "TRVX_NN_UNREGISTER";
 constexpr std::string_view kNotify = "TRVX_NN_NOTIFY";
 constexpr std::string_view kDaemonSender = "ksd";
 
-std::string intReply(std::int32_t v) {
-    std::string out;
-    Codec::putInt(out, v);
-    return out;
-}
-
-std::string longReply(std::int64_t v) {
-    std::string out;
-    Codec::putLong(out, v);
-    return out;
+// Event names only the daemon publishes (clients may subscribe to them). The
+// client library reserves these by their first 11 characters.
+bool isDaemonEventName(std::string_view event) {
+    for (std::string_view prefix : {"OrvoRAEvent", "OrvoJSEvent", "OrvoTSEvent"})
+        if (event.substr(0, prefix.size()) == prefix) return true;
+    return false;
 }
 
 }  // namespace
@@ -141,30 +136,12 @@ void NotifierService::handleNotify(Request& request) {
     const std::string& event = request.fields[1].text;
     const std::string& text = request.fields[2].text;
     const std::string& payload = request.fields[4].text;
-    if (event == kQueryEvent) {
-        handleQuery(request, text, payload);
-        return;
-    }
     if (isDaemonEventName(event)) {
         request.responder->fail(EACCES, "event '" + event + "' is published by the daemon only");
         return;
     }
     const std::size_t queued = publish(sender, event, text, payload);
     request.responder->reply(longReply(static_cast<std::int64_t>(queued)));
-}
-
-void NotifierService::handleQuery(Request& request, const std::string& query, const std::string& token) {
-    if (!isValidQueryToken(token)) {
-        request.responder->reply(longReply(0));
-        return;
-    }
-    request.responder->reply(longReply(1));
-    // Answered after the reply, on a later turn of the loop.
-    asio::post(io_, [this, query, event = replyEventName(token)] {
-        std::string answer = answerer_ ? answerer_(query) : std::string();
-        if (answer.empty()) answer = "{\"error\":" + jsonString("unknown query '" + query + "'") + "}";
-        publish(kDaemonSender, event, answer, {});
-    });
 }
 
 std::size_t NotifierService::publish(std::string_view sender, std::string_view event, std::string_view text,
@@ -205,6 +182,7 @@ void NotifierService::channelFailed(PushChannel& channel, const std::string& rea
     const std::size_t dropped = table_.removeAddress(address);
     ORVO_LOG(4, "ksd: notifier: dropped " << static_cast<unsigned long>(dropped) << " subscriptions of " << address
                                           << " (" << reason << ")");
+    channel.detach();
     channels_.erase(address);
 }
 
@@ -212,6 +190,7 @@ void NotifierService::channelIdle(PushChannel& channel) {
     if (table_.countForAddress(channel.address()) != 0) return;
     const std::string address = channel.address();
     channel.close();
+    channel.detach();
     channels_.erase(address);
 }
 
@@ -228,7 +207,10 @@ void NotifierService::shutdown() {
     shutDown_ = true;
     auto channels = std::move(channels_);
     channels_.clear();
-    for (auto& [address, channel] : channels) channel->close();
+    for (auto& [address, channel] : channels) {
+        channel->detach();
+        channel->close();
+    }
 }
 
 std::vector<StatusItem> NotifierService::status() const {
@@ -251,9 +233,9 @@ std::string NotifierService::query(std::string_view what) const {
     for (const auto& [key, sub] : table_.all()) {
         if (out.size() > 1) out.push_back(',');
         out += "{\"event\":";
-        appendJsonString(out, sub.event);
+        jsontext::appendString(out, sub.event);
         out += ",\"address\":";
-        appendJsonString(out, key.address);
+        jsontext::appendString(out, key.address);
         out += ",\"id\":" + std::to_string(key.callbackId);
         out += ",\"uid\":" + std::to_string(static_cast<long>(static_cast<std::int32_t>(sub.owner))) + "}";
     }

@@ -3,8 +3,7 @@
 
 // The notification network ("Notifier"): subscriptions by event name, and
 // asynchronous delivery, in publication order per callback address, over one
-// push connection per address. Also the daemon's own event publisher and the
-// carrier of operator queries.
+// push connection per address. Also the daemon's own event publisher.
 
 #include <asio/io_context.hpp>
 #include <cstdint>
@@ -23,9 +22,6 @@ namespace ksd {
 
 class NotifierService final : public Service, public EventPublisher, private PushChannelOwner {
 public:
-    // Answers an operator query ("status", "jobs", ...) as one JSON value.
-    using QueryAnswerer = std::function<std::string(std::string_view query)>;
-
     explicit NotifierService(asio::io_context& io, NotifierLimits limits = {});
     ~NotifierService() override;
 
@@ -40,7 +36,6 @@ public:
     // Queues a notification for every subscriber of `event`; returns how many took it.
     std::size_t publish(std::string_view sender, std::string_view event, std::string_view text,
                         std::string_view payload);
-    void setQueryAnswerer(QueryAnswerer answerer) { answerer_ = std::move(answerer); }
     // Closes every push connection; later publications go nowhere.
     void shutdown();
 
@@ -48,7 +43,6 @@ private:
     void handleRegister(Request& request);
     void handleUnregister(Request& request);
     void handleNotify(Request& request);
-    void handleQuery(Request& request, const std::string& query, const std::string& token);
     PushChannel* channelFor(const std::string& address);
 
     void channelFailed(PushChannel& channel, const std::string& reason) override;
@@ -62,7 +56,6 @@ private:
     FieldPlan notifyPlan_;
     SubscriptionTable table_;
     std::unordered_map<std::string, std::shared_ptr<PushChannel>> channels_;
-    QueryAnswerer answerer_;
     std::uint64_t queueDrops_ = 0;
     std::uint64_t published_ = 0;
     bool shutDown_ = false;

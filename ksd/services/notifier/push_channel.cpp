@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "OrvoLogging.h"
-#include "server/peer_credentials.h"
+#include "net/peer_credentials.h"
 
 namespace ksd {
 
@@ -21,7 +21,14 @@ PushChannel::PushChannel(asio::io_context& io, std::string addressText, Callback
       addressText_(std::move(addressText)),
       address_(std::move(address)),
       limits_(limits),
-      owner_(owner) {}
+      owner_(&owner) {}
+
+template <typename Report>
+void PushChannel::report(Report report) {
+    asio::post(socket_.get_executor(), [self = shared_from_this(), report = std::move(report)] {
+        if (self->owner_ != nullptr) report(*self->owner_, *self);
+    });
+}
 
 PushChannel::~PushChannel() = default;
 
@@ -116,13 +123,10 @@ void PushChannel::writeQueued() {
         ++inFlight_;
         ++it;
     }
-    if (!refused.empty()) {
-        auto self = shared_from_this();
-        for (auto& [id, owner] : refused) owner_.subscriberRefused(*this, id, owner);
-        if (state_ != State::Ready) return;
-    }
+    for (auto [id, owner] : refused)
+        report([id, owner](PushChannelOwner& o, PushChannel& c) { o.subscriberRefused(c, id, owner); });
     if (inFlight_ == 0) {
-        owner_.channelIdle(*this);
+        report([](PushChannelOwner& o, PushChannel& c) { o.channelIdle(c); });
         return;
     }
     asio::async_write(socket_, buffers_, [self = shared_from_this()](const std::error_code& ec, std::size_t) {
@@ -163,7 +167,7 @@ void PushChannel::fail(const std::string& reason) {
     ORVO_LOG(4, "ksd: notifier: callback address " << addressText_ << " unreachable (" << reason
                                                    << "), dropping its subscriptions");
     close();
-    owner_.channelFailed(*this, reason);
+    report([reason](PushChannelOwner& o, PushChannel& c) { o.channelFailed(c, reason); });
 }
 
 void PushChannel::close() {

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "server/endpoints.h"
+#include "net/endpoints.h"
 #include "services/notifier/callback_address.h"
 #include "services/notifier/notifier_limits.h"
 #include "services/notifier/push_frame.h"
@@ -26,8 +26,9 @@ namespace ksd {
 
 class PushChannel;
 
-// What a channel reports to whoever owns it; called on the event loop, never
-// from inside push().
+// What a channel reports to whoever owns it: always on a later turn of the
+// event loop, never from inside one of the channel's own calls, so the owner
+// may drop the channel at once.
 class PushChannelOwner {
 public:
     virtual ~PushChannelOwner() = default;
@@ -50,6 +51,8 @@ public:
     // Queues one frame; false when the queue is full (dropped and counted).
     bool push(std::int32_t callbackId, uid_t owner, std::shared_ptr<const std::string> payload);
     void close();
+    // The owner hears nothing more (it is dropping the channel or going away).
+    void detach() { owner_ = nullptr; }
 
     const std::string& address() const { return addressText_; }
     std::size_t queuedFrames() const { return queue_.size(); }
@@ -72,13 +75,15 @@ private:
     void watchPeer();
     void fail(const std::string& reason);
     bool ownerAccepted(uid_t owner) const;
+    template <typename Report>
+    void report(Report report);
 
     GenericSocket socket_;
     asio::steady_timer connectTimer_;
     std::string addressText_;
     CallbackAddress address_;
     const NotifierLimits& limits_;
-    PushChannelOwner& owner_;
+    PushChannelOwner* owner_;
     State state_ = State::Idle;
     std::optional<uid_t> listenerUid_;
     std::deque<Item> queue_;

@@ -25,12 +25,6 @@ constexpr std::int64_t kNeverRan = -ENODATA;  // -61
 // Wake at least this often, so that a change of the system clock delays a run by no more.
 constexpr std::time_t kMaxSleep = 60;
 
-std::string longReply(std::int64_t value) {
-    std::string out;
-    Codec::putLong(out, value);
-    return out;
-}
-
 bool fitsInt(std::int64_t v) { return v >= INT_MIN && v <= INT_MAX; }
 
 // A name shows in tab-separated lists one per line: no control characters.

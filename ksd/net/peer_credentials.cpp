@@ -1,4 +1,4 @@
-#include "server/peer_credentials.h"
+#include "net/peer_credentials.h"
 
 #include <sys/socket.h>
 

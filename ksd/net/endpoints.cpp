@@ -1,4 +1,4 @@
-#include "server/endpoints.h"
+#include "net/endpoints.h"
 
 #include <asio/ip/tcp.hpp>
 #include <asio/local/stream_protocol.hpp>

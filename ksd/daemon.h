@@ -1,5 +1,5 @@
-#ifndef KSD_SERVER_DAEMON_H
-#define KSD_SERVER_DAEMON_H
+#ifndef KSD_DAEMON_H
+#define KSD_DAEMON_H
 
 // The whole daemon: one event loop, the registry of services (Notifier
 // first, the others publish through it) and the server. Listens as soon as
@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "server/daemon_options.h"
+#include "daemon_options.h"
 #include "server/server.h"
 #include "services/notifier/notifier_service.h"
 #include "services/registry.h"

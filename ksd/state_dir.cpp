@@ -1,4 +1,4 @@
-#include "server/state_dir.h"
+#include "state_dir.h"
 
 #include <pwd.h>
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
-#ifndef KSD_SERVER_PEER_CREDENTIALS_H
-#define KSD_SERVER_PEER_CREDENTIALS_H
+#ifndef KSD_NET_PEER_CREDENTIALS_H
+#define KSD_NET_PEER_CREDENTIALS_H
 
 // The identity of the process at the other end of a Unix socket, as the
 // kernel vouches for it (SO_PEERCRED).

@@ -1,5 +1,5 @@
-#ifndef KSD_SERVER_ENDPOINTS_H
-#define KSD_SERVER_ENDPOINTS_H
+#ifndef KSD_NET_ENDPOINTS_H
+#define KSD_NET_ENDPOINTS_H
 
 // Socket addresses as the wire names them: a pipe name without '/' is an
 // abstract Unix name (exact address length), with '/' a socket path.

@@ -1,5 +1,5 @@
-#ifndef KSD_SERVER_DAEMON_OPTIONS_H
-#define KSD_SERVER_DAEMON_OPTIONS_H
+#ifndef KSD_DAEMON_OPTIONS_H
+#define KSD_DAEMON_OPTIONS_H
 
 // Everything a Daemon is built from: where it listens, where its state
 // lives, and its limits (tests shrink them).

@@ -1,5 +1,5 @@
-#ifndef KSD_SERVER_DAEMON_THREAD_H
-#define KSD_SERVER_DAEMON_THREAD_H
+#ifndef KSTEST_DAEMON_THREAD_H
+#define KSTEST_DAEMON_THREAD_H
 
 // A Daemon running on a thread of its own, for tests and benchmarks that
 // want a real daemon in-process. Listening when constructed; stopped and
@@ -11,7 +11,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "server/daemon.h"
+#include "daemon.h"
 
 namespace ksd {
 

@@ -1,5 +1,5 @@
-// Stand-ins for what a service talks to, shared by the Arbiter and JobStatus
-// unit tests: a Responder that records its answer, an EventPublisher that
+// Stand-ins for what a service talks to, shared by the Arbiter, JobStatus
+// and Notifier unit tests: a Responder that records its answer, an EventPublisher that
 // records events, and a ProcessMonitor the test ends processes of.
 #pragma once
 #include <map>
@@ -25,12 +25,12 @@ public:
         if (answers == 0 && closeHandler) std::exchange(closeHandler, nullptr)();
     }
     bool answered() const { return replied.has_value() || failCode.has_value(); }
-    // The reply's one long, decoded; nullopt when there is none or it is not one long.
+    // The reply's one long or int, decoded; nullopt when there is none or it is not one long.
     std::optional<std::int64_t> value() const {
         OrvoNet::Codec::Value v;
         std::size_t used = 0; int error = 0;
         if (!replied || OrvoNet::Codec::decode(replied->data(), replied->size(), v, used, error) !=
-                            OrvoNet::Codec::Result::good || v.tag != OrvoNet::Codec::kTagLong || used != replied->size())
+                            OrvoNet::Codec::Result::good || (v.tag != OrvoNet::Codec::kTagLong && v.tag != OrvoNet::Codec::kTagInt) || used != replied->size())
             return std::nullopt;
         return v.integer;
     }

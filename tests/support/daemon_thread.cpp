@@ -1,4 +1,4 @@
-#include "server/daemon_thread.h"
+#include "daemon_thread.h"
 
 namespace ksd {
 

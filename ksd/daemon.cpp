@@ -1,11 +1,11 @@
-#include "server/daemon.h"
+#include "daemon.h"
 
 #include <asio/post.hpp>
 #include <utility>
 
 #include "OrvoLogging.h"
-#include "server/state_dir.h"
-#include "server/status_report.h"
+#include "state_dir.h"
+#include "services/operator/operator_service.h"
 #include "services/service_context.h"
 
 namespace ksd {
@@ -20,9 +20,11 @@ Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     ServiceContext context{io_, *notifier_, options_.stateDir};
     registerServices(registry_, context);
 
+    registry_.add(std::make_unique<OperatorService>(registry_, [this]() -> std::vector<StatusItem> {
+        return {{"connections", static_cast<std::int64_t>(server_->connectionCount())}};
+    }));
+
     server_ = std::make_unique<Server>(io_, registry_, options_.server);
-    notifier_->setQueryAnswerer(
-        [this](std::string_view query) { return answerOperatorQuery(query, registry_, server_->connectionCount()); });
     server_->listenPipe(options_.pipe);
     if (options_.tcpPort >= 0) server_->listenTcp(static_cast<std::uint16_t>(options_.tcpPort));
     server_->start();

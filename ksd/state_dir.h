@@ -1,5 +1,5 @@
-#ifndef KSD_SERVER_STATE_DIR_H
-#define KSD_SERVER_STATE_DIR_H
+#ifndef KSD_STATE_DIR_H
+#define KSD_STATE_DIR_H
 
 // Where the daemon keeps its state when not told: /var/lib/ksd as root,
 // else $XDG_STATE_HOME/ksd or ~/.local/state/ksd.

@@ -1,0 +1,43 @@
+#ifndef KSD_SERVICES_OPERATOR_OPERATOR_SERVICE_H
+#define KSD_SERVICES_OPERATOR_OPERATOR_SERVICE_H
+
+// The operator's questions to the running daemon ("status", "locks", "jobs",
+// "subscriptions"): one request, one reply carrying the answer as JSON text.
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "services/registry.h"
+#include "services/service.h"
+
+namespace ksd {
+
+class OperatorService final : public Service {
+public:
+    static constexpr std::string_view kName = "KsdOperator";
+    static constexpr std::string_view kQuery = "KSD_OP_QUERY";
+
+    // Counters of the daemon itself (connections, ...), asked at each "status".
+    using DaemonStatus = std::function<std::vector<StatusItem>()>;
+
+    // `registry` holds the services asked; it outlives this service.
+    OperatorService(const Registry& registry, DaemonStatus daemonStatus);
+
+    std::string_view name() const override { return kName; }
+    const FieldPlan* plan(std::string_view request) const override;
+    void handle(Request& request) override;
+
+    // The JSON answer, or empty when no service knows the query.
+    std::string answer(std::string_view query) const;
+
+private:
+    const Registry& registry_;
+    DaemonStatus daemonStatus_;
+    FieldPlan queryPlan_;
+};
+
+}  // namespace ksd
+
+#endif

@@ -1,0 +1,32 @@
+#ifndef KSCTL_OPERATOR_QUERY_H
+#define KSCTL_OPERATOR_QUERY_H
+
+// Asks ksd an operator query ("status", "locks", "jobs", "subscriptions"): one
+// request on its own connection, answered by one JSON text or an error value.
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+#include "commands.h"
+#include "json.h"
+
+namespace ksctl {
+
+struct QueryAnswer {
+    enum class Outcome { Answered, Refused, Unreachable, NoAnswer };
+    Outcome outcome = Outcome::NoAnswer;
+    int code = 0;         // Refused, Unreachable: the errno the daemon or the socket gave
+    std::string text;     // Answered: the JSON; otherwise the reason in words
+};
+
+// Gives up after `timeout` (a daemon that accepts but never answers).
+QueryAnswer queryDaemon(std::string_view what, std::chrono::milliseconds timeout);
+
+// Runs a query and prints its answer (JSON as is with --json, else a table or "name  value"
+// lines, or `emptyText` for an empty array). The answer must be of the `expected` kind.
+int printQuery(const GlobalOptions& options, const char* what, JsonValue::Kind expected, const char* emptyText);
+
+}  // namespace ksctl
+
+#endif
