@@ -9,6 +9,7 @@
 
 #include "OrvoException.h"
 #include "OrvoJobStatus.h"
+#include "OrvoLibraryConnection.h"
 #include "OrvoNotificationNetwork.h"
 #include "OrvoObjectBase.h"
 #include "OrvoResourceArbitration.h"
@@ -111,6 +112,20 @@ void finitFamilyMap(Map* pMap) {
     if (pMap != nullptr) {
         pMap->clear();
         delete pMap;
+    }
+}
+
+// One request whose reply is a single long, kept as its low 32 bits: open a
+// connection to `pszEngine`, let `writeFields` send the fields, read the
+// reply. An OrvoException becomes what `onFailure` makes of it.
+template <class WriteFields, class OnFailure>
+int longReplyRequest(const char* pszEngine, const char* pszCommand, WriteFields writeFields, OnFailure onFailure) {
+    try {
+        OrvoLibraryConnection connection{OrvoSupport::OrvoString(pszEngine), OrvoSupport::OrvoString(pszCommand)};
+        writeFields(connection);
+        return static_cast<int>(connection.receiveLong());
+    } catch (OrvoSupport::OrvoException& e) {
+        return onFailure(e);
     }
 }
 

@@ -18,17 +18,11 @@ namespace {
 
 const char* const kEngineName = "JobStatus";
 
-// One request: open, let `writeFields` send the fields, read the long reply
-// and keep its low 32 bits. Only OrvoException is turned into minus its code.
+// Job calls report a failed exchange as minus its code, without logging.
 template <class WriteFields>
 int jobRequest(const char* pszCommand, WriteFields writeFields) {
-    try {
-        OrvoLibraryConnection connection{OrvoString(kEngineName), OrvoString(pszCommand)};
-        writeFields(connection);
-        return static_cast<int>(connection.receiveLong());
-    } catch (OrvoException& e) {
-        return -e.getCode();
-    }
+    return KSInterface::longReplyRequest(kEngineName, pszCommand, writeFields,
+                                         [](const OrvoException& e) { return -e.getCode(); });
 }
 
 }  // namespace

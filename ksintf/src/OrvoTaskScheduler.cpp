@@ -27,16 +27,11 @@ const char* const kEngineName = "Scheduler";
 // Only the length of this text is reported after a failed exchange.
 constexpr std::string_view kExecutionInfoError = "Error in execution information";
 
-// One request whose reply is a single long, kept as its low 32 bits.
+// Scheduler calls log a failed exchange under the calling function's name.
 template <class WriteFields>
 int longReplyRequest(const char* pszFunction, const char* pszCommand, WriteFields writeFields) {
-    try {
-        OrvoLibraryConnection connection{OrvoString(kEngineName), OrvoString(pszCommand)};
-        writeFields(connection);
-        return static_cast<int>(connection.receiveLong());
-    } catch (OrvoException& e) {
-        return failedExchange(pszFunction, e);
-    }
+    return KSInterface::longReplyRequest(kEngineName, pszCommand, writeFields,
+                                         [&](const OrvoException& e) { return failedExchange(pszFunction, e); });
 }
 
 int handleRequest(const char* pszFunction, const char* pszCommand, int hTask) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "OrvoTaskScheduler.h"
+#include "away_from_midnight.h"
 #include "fake_daemon.h"
 
 using namespace kstest;
@@ -101,6 +102,7 @@ TEST_F(TaskSchedulerWireTest, EachRequestWritesItsFieldsAndNarrowsTheReply) {
 }
 
 TEST_F(TaskSchedulerWireTest, ScheduleTaskChecksInTheirOddCodeOrderWithoutContactingTheDaemon) {
+    kstest::awayFromMidnight();
     const int nThis = KSInterface::GetYear(), nLeap = nextYear(true), nPlain = nextYear(false);
     struct Case { int nMonth, nDay, nYear, nHour, nMinute, nSecond, nCode; };
     // The month first, day 0 before the month length, the year (-4) before the month length (-3).
