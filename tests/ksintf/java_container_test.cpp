@@ -158,15 +158,26 @@ TEST_F(JavaContainer, StopReleasesABlockedWaiterAndUnregistersOutsideTheLock) {
         result.set_value(wait(id, sp));
     });
     blocked.get_future().wait();
-    // From here the waiter sits in consume; stop must wake it.
-    LogHook log2;
-    log2.on("stopJavaWaitNotification: unregister notification", [&] {
-        std::thread([&] {
-            const bool bFree = m_container.mutex().tryLock();
-            if (bFree) m_container.mutex().unlock();
-            nLockedDuringUnregister = bFree ? 0 : 1;
-        }).join();
-    });
+    // From here the waiter sits in consume; stop must wake it. The daemon
+    // sees whether the container stays locked while it is being unregistered
+    // (the woken waiter may take the lock for a moment: only a lock that stays
+    // held counts).
+    kstest::Script unregister;
+    unregister.request = "TRVX_NN_UNREGISTER";
+    unregister.fields = {kstest::Field::String(), kstest::Field::Int()};
+    unregister.replyFn = [&](const kstest::Request&) {
+        bool bFree = false;
+        for (int i = 0; i < 200 && !bFree; ++i) {
+            bFree = m_container.mutex().tryLock();
+            if (bFree)
+                m_container.mutex().unlock();
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        nLockedDuringUnregister = bFree ? 0 : 1;
+        return kstest::Wire().addInt(0).bytes();
+    };
+    m_daemon.expect(unregister);
     m_container.stopJavaWaitNotification(id);
     waiter.join();
     EXPECT_FALSE(result.get_future().get());
