@@ -129,6 +129,11 @@ int longReplyRequest(const char* pszEngine, const char* pszCommand, WriteFields 
     }
 }
 
+// waitForNotification of the Java lock, job and task classes: blocks for the
+// registration's next event and answers the first native-order int of its
+// payload (-1 once stopped), with level-9 records under `pszClass`.
+KSINTF_API int waitForJavaEventCode(int hRegistration, const char* pszClass);
+
 }  // namespace KSInterface
 
 #endif

@@ -1,5 +1,6 @@
 // Start and stop of libksintf, and the event-name builders of the families.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -203,6 +204,25 @@ void OrvoJavaNotificationCallbackContainer::stopJavaWaitNotification(int hRegist
     ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::stopJavaWaitNotification: unregister notification");
     OrvoNNUnregisterForNotification(hRegistration);
     ORVO_LOG(9, "OrvoJavaNotificationCallbackContainer::stopJavaWaitNotification: unregistered");
+}
+
+int waitForJavaEventCode(int hRegistration, const char* pszClass) {
+    OrvoJavaNotificationCallbackContainer& container = OrvoJavaNotificationCallbackContainer::getInstance();
+    ORVO_LOG(9, pszClass << "::waitForNotification: enter");
+    OrvoCriticalSection lock(container.mutex());
+    OrvoJavaNotificationSP spNotification;
+    int nResult = -1;
+    if (!container.waitForJavaNotification(hRegistration, spNotification)) {
+        ORVO_LOG(9, pszClass << "::waitForNotification: no notification");
+    } else {
+        ORVO_LOG(9, pszClass << "::waitForNotification: have a notification");
+        // A shorter payload fills only its own bytes of the code.
+        const OrvoNNNotification& record = spNotification->notification();
+        nResult = 0;
+        std::memcpy(&nResult, record.m_pData, std::min<std::size_t>(sizeof(nResult), record.m_nDataLength));
+    }
+    ORVO_LOG(9, pszClass << "::waitForNotification: exit");
+    return nResult;
 }
 
 void OrvoJavaNotificationCallbackContainer::JavaNotificationCallback(const char* pszEventName,

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoCriticalSection.h"
 #include "OrvoLogging.h"
@@ -48,23 +49,7 @@ JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_regForN
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_waitForNotification(JNIEnv*, jobject,
                                                                                            jint hRegistration) {
-    OrvoJavaNotificationCallbackContainer& container = OrvoJavaNotificationCallbackContainer::getInstance();
-    ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::waitForNotification: enter");
-    OrvoCriticalSection lock(container.mutex());
-    OrvoJavaNotificationSP spNotification;
-    int nResult = -1;
-    if (!container.waitForJavaNotification(hRegistration, spNotification)) {
-        ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::waitForNotification: no notification");
-    } else {
-        ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::waitForNotification: have a notification");
-        // The code is the payload's first native-order int; a shorter payload
-        // fills only its own bytes of it.
-        const OrvoNNNotification& record = spNotification->notification();
-        nResult = 0;
-        std::memcpy(&nResult, record.m_pData, std::min<std::size_t>(sizeof(nResult), record.m_nDataLength));
-    }
-    ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.ResourceLock::waitForNotification: exit");
-    return nResult;
+    return KSInterface::waitForJavaEventCode(hRegistration, "Java.com.orvo.ksa.common.arbitration.ResourceLock");
 }
 
 JNIEXPORT void JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_stopWaitNotification(JNIEnv*, jobject,

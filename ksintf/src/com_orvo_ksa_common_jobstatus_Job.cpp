@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoCriticalSection.h"
 #include "OrvoJobStatus.h"
@@ -81,23 +82,7 @@ JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_regForNotification
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_waitForNotification(JNIEnv*, jobject,
                                                                                  jint hRegistration) {
-    OrvoJavaNotificationCallbackContainer& container = OrvoJavaNotificationCallbackContainer::getInstance();
-    ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::waitForNotification: enter");
-    OrvoCriticalSection lock(container.mutex());
-    OrvoJavaNotificationSP spNotification;
-    int nResult = -1;
-    if (!container.waitForJavaNotification(hRegistration, spNotification)) {
-        ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::waitForNotification: no notification");
-    } else {
-        ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::waitForNotification: have a notification");
-        // The code is the payload's first native-order int; a shorter payload
-        // fills only its own bytes of it.
-        const OrvoNNNotification& record = spNotification->notification();
-        nResult = 0;
-        std::memcpy(&nResult, record.m_pData, std::min<std::size_t>(sizeof(nResult), record.m_nDataLength));
-    }
-    ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::waitForNotification: exit");
-    return nResult;
+    return KSInterface::waitForJavaEventCode(hRegistration, "Java.com.orvo.ksa.common.jobstatus.Job");
 }
 
 JNIEXPORT void JNICALL Java_com_orvo_ksa_common_jobstatus_Job_stopWaitNotification(JNIEnv*, jobject,

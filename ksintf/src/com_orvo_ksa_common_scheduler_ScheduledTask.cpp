@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoCriticalSection.h"
 #include "OrvoLogging.h"
@@ -126,23 +127,7 @@ JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_regForNo
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_waitForNotification(JNIEnv*, jobject,
                                                                                            jint hRegistration) {
-    OrvoJavaNotificationCallbackContainer& container = OrvoJavaNotificationCallbackContainer::getInstance();
-    ORVO_LOG(9, "Java.com.orvo.ksa.common.scheduler.ScheduledTask::waitForNotification: enter");
-    OrvoCriticalSection lock(container.mutex());
-    OrvoJavaNotificationSP spNotification;
-    int nResult = -1;
-    if (!container.waitForJavaNotification(hRegistration, spNotification)) {
-        ORVO_LOG(9, "Java.com.orvo.ksa.common.scheduler.ScheduledTask::waitForNotification: no notification");
-    } else {
-        ORVO_LOG(9, "Java.com.orvo.ksa.common.scheduler.ScheduledTask::waitForNotification: have a notification");
-        // The code is the payload's first native-order int; a shorter payload
-        // fills only its own bytes of it.
-        const OrvoNNNotification& record = spNotification->notification();
-        nResult = 0;
-        std::memcpy(&nResult, record.m_pData, std::min<std::size_t>(sizeof(nResult), record.m_nDataLength));
-    }
-    ORVO_LOG(9, "Java.com.orvo.ksa.common.scheduler.ScheduledTask::waitForNotification: exit");
-    return nResult;
+    return KSInterface::waitForJavaEventCode(hRegistration, "Java.com.orvo.ksa.common.scheduler.ScheduledTask");
 }
 
 JNIEXPORT void JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_stopWaitNotification(JNIEnv*, jobject,
