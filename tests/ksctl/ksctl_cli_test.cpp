@@ -59,7 +59,7 @@ protected:
 
 TEST(KsctlUsage, BadCommandLinesExitTwoWithOneLine) {
     const std::vector<std::vector<std::string>> bad = {
-        {}, {"frobnicate"}, {"job", "progress", "abc"}, {"lock", "printer"}, {"subscribe", "demo", "--count", "0"},
+        {}, {"frobnicate"}, {"job", "progress"}, {"lock", "printer"}, {"lock", "r", "--timeout", "-1", "--", "true"}, {"subscribe", "demo", "--count", "0"},
         {"--pipe", "a", "--tcp-port", "7000", "status"}, {"--tcp-port", "70000", "status"}};
     for (const auto& args : bad) {
         RunResult r = runKsctl(args);
@@ -189,6 +189,44 @@ TEST_F(KsctlCli, JobLifecycleWithJsonOutput) {
     EXPECT_EQ(run({"job", "list"}).out, "no jobs\n");
 }
 
+TEST_F(KsctlCli, JobsByNameWatchedToTheirEndWithMessagesThatSayWhy) {
+    ASSERT_EQ(run({"job", "create", "w1"}).exitCode, 0);
+    KsctlRun watch(cmd({"job", "watch", "w1"}, true));
+    // Once the watcher's subscription is in, every later change reaches it.
+    ASSERT_TRUE(waitUntil([&] {
+        return kstest::operatorQuery("pipe:" + ksd_.pipeName(), "subscriptions").find("OrvoJSEvent:w1$") !=
+               std::string::npos;
+    }));
+    EXPECT_EQ(run({"job", "progress", "w1", "40"}).exitCode, 0) << "a job named instead of numbered";
+    EXPECT_EQ(run({"job", "progress", "w1", "100"}).exitCode, 0);
+    RunResult watched = watch.wait();
+    EXPECT_EQ(watched.exitCode, 0) << watched.err;
+    const auto events = lines(watched.out);
+    ASSERT_GE(events.size(), 2u) << watched.out;
+    std::string seen;
+    for (const auto& line : events) seen += at(parseLine(line), "progress") + " ";
+    EXPECT_NE(seen.find("40 "), std::string::npos) << watched.out;
+    const JsonValue last = parseLine(events.back());
+    EXPECT_EQ(at(last, "event") + " " + at(last, "progress") + " " + at(last, "name"), "completed 100 w1");
+
+    ASSERT_EQ(run({"job", "create", "w2"}).exitCode, 0);
+    KsctlRun cancelled(cmd({"job", "watch", "w2"}));
+    ASSERT_TRUE(waitUntil([&] {
+        return kstest::operatorQuery("pipe:" + ksd_.pipeName(), "subscriptions").find("OrvoJSEvent:w2$") !=
+               std::string::npos;
+    }));
+    EXPECT_EQ(run({"job", "cancel", "w2"}).exitCode, 0);
+    EXPECT_EQ(cancelled.wait().exitCode, 4);
+    expectOneErrorLine(run({"job", "progress", "w2", "50"}), "the job was cancelled");
+    EXPECT_EQ(run({"job", "watch", "w2"}).exitCode, 4) << "already cancelled";
+
+    expectOneErrorLine(run({"job", "create", ""}), "must not be empty");
+    const RunResult tooLong = run({"job", "create", std::string(10000, 'n')});
+    expectOneErrorLine(tooLong, "1024 bytes");
+    EXPECT_LT(tooLong.err.size(), 300u) << "the name is not echoed back whole";
+    expectOneErrorLine(run({"job", "cancel", "nosuch"}), "no job has that name");
+}
+
 TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {
     ASSERT_EQ(run({"job", "create", "one"}).exitCode, 0);
     RunResult status = runJson({"status"});
@@ -197,6 +235,9 @@ TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {
     for (const char* key : {"connections", "subscriptions", "queue_drops", "locks_held", "jobs"})
         EXPECT_TRUE(s.find(key) && s.find(key)->asInt()) << key << " in " << status.out;
     EXPECT_EQ(at(s, "jobs") + " " + at(s, "locks_held"), "1 0");
+    EXPECT_EQ(at(s, "connections"), "0") << "the asking client is not counted";
+    EXPECT_EQ(at(s, "version"), KS_VERSION);
+    EXPECT_EQ(at(s, "start_time").size(), 19u) << status.out;
     const std::string human = run({"status"}).out;  // name/value lines, not JSON
     EXPECT_TRUE(human.find("locks_held") != std::string::npos && human.find('{') == std::string::npos) << human;
 }

@@ -34,13 +34,25 @@ struct LockArgs {
 };
 
 struct JobArgs {
-    enum class Action { Create, Lookup, Progress, Cancel, Delete, List };
+    enum class Action { Create, Lookup, Progress, Cancel, Delete, List, Watch };
     Action action = Action::List;
     std::string name;
     std::string description;
-    int id = 0;
+    std::string job;             // an id, or a name looked up first
     std::optional<int> percent;  // Progress: set when given, read otherwise
 };
+
+// A job the user named by id or by name.
+struct JobRef {
+    int id = 0;
+    std::string name;  // empty when given by id and not looked up
+};
+
+// Resolves `text` (all digits: an id; otherwise a name, looked up); on failure reports it
+// and returns the exit code in `exitCode`.
+std::optional<JobRef> resolveJob(const std::string& text, int& exitCode);
+
+int runJobWatch(const GlobalOptions& options, const JobArgs& args);
 
 struct TaskArgs {
     enum class Action { Schedule, List, Show, Cancel, BlobPut, BlobGet };

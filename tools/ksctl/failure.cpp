@@ -20,6 +20,17 @@ int probeDaemon() {
     return OrvoJSEGetAllJobProgress(&count, &unused);
 }
 
+namespace {
+
+// A subject names what the user typed; a 10 kB name is cut, not echoed back whole.
+std::string shortSubject(std::string_view subject) {
+    constexpr std::size_t kMost = 80;
+    if (subject.size() <= kMost) return std::string(subject);
+    return std::string(subject.substr(0, kMost)) + "... (" + std::to_string(subject.size()) + " bytes)";
+}
+
+}  // namespace
+
 int reportFailure(std::string_view subject, Domain domain, int code) {
     int transportCode = 0;
     if (isTransportFailure(code)) {
@@ -33,7 +44,7 @@ int reportFailure(std::string_view subject, Domain domain, int code) {
                                std::to_string(transportCode) + ")",
                            kExitUnreachable);
     }
-    return reportError(std::string(subject) + ": " + resultWords(domain, code) + " (" + std::to_string(code) + ")",
+    return reportError(shortSubject(subject) + ": " + resultWords(domain, code) + " (" + std::to_string(code) + ")",
                        kExitRefused);
 }
 

@@ -25,6 +25,13 @@ struct Parsed {
     TaskArgs task;
 };
 
+// CLI11's own range check prints the whole double range in its message.
+const CLI::Validator kNonNegativeMs(
+    [](std::string& text) {
+        return !text.empty() && text[0] == '-' ? std::string("must be 0 or more milliseconds") : std::string();
+    },
+    "MS>=0");
+
 void addJobCommands(CLI::App& job, Parsed& p) {
     job.require_subcommand(1);
     auto* create = job.add_subcommand("create", "Create a job and print its id");
@@ -33,21 +40,27 @@ void addJobCommands(CLI::App& job, Parsed& p) {
     create->callback([&p] { p.job.action = JobArgs::Action::Create; });
 
     auto* lookup = job.add_subcommand("lookup", "Print the id of the job with this name");
-    lookup->add_option("name", p.job.name)->required();
+    lookup->add_option("name", p.job.name, "Job name")->required();
     lookup->callback([&p] { p.job.action = JobArgs::Action::Lookup; });
 
+    const char* const jobHelp = "The job's id, or its name";
     auto* progress = job.add_subcommand("progress", "Print a job's progress, or set it when PERCENT is given");
-    progress->add_option("id", p.job.id)->required();
+    progress->add_option("job", p.job.job, jobHelp)->required();
     progress->add_option("percent", p.job.percent, "New progress, 0 to 100");
     progress->callback([&p] { p.job.action = JobArgs::Action::Progress; });
 
     auto* cancel = job.add_subcommand("cancel", "Cancel a job");
-    cancel->add_option("id", p.job.id)->required();
+    cancel->add_option("job", p.job.job, jobHelp)->required();
     cancel->callback([&p] { p.job.action = JobArgs::Action::Cancel; });
 
     auto* remove = job.add_subcommand("delete", "Delete a job");
-    remove->add_option("id", p.job.id)->required();
+    remove->add_option("job", p.job.job, jobHelp)->required();
     remove->callback([&p] { p.job.action = JobArgs::Action::Delete; });
+
+    auto* watch = job.add_subcommand(
+        "watch", "Follow a job until it completes (exit 0), is cancelled (4) or deleted (5); --json: one object per event");
+    watch->add_option("job", p.job.job, jobHelp)->required();
+    watch->callback([&p] { p.job.action = JobArgs::Action::Watch; });
 
     auto* list = job.add_subcommand("list", "List the daemon's jobs");
     list->callback([&p] { p.job.action = JobArgs::Action::List; });
@@ -74,7 +87,7 @@ void addTaskCommands(CLI::App& task, Parsed& p) {
     put->callback([&p] { p.task.action = TaskArgs::Action::BlobPut; });
 
     auto* get = task.add_subcommand("blob-get", "Write a blob task's bytes to standard output or a file");
-    get->add_option("handle", p.task.handle)->required();
+    get->add_option("handle", p.task.handle, "Task handle")->required();
     get->add_option("--output,-o", p.task.file, "Write here instead of standard output");
     get->callback([&p] { p.task.action = TaskArgs::Action::BlobGet; });
 
@@ -83,11 +96,11 @@ void addTaskCommands(CLI::App& task, Parsed& p) {
     list->callback([&p] { p.task.action = TaskArgs::Action::List; });
 
     auto* show = task.add_subcommand("show", "A task's state, exit code, last and next run");
-    show->add_option("handle", p.task.handle)->required();
+    show->add_option("handle", p.task.handle, "Task handle")->required();
     show->callback([&p] { p.task.action = TaskArgs::Action::Show; });
 
     auto* cancel = task.add_subcommand("cancel", "Cancel a task (a running program is left to finish)");
-    cancel->add_option("handle", p.task.handle)->required();
+    cancel->add_option("handle", p.task.handle, "Task handle")->required();
     cancel->callback([&p] { p.task.action = TaskArgs::Action::Cancel; });
 }
 
@@ -99,6 +112,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", std::string("ksctl ") + KS_VERSION);
+    app.footer(kExitCodeTable);
     auto* pipeOpt = app.add_option("--pipe", p.pipe, "Daemon pipe: abstract name, or socket path when it has a '/'");
     auto* tcpOpt =
         app.add_option("--tcp-port", p.tcpPort, "Reach the daemon over TCP on 127.0.0.1")->check(CLI::Range(1, 65535));
@@ -121,7 +135,7 @@ int main(int argc, char** argv) {
         app.add_subcommand("lock", "Run a command while holding a named lock: lock NAME [--timeout MS] -- CMD...");
     lock->add_option("name", p.lock.name, "Resource name")->required();
     lock->add_option("--timeout", p.lock.timeoutMs, "Give up after this many ms (0: try once; default: wait)")
-        ->check(CLI::NonNegativeNumber);
+        ->check(kNonNegativeMs);
     lock->add_option("command", p.lock.command, "The command and its arguments (run without a shell)")->required();
 
     auto* job = app.add_subcommand("job", "Create, inspect, update and remove jobs");

@@ -19,6 +19,11 @@ constexpr Entry kDomainWords[] = {
     {Domain::Job, -2, "no such job"},
     {Domain::Job, -17, "a live job already has that name"},
     {Domain::Job, -22, "progress must be 0 to 100"},
+    {Domain::Job, -125, "the job was cancelled"},
+    {Domain::JobName, -2, "no job has that name"},
+    {Domain::JobName, -17, "a live job already has that name"},
+    {Domain::JobName, -22, "a job name must not be empty"},
+    {Domain::JobName, -90, "name or description longer than ksd accepts (names: 1024 bytes)"},
     {Domain::Lock, -1, "held by another user"},
     {Domain::Lock, -2, "no such lock handle"},
     {Domain::Lock, -110, "timed out waiting for the lock"},
@@ -60,6 +65,16 @@ bool contains(const int (&codes)[N], int errnoValue) {
 }
 
 }  // namespace
+
+const char* const kExitCodeTable =
+    "Exit codes:\n"
+    "  0   success (job watch: the job completed)\n"
+    "  1   ksd refused the request (the message says why)\n"
+    "  2   bad command line or unreadable input file\n"
+    "  3   lock: the time-out passed before the lock was granted\n"
+    "  4   job watch: the job was cancelled\n"
+    "  5   job watch: the job was deleted\n"
+    "  69  ksd could not be reached\n";
 
 std::string resultWords(Domain domain, int code) {
     for (const auto& e : kDomainWords) {

@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <utility>
+
+#include "OrvoProtocol.h"
 
 #include "json/json_text.h"
 
@@ -24,7 +27,10 @@ void appendItems(std::string& out, const std::vector<StatusItem>& items) {
 }  // namespace
 
 OperatorService::OperatorService(const Registry& registry, DaemonStatus daemonStatus)
-    : registry_(registry), daemonStatus_(std::move(daemonStatus)), queryPlan_(fixedPlan({FieldKind::String})) {}
+    : registry_(registry),
+      daemonStatus_(std::move(daemonStatus)),
+      queryPlan_(fixedPlan({FieldKind::String})),
+      startTime_(std::time(nullptr)) {}
 
 const FieldPlan* OperatorService::plan(std::string_view request) const {
     return request == kQuery ? &queryPlan_ : nullptr;
@@ -33,18 +39,35 @@ const FieldPlan* OperatorService::plan(std::string_view request) const {
 void OperatorService::handle(Request& request) {
     const std::string& query = request.fields[0].text;
     if (query.size() > kMaxQueryLength) return request.responder->fail(EINVAL, "query name too long");
-    std::string json = answer(query);
+    std::string json = answer(query, /*askedOverAConnection=*/true);
     if (json.empty()) return request.responder->fail(EINVAL, "unknown query '" + query + "'");
     request.responder->reply(stringReply(json));
 }
 
-std::string OperatorService::answer(std::string_view query) const {
+std::string OperatorService::answer(std::string_view query, bool askedOverAConnection) const {
     if (query == "status") {
         // Appended piece by piece: GCC 12 misreads `":" + std::to_string(...)`
         // as an overlapping copy at -O3 and -Werror=restrict stops the build.
-        std::string out = "{\"pid\":";
+        std::string out = "{\"version\":";
+        jsontext::appendString(out, KSD_VERSION);
+        out += ",\"protocol\":";
+        out += std::to_string(OrvoNet::Protocol::kProtocolVersion);
+        out += ",\"pid\":";
         out += std::to_string(::getpid());
-        if (daemonStatus_) appendItems(out, daemonStatus_());
+        char started[32] = "";
+        std::tm local{};
+        if (localtime_r(&startTime_, &local)) std::strftime(started, sizeof started, "%F %T", &local);
+        out += ",\"start_time\":";
+        jsontext::appendString(out, started);
+        out += ",\"uptime_s\":";
+        out += std::to_string(std::time(nullptr) - startTime_);
+        if (daemonStatus_) {
+            std::vector<StatusItem> items = daemonStatus_();
+            // The asking client is not one of the connections it asks about.
+            for (StatusItem& item : items)
+                if (item.name == "connections" && askedOverAConnection && item.value > 0) --item.value;
+            appendItems(out, items);
+        }
         for (const auto& service : registry_.services()) appendItems(out, service->status());
         out.push_back('}');
         return out;

@@ -4,6 +4,7 @@
 // The operator's questions to the running daemon ("status", "locks", "jobs",
 // "subscriptions"): one request, one reply carrying the answer as JSON text.
 
+#include <ctime>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -29,13 +30,15 @@ public:
     const FieldPlan* plan(std::string_view request) const override;
     void handle(Request& request) override;
 
-    // The JSON answer, or empty when no service knows the query.
-    std::string answer(std::string_view query) const;
+    // The JSON answer, or empty when no service knows the query. A status
+    // asked over a connection does not count that connection.
+    std::string answer(std::string_view query, bool askedOverAConnection = false) const;
 
 private:
     const Registry& registry_;
     DaemonStatus daemonStatus_;
     FieldPlan queryPlan_;
+    std::time_t startTime_;
 };
 
 }  // namespace ksd
