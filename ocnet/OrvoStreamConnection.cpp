@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -90,12 +91,31 @@ int OrvoStreamConnection::establishImpl(OrvoString& sExceptionMessage) {
         return nCode;
     }
     m_fd = fd;
+    applyReceiveTimeout();
     // The one who answers our requests is the daemon: pushes are accepted
     // only from its uid (or root).
     OrvoPeerCredentials peer;
     if (peerCredentials(fd, peer)) noteDaemonUid(peer.m_nUid);
     if (m_in.size() < kInputBufferSize) m_in.resize(kInputBufferSize);
     return 0;
+}
+
+void OrvoStreamConnection::setReceiveTimeout(long nMs) {
+    m_nReceiveTimeoutMs = nMs;
+    applyReceiveTimeout();
+}
+
+// The kernel keeps the deadline on the socket: no extra system call per read.
+void OrvoStreamConnection::applyReceiveTimeout() {
+    if (m_fd < 0) return;
+    timeval tv{};
+    if (m_nReceiveTimeoutMs > 0) {
+        tv.tv_sec = m_nReceiveTimeoutMs / 1000;
+        tv.tv_usec = (m_nReceiveTimeoutMs % 1000) * 1000;
+    } else if (m_nReceiveTimeoutMs == 0) {
+        tv.tv_usec = 1;  // zero would mean no limit
+    }
+    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 }
 
 void OrvoStreamConnection::markFailed() {
@@ -228,7 +248,8 @@ long OrvoStreamConnection::receive(char* bufPtr, long toRead, long* error, bool 
         ssize_t n = ::recv(m_fd, bDirect ? bufPtr + nGot : m_in.data(), bDirect ? nWant : m_in.size(), 0);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            *error = n == 0 ? ECONNRESET : errno;
+            // SO_RCVTIMEO expired: the reply deadline passed.
+            *error = n == 0 ? ECONNRESET : (errno == EAGAIN || errno == EWOULDBLOCK) ? ETIMEDOUT : errno;
             markFailed();
             break;
         }

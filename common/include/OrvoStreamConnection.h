@@ -31,6 +31,10 @@ public:
     void flush() override;
 
     bool isOpen() const { return m_fd >= 0; }
+    // Every blocking receive gives up after nMs with ETIMEDOUT and closes the
+    // socket, so that the next request starts on a fresh one; a negative value
+    // waits without limit (the default). Holds for every socket reopened later.
+    void setReceiveTimeout(long nMs);
     // Number of send calls made so far (for tests of the buffering).
     long sendCalls() const { return m_nSendCalls; }
 
@@ -44,8 +48,10 @@ private:
     int sendBuffered(long* error);
     bool reopenIfStale(long* error);
     void markFailed();
+    void applyReceiveTimeout();
 
     int m_fd;
+    long m_nReceiveTimeoutMs = -1;
     bool m_bFailed;
     bool m_bReadSinceWrite;
     long m_nSendCalls;

@@ -134,6 +134,12 @@ int longReplyRequest(const char* pszEngine, const char* pszCommand, WriteFields 
 // payload (-1 once stopped), with level-9 records under `pszClass`.
 KSINTF_API int waitForJavaEventCode(int hRegistration, const char* pszClass);
 
+// How long a request waits for its reply: KSINTF_REPLY_TIMEOUT_MS, 30 s by
+// default. A passed deadline fails the call with -110 and closes its socket.
+long replyTimeoutMs();
+// Gives `connection`'s replies nMs (negative: no limit).
+void setReplyDeadline(OrvoLibraryConnection& connection, long nMs);
+
 }  // namespace KSInterface
 
 #endif

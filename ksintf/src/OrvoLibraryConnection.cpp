@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoException.h"
 #include "OrvoLogging.h"
@@ -170,6 +171,26 @@ void OrvoLibraryConnection::setTransport(OrvoConnection* pConnection) {
     // The smart pointer releases the old transport and takes the new one,
     // and leaves things alone when both are the same object.
     m_connection = pConnection;
+    setReplyDeadline(*this, replyTimeoutMs());
+}
+
+long replyTimeoutMs() {
+    constexpr long kDefaultMs = 30000;
+    const char* pszValue = std::getenv("KSINTF_REPLY_TIMEOUT_MS");
+    if (pszValue == nullptr || *pszValue == '\0') return kDefaultMs;
+    char* pszEnd = nullptr;
+    const long nMs = std::strtol(pszValue, &pszEnd, 10);
+    if (*pszEnd != '\0' || nMs <= 0) {
+        ORVO_LOG(1, "KSINTF_REPLY_TIMEOUT_MS='" << pszValue << "' is not a positive number of ms; using "
+                                                 << kDefaultMs);
+        return kDefaultMs;
+    }
+    return nMs;
+}
+
+void setReplyDeadline(OrvoLibraryConnection& connection, long nMs) {
+    if (auto* pStream = dynamic_cast<OrvoNet::OrvoStreamConnection*>(static_cast<OrvoNet::OrvoConnection*>(connection.transport())))
+        pStream->setReceiveTimeout(nMs);
 }
 
 OrvoLibraryConnectionRequest::OrvoLibraryConnectionRequest(OrvoLibraryConnection& connection,

@@ -29,6 +29,9 @@ extern "C" {
 long OrvoRAResourceLock(const char* pszResourceName, int nMilliSeconds) {
     try {
         OrvoLibraryConnection connection{OrvoString(kEngineName), OrvoString("TRVX_RA_LOCK")};
+        // A lock wait adds its own time-out to the reply deadline; an endless one has none.
+        KSInterface::setReplyDeadline(
+            connection, nMilliSeconds < 0 ? -1 : KSInterface::replyTimeoutMs() + static_cast<long>(nMilliSeconds));
         connection.transfer(OrvoString(pszResourceName));
         connection.transfer(static_cast<long>(nMilliSeconds));
         // Handles fit in 32 bits: narrow, then widen with the sign.

@@ -3,8 +3,10 @@
 // killed with SIGKILL whose lock passes on to the waiter.
 #include <signal.h>
 
+#include "OrvoJobStatus.h"
 #include "OrvoResourceArbitration.h"
 #include "e2e_support.h"
+#include "fake_daemon.h"
 
 namespace {
 
@@ -70,6 +72,27 @@ TEST_F(LockEndToEnd, AHolderKilledWithSigkillReleasesItsLockToTheWaiter) {
     // Granted, released because the holder ended, granted, unlocked.
     EXPECT_EQ(g_tapeEvents.waitFor(4), (e2e::Log{{"tape0", 1}, {"tape0", -1}, {"tape0", 1}, {"tape0", 0}}));
     EXPECT_EQ(OrvoRAUnregisterForNotification(registration), 0);
+}
+
+TEST_F(LockEndToEnd, AStoppedDaemonCostsOneDeadlineAndALockWaitKeepsItsOwnTime) {
+    kstest::ScopedEnv deadline("KSINTF_REPLY_TIMEOUT_MS", "300");
+    // A lock wait may outlast the reply deadline by its own time-out.
+    auto holder = helper({"lock", "belt0", "-1", "sleep", "1000", "unlock", "last"});
+    ASSERT_GT(helperValue(*holder, "lock"), 0);
+    const long handle = OrvoRAResourceLock("belt0", 20000);
+    EXPECT_GT(handle, 0) << "granted after about a second, beyond the 300 ms reply deadline";
+    EXPECT_EQ(OrvoRAResourceUnlock(handle), 0);
+    EXPECT_EQ(holder->wait(), 0);
+
+    ASSERT_EQ(::kill(ksd_->pid(), SIGSTOP), 0);
+    int count = 0;
+    OrvoJSEJob jobs[1];
+    const int stopped = OrvoJSEGetAllJobProgress(&count, jobs);
+    const long lockWhileStopped = OrvoRAResourceLock("belt1", 0);
+    ASSERT_EQ(::kill(ksd_->pid(), SIGCONT), 0);
+    EXPECT_EQ(stopped, -110) << "a daemon that never answers";
+    EXPECT_EQ(lockWhileStopped, -110);
+    EXPECT_GE(OrvoJSEGetAllJobProgress(&count, jobs), 0) << "the next call starts clean";
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // ksctl: the operator's and scripter's command-line client of ksd, built on libksintf's C API.
 
+#include <stdlib.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <optional>
@@ -118,8 +120,10 @@ int main(int argc, char** argv) {
         app.add_option("--tcp-port", p.tcpPort, "Reach the daemon over TCP on 127.0.0.1")->check(CLI::Range(1, 65535));
     pipeOpt->excludes(tcpOpt);
     app.add_flag("--json", p.options.json, "Machine-readable output: one JSON value per line");
-    app.add_option("--reply-timeout", p.replyTimeoutMs, "How long operator queries wait for ksd, in ms")
-        ->check(CLI::Range(1, 3600000));
+    auto* replyTimeout =
+        app.add_option("--reply-timeout", p.replyTimeoutMs,
+                       "How long every call waits for ksd's answer, in ms (default: 30000, queries 5000)")
+            ->check(CLI::Range(1, 3600000));
 
     auto* publish = app.add_subcommand("publish", "Publish an event; prints how many subscribers it was queued for");
     publish->add_option("event", p.publish.event, "Event name")->required();
@@ -162,6 +166,8 @@ int main(int argc, char** argv) {
     }
 
     p.options.replyTimeout = std::chrono::milliseconds(p.replyTimeoutMs);
+    // The library reads its deadline from the environment at each call.
+    if (*replyTimeout) ::setenv("KSINTF_REPLY_TIMEOUT_MS", std::to_string(p.replyTimeoutMs).c_str(), 1);
     selectDaemon(p.pipe, p.tcpPort);
 
     if (*publish) return runPublish(p.options, p.publish);

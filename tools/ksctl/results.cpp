@@ -99,6 +99,8 @@ std::string transportWords(int code) {
             return "connection reset";
         case EPIPE:
             return "connection closed";
+        case ETIMEDOUT:
+            return "no answer within the reply deadline (--reply-timeout)";
         default:
             return code < 0 ? std::strerror(-code) : "unexpected result";
     }
