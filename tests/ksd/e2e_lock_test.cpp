@@ -95,4 +95,18 @@ TEST_F(LockEndToEnd, AStoppedDaemonCostsOneDeadlineAndALockWaitKeepsItsOwnTime) 
     EXPECT_GE(OrvoJSEGetAllJobProgress(&count, jobs), 0) << "the next call starts clean";
 }
 
+TEST_F(LockEndToEnd, HandlesAfterAKillAndRestartAreLargerThanAllBefore) {
+    long last = 0;
+    for (int i = 0; i < 3; ++i) {
+        last = OrvoRAResourceLock("drum0", 0);
+        ASSERT_GT(last, 0);
+        ASSERT_EQ(OrvoRAResourceUnlock(last), 0);
+    }
+    ASSERT_TRUE(ksd_->restart(/*hard=*/true)) << ksd_->log();
+    const long after = OrvoRAResourceLock("drum0", 0);
+    EXPECT_GT(after, last) << "an old holder's handle must never name a new lock";
+    EXPECT_EQ(OrvoRAResourceUnlock(last), -2);
+    EXPECT_EQ(OrvoRAResourceUnlock(after), 0);
+}
+
 }  // namespace

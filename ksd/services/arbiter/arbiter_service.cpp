@@ -26,13 +26,14 @@ bool mayUnlock(const PeerInfo& caller, const PeerInfo& holder) {
 }  // namespace
 
 ArbiterService::ArbiterService(asio::io_context& io, EventPublisher& events, ArbiterLimits limits,
-                               std::unique_ptr<ProcessMonitor> monitor)
+                               std::unique_ptr<ProcessMonitor> monitor, HandleSource nextHandle)
     : io_(io),
       events_(events),
       limits_(limits),
       monitor_(monitor ? std::move(monitor) : std::make_unique<PidfdMonitor>(io)),
       lockPlan_(fixedPlan({FieldKind::String, FieldKind::Long})),
-      unlockPlan_(fixedPlan({FieldKind::Long})) {}
+      unlockPlan_(fixedPlan({FieldKind::Long})),
+      nextHandle_(std::move(nextHandle)) {}
 
 ArbiterService::~ArbiterService() {
     // Pending timers and close handlers check `alive_` and stay away from us.
@@ -114,7 +115,9 @@ bool ArbiterService::grant(const std::string& name, Resource& resource, const Pe
         if (result == ProcessMonitor::WatchResult::Watching) byProcess_[pid];
         // Unsupported: the lock lasts until unlocked, like a TCP client's.
     }
-    const std::int64_t handle = ++lastHandle_;
+    // A handle from before a restart must never name another lock.
+    const std::int64_t handle = nextHandle_ ? nextHandle_() : lastHandle_ + 1;
+    lastHandle_ = handle;
     resource.holder = Holder{handle, peer, std::chrono::steady_clock::now()};
     handles_[handle] = name;
     if (auto it = byProcess_.find(peer.pid); watchable && it != byProcess_.end()) it->second.insert(handle);

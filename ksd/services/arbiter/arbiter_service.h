@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -44,9 +45,11 @@ public:
     static constexpr std::int32_t kEventUnlocked = 0;
     static constexpr std::int32_t kEventHolderEnded = -1;
 
-    // `monitor` null: watch holders with pidfds on `io`.
+    // `monitor` null: watch holders with pidfds on `io`. `nextHandle` null:
+    // handles count from 1 in memory (tests); the daemon passes a stored one.
+    using HandleSource = std::function<std::int64_t()>;
     ArbiterService(asio::io_context& io, EventPublisher& events, ArbiterLimits limits = {},
-                   std::unique_ptr<ProcessMonitor> monitor = nullptr);
+                   std::unique_ptr<ProcessMonitor> monitor = nullptr, HandleSource nextHandle = {});
     ~ArbiterService() override;
 
     std::string_view name() const override { return "Arbiter"; }
@@ -100,6 +103,7 @@ private:
     std::unordered_map<pid_t, std::set<std::int64_t>> byProcess_;  // watched holders
     std::unordered_map<uid_t, std::size_t> heldByUser_;
     std::int64_t lastHandle_ = 0;
+    HandleSource nextHandle_;
     std::uint64_t lastWaiterId_ = 0;
     std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
