@@ -46,7 +46,6 @@ int daemonize(int& readyFd) {
     ::close(fds[0]);
     ::setsid();
     if (::fork() > 0) ::_exit(0);
-    ::umask(022);
     if (::chdir("/") != 0) return -1;
     const int null = ::open("/dev/null", O_RDWR);
     if (null >= 0) {
@@ -110,6 +109,8 @@ int main(int argc, char** argv) {
     if (options.pipe.find('/') != std::string::npos)
         options.pipe = std::filesystem::absolute(options.pipe, ec).lexically_normal().string();
     raiseDescriptorLimit();
+    // Files the daemon makes (the database and its journal) are its own alone.
+    ::umask(077);
 
     int readyFd = -1;
     if (!foreground && daemonize(readyFd) != 0) {

@@ -4,7 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <system_error>
 
 namespace ksd {
 
@@ -26,10 +30,21 @@ std::filesystem::path defaultStateDir() {
 }
 
 void ensureStateDir(const std::filesystem::path& dir) {
-    if (std::filesystem::is_directory(dir)) return;
-    std::filesystem::create_directories(dir);
-    // Stored jobs and tasks of every user: readable by the daemon only.
-    std::filesystem::permissions(dir, std::filesystem::perms::owner_all, std::filesystem::perm_options::replace);
+    namespace fs = std::filesystem;
+    if (!fs::is_directory(dir)) fs::create_directories(dir);
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) != 0)
+        throw fs::filesystem_error("cannot read the state directory", dir, std::error_code(errno, std::generic_category()));
+    // Another user's directory could be read or swapped under us.
+    if (st.st_uid != ::geteuid())
+        throw std::runtime_error("state directory " + dir.string() + " belongs to uid " + std::to_string(st.st_uid) +
+                                 ", not to this ksd's uid " + std::to_string(::geteuid()));
+    // Stored jobs, tasks and subscriptions of every user: for the daemon only,
+    // also when an older ksd left them readable.
+    fs::permissions(dir, fs::perms::owner_all, fs::perm_options::replace);
+    for (const auto& entry : fs::directory_iterator(dir))
+        if (entry.is_regular_file())
+            fs::permissions(entry.path(), fs::perms::owner_read | fs::perms::owner_write, fs::perm_options::replace);
 }
 
 }  // namespace ksd

@@ -130,4 +130,37 @@ TEST(ServiceSetup, BothProgramsPrintTheProjectVersion) {
     EXPECT_EQ(firstLineOf(kstest::testBinaryDir() + "/tools/ksctl/ksctl", "--version"), "ksctl " KS_VERSION);
 }
 
+bool printsLineWith(kstest::ChildProcess& child, const std::string& text) {
+    for (std::string line; child.readLine(line);)
+        if (line.find(text) != std::string::npos) return true;
+    return false;
+}
+
+TEST(ServiceSetup, TheStateDirectoryIsTheDaemonsAloneAndAnotherUsersIsRefused) {
+    kstest::ScopedTempDir tmp("kstest-state");
+    const std::string state = tmp.path() + "/state";
+    fs::create_directories(state);
+    fs::permissions(state, fs::perms::all, fs::perm_options::replace);
+    std::ofstream(state + "/left-by-an-older-ksd") << "x";
+    fs::permissions(state + "/left-by-an-older-ksd", fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read,
+                    fs::perm_options::replace);
+    const std::string command = "exec " + kstest::ksdProgram() + " --foreground --log-level error --pipe " +
+                                kstest::uniqueName("kstest-state") + " --state-dir " + state + " 2>&1";
+    {
+        kstest::ChildProcess ksd("/bin/sh", {"-c", command});
+        ASSERT_TRUE(printsLineWith(ksd, "ksd: ready"));
+        for (const std::string file : {"", "/ksd.db", "/left-by-an-older-ksd"}) {
+            const auto perms = fs::status(state + file).permissions();
+            EXPECT_EQ(perms & (fs::perms::group_all | fs::perms::others_all), fs::perms::none) << "'" << file << "'";
+        }
+        ksd.signal(SIGTERM);
+        EXPECT_EQ(ksd.wait(), 0);
+    }
+    if (::geteuid() != 0) GTEST_SKIP() << "not root: cannot give the directory to another user";
+    ASSERT_EQ(::chown(state.c_str(), 65534, 65534), 0);
+    kstest::ChildProcess refused("/bin/sh", {"-c", command});
+    EXPECT_TRUE(printsLineWith(refused, "ksd: state directory " + state + " belongs to uid 65534"));
+    EXPECT_EQ(refused.wait(), 1);
+}
+
 }  // namespace

@@ -141,6 +141,8 @@ pid_t ProgramRunner::start(const RunSpec& spec, std::function<void(const RunResu
                            ::setgid(account.gid) != 0 || ::setuid(spec.uid) != 0))
             childFails(report[1], kCredentials);
         if (::chdir(workDir.c_str()) != 0) childFails(report[1], kChdir);
+        // The daemon's own 077 is not the program's business.
+        ::umask(022);
         const int in = ::open("/dev/null", O_RDONLY);
         const int out = spec.logFile.empty() ? ::open("/dev/null", O_WRONLY)
                                              : ::open(spec.logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
