@@ -205,10 +205,11 @@ TEST_F(NotifierTest, TheDaemonPublishesItsOwnEventsAndAnswersOperatorQueries) {
     const std::string reply = kstest::operatorQuery(server_->address(), "status");
     for (const char* item : {"\"connections\":", "\"pid\":", "\"subscriptions\":2", "\"queue_drops\":0"})
         EXPECT_NE(reply.find(item), std::string::npos) << reply;
-    const std::string subscriptions = kstest::operatorQuery(server_->tcpAddress(), "subscriptions");
+    const std::string subscriptions = kstest::operatorQuery(server_->address(), "subscriptions");
     EXPECT_NE(subscriptions.find("{\"event\":\"other\",\"address\":\"" + sink.address() + "\""),
               std::string::npos)
         << subscriptions;
+    EXPECT_EQ(kstest::operatorQuery(server_->tcpAddress(), "subscriptions"), "[]") << "a TCP client is nobody";
     const auto unknown = call(server_->address(), requestWire("KsdOperator", "KSD_OP_QUERY").addString("nope").bytes());
     EXPECT_EQ(unknown.error, EINVAL) << "an unknown query is refused, not answered empty";
 }

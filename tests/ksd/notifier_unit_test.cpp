@@ -91,6 +91,17 @@ TEST_F(Notifier, AnotherUserCannotTakeOverOrDropASubscriptionKey) {
     EXPECT_EQ(status("subscriptions"), 0);
 }
 
+TEST_F(Notifier, AUserListsOnlyItsOwnSubscriptionsRootAllATcpClientNone) {
+    ASSERT_EQ(subscribe("alices", "pipe:a", 1, kAlice), 0);
+    ASSERT_EQ(subscribe("bobs", "pipe:b", 1, kBob), 0);
+    const std::string alice = notifier_.queryFor("subscriptions", unixPeer(1, kAlice));
+    EXPECT_NE(alice.find("alices"), std::string::npos) << alice;
+    EXPECT_EQ(alice.find("pipe:b"), std::string::npos) << "Bob's address is not shown to Alice: " << alice;
+    const std::string root = notifier_.queryFor("subscriptions", unixPeer(1, 0));
+    EXPECT_TRUE(root.find("alices") != std::string::npos && root.find("bobs") != std::string::npos) << root;
+    EXPECT_EQ(notifier_.queryFor("subscriptions", ksdtest::tcpPeer()), "[]");
+}
+
 TEST_F(Notifier, FramesForAnotherUsersSubscriptionNeverReachThisListener) {
     Listener sink;
     const uid_t me = ::getuid();

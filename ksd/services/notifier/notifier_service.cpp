@@ -227,10 +227,19 @@ std::vector<StatusItem> NotifierService::status() const {
             {"notifications", static_cast<std::int64_t>(published_)}};
 }
 
-std::string NotifierService::query(std::string_view what) const {
+std::string NotifierService::query(std::string_view what) const { return listSubscriptions(what, nullptr); }
+
+std::string NotifierService::queryFor(std::string_view what, const PeerInfo& asker) const {
+    return listSubscriptions(what, &asker);
+}
+
+std::string NotifierService::listSubscriptions(std::string_view what, const PeerInfo* asker) const {
     if (what != "subscriptions") return {};
+    // Callback addresses and ids are what a forger needs: only their owner sees them.
+    const bool seesAll = asker == nullptr || (asker->isUnix && asker->uid == 0);
     std::string out = "[";
     for (const auto& [key, sub] : table_.all()) {
+        if (!seesAll && (!asker->isUnix || sub.owner != asker->uid)) continue;
         if (out.size() > 1) out.push_back(',');
         out += "{\"event\":";
         jsontext::appendString(out, sub.event);

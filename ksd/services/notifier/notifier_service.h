@@ -30,6 +30,8 @@ public:
     void handle(Request& request) override;
     std::vector<StatusItem> status() const override;
     std::string query(std::string_view what) const override;
+    // A user sees its own subscriptions, root all, a TCP client none.
+    std::string queryFor(std::string_view what, const PeerInfo& asker) const override;
 
     void publishEvent(const std::string& eventName, const std::string& text, std::int32_t code) override;
 
@@ -40,6 +42,7 @@ public:
     void shutdown();
 
 private:
+    std::string listSubscriptions(std::string_view what, const PeerInfo* asker) const;
     void handleRegister(Request& request);
     void handleUnregister(Request& request);
     void handleNotify(Request& request);

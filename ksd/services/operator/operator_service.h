@@ -30,9 +30,10 @@ public:
     const FieldPlan* plan(std::string_view request) const override;
     void handle(Request& request) override;
 
-    // The JSON answer, or empty when no service knows the query. A status
-    // asked over a connection does not count that connection.
-    std::string answer(std::string_view query, bool askedOverAConnection = false) const;
+    // The JSON answer, or empty when no service knows the query. With an
+    // asker (a client's request): its connection is not counted in a status,
+    // and listings show only what the asker may see.
+    std::string answer(std::string_view query, const PeerInfo* asker = nullptr) const;
 
 private:
     const Registry& registry_;
