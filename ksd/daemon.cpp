@@ -15,6 +15,7 @@ Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     ensureStateDir(options_.stateDir);
 
     auto notifier = std::make_unique<NotifierService>(io_, options_.notifier);
+    notifier->restoreFrom(std::make_unique<SubscriptionStore>(options_.stateDir));
     notifier_ = notifier.get();
     registry_.add(std::move(notifier));
     ServiceContext context{io_, *notifier_, options_.stateDir};

@@ -70,6 +70,21 @@ TEST_F(JobEndToEnd, JobsSurviveSigkillAndRestartAndIdsAreNotReused) {
     EXPECT_GT(OrvoJSECreateJob("after the restart", "persist-new"), dropped) << "the deleted job's id stays used";
 }
 
+e2e::EventLog g_afterRestartEvents;
+
+TEST_F(JobEndToEnd, ASubscriberKeepsReceivingAfterKsdIsKilledAndRestarted) {
+    const int registration = OrvoJSERegisterForNotification(
+        "restarted", [](const char* name, tOrvoJSEEvent event) { g_afterRestartEvents.add(name, static_cast<int>(event)); });
+    ASSERT_GE(registration, 0);
+    ASSERT_TRUE(ksd_->restart(true)) << ksd_->log();
+    // Nothing re-registers: the daemon brought the subscription back itself.
+    const int id = OrvoJSECreateJob("made after the restart", "restarted");
+    ASSERT_GT(id, 0);
+    EXPECT_EQ(g_afterRestartEvents.waitFor(1), (e2e::Log{{"restarted", TRVX_JSE_CREATED}}));
+    EXPECT_EQ(OrvoJSEUnregisterForNotification(registration), 0) << "and it is the same subscription";
+    EXPECT_EQ(OrvoJSEDeleteJob(id), 0);
+}
+
 TEST_F(JobEndToEnd, MalformedInputAtTheSocketLosesNoStoredJob) {
     const int id = OrvoJSECreateJob("precious", "survivor");
     ASSERT_EQ(OrvoJSESetJobProgress(id, 33), 0);

@@ -105,11 +105,12 @@ void NotifierService::handleRegister(Request& request) {
         request.responder->reply(intReply(-1));
         return;
     }
-    if (table_.add(key, std::move(event), uid) == SubscriptionTable::AddResult::OverLimit) {
+    if (table_.add(key, event, uid) == SubscriptionTable::AddResult::OverLimit) {
         request.responder->fail(EDQUOT, "too many subscriptions for this user (limit " +
                                             std::to_string(limits_.maxSubscriptionsPerUser) + ")");
         return;
     }
+    persist([&] { store_->put(key, event, uid); });
     ORVO_LOG(9, "ksd: notifier: subscribed " << address << " id " << callbackId << " to '" << table_.find(key)->event
                                              << "'");
     request.responder->reply(intReply(0));
@@ -127,6 +128,7 @@ void NotifierService::handleUnregister(Request& request) {
         return;
     }
     table_.remove(key);
+    persist([&] { store_->erase(key); });
     ORVO_LOG(9, "ksd: notifier: unsubscribed " << key.address << " id " << key.callbackId);
     request.responder->reply(intReply(0));
 }
@@ -180,6 +182,7 @@ PushChannel* NotifierService::channelFor(const std::string& address) {
 void NotifierService::channelFailed(PushChannel& channel, const std::string& reason) {
     const std::string address = channel.address();
     const std::size_t dropped = table_.removeAddress(address);
+    persist([&] { store_->eraseAddress(address); });
     ORVO_LOG(4, "ksd: notifier: dropped " << static_cast<unsigned long>(dropped) << " subscriptions of " << address
                                           << " (" << reason << ")");
     channel.detach();
@@ -201,6 +204,25 @@ void NotifierService::subscriberRefused(PushChannel& channel, std::int32_t callb
     ORVO_LOG(4, "ksd: notifier: " << key.address << " does not belong to uid " << static_cast<long>(owner)
                                   << ", dropping subscription " << callbackId);
     table_.remove(key);
+    persist([&] { store_->erase(key); });
+}
+
+template <typename Write>
+void NotifierService::persist(Write write) {
+    if (!store_) return;
+    try {
+        write();
+    } catch (const std::exception& e) {
+        ORVO_LOG(1, "ksd: notifier: subscriptions not stored: " << e.what());
+    }
+}
+
+void NotifierService::restoreFrom(std::unique_ptr<SubscriptionStore> store) {
+    std::size_t restored = 0;
+    for (StoredSubscription& sub : store->loadAll())
+        if (table_.add(sub.key, std::move(sub.event), sub.owner) != SubscriptionTable::AddResult::OverLimit) ++restored;
+    store_ = std::move(store);
+    if (restored != 0) ORVO_LOG(4, "ksd: notifier: restored " << static_cast<unsigned long>(restored) << " subscriptions");
 }
 
 void NotifierService::shutdown() {

@@ -15,6 +15,7 @@
 
 #include "services/notifier/notifier_limits.h"
 #include "services/notifier/push_channel.h"
+#include "services/notifier/subscription_store.h"
 #include "services/notifier/subscription_table.h"
 #include "services/service.h"
 
@@ -40,9 +41,14 @@ public:
                         std::string_view payload);
     // Closes every push connection; later publications go nowhere.
     void shutdown();
+    // Takes back the stored subscriptions and stores every later change.
+    void restoreFrom(std::unique_ptr<SubscriptionStore> store);
 
 private:
     std::string listSubscriptions(std::string_view what, const PeerInfo* asker) const;
+    // Runs a store write; a failure is logged and memory stays authoritative.
+    template <typename Write>
+    void persist(Write write);
     void handleRegister(Request& request);
     void handleUnregister(Request& request);
     void handleNotify(Request& request);
@@ -58,6 +64,7 @@ private:
     FieldPlan unregisterPlan_;
     FieldPlan notifyPlan_;
     SubscriptionTable table_;
+    std::unique_ptr<SubscriptionStore> store_;
     std::unordered_map<std::string, std::shared_ptr<PushChannel>> channels_;
     std::uint64_t queueDrops_ = 0;
     std::uint64_t published_ = 0;
