@@ -8,20 +8,9 @@
 #include "services/arbiter/arbiter_service.h"
 #include "services/jobstatus/jobstatus_service.h"
 #include "services/scheduler/scheduler_service.h"
-#include "store/handle_reserve.h"
-#include "store/schema.h"
 
 namespace ksd {
 
-namespace {
-// The arbiter keeps no state but its handle mark; this owns the store for it.
-struct LockHandleStore {
-    explicit LockHandleStore(const std::filesystem::path& stateDir)
-        : db(store::openStateDatabase(stateDir)), reserve(*db, "last_lock_handle") {}
-    std::unique_ptr<store::Database> db;
-    store::HandleReserve reserve;
-};
-}  // namespace
 
 Service& Registry::add(std::unique_ptr<Service> service) {
     if (!service) throw std::invalid_argument("Registry::add: null service");
@@ -55,9 +44,9 @@ void Registry::clear() {
 void registerServices(Registry& registry, ServiceContext& context) {
     // One line per service, e.g.
     //   registry.add(std::make_unique<ArbiterService>(context));
-    auto lockHandles = std::make_shared<LockHandleStore>(context.stateDir);
-    registry.add(std::make_unique<ArbiterService>(context.io, context.events, ArbiterLimits{}, nullptr,
-                                                  [lockHandles] { return lockHandles->reserve.next(); }));
+    auto arbiter = std::make_unique<ArbiterService>(context.io, context.events);
+    arbiter->restoreFrom(std::make_unique<LockStore>(context.stateDir));
+    registry.add(std::move(arbiter));
     registry.add(std::make_unique<JobStatusService>(context.events, context.stateDir));
     registry.add(std::make_unique<SchedulerService>(context.io, context.events, context.stateDir));
 }

@@ -109,4 +109,34 @@ TEST_F(LockEndToEnd, HandlesAfterAKillAndRestartAreLargerThanAllBefore) {
     EXPECT_EQ(OrvoRAResourceUnlock(after), 0);
 }
 
+e2e::EventLog g_restartEvents;
+
+TEST_F(LockEndToEnd, AcrossAKillOfKsdALiveHolderKeepsItsLockAndADeadOnesIsFreed) {
+    const int registration =
+        OrvoRARegisterForNotification("vat0", [](const char* name, int code) { g_restartEvents.add(name, code); });
+    ASSERT_GE(registration, 0);
+    auto live = helper({"lock", "keep0", "-1", "wait", "unlock", "last"});
+    ASSERT_GT(helperValue(*live, "lock"), 0);
+    auto dead = helper({"lock", "vat0", "-1", "hang"});
+    ASSERT_GT(helperValue(*dead, "lock"), 0);
+    ASSERT_EQ(g_restartEvents.waitFor(1), (e2e::Log{{"vat0", 1}}));
+
+    // The holder dies while ksd cannot see it.
+    ASSERT_EQ(::kill(ksd_->pid(), SIGSTOP), 0);
+    dead->signal(SIGKILL);
+    EXPECT_EQ(dead->wait(), 128 + SIGKILL);
+    ASSERT_TRUE(ksd_->restart(/*hard=*/true)) << ksd_->log();
+
+    EXPECT_TRUE(heldBy("keep0", live->pid(), 0)) << queryDaemon("locks");
+    EXPECT_EQ(OrvoRAResourceLock("keep0", 0), -110) << "still held by the live holder";
+    EXPECT_EQ(g_restartEvents.waitFor(2), (e2e::Log{{"vat0", 1}, {"vat0", -1}})) << "released because its holder ended";
+    const long taken = OrvoRAResourceLock("vat0", 0);
+    EXPECT_GT(taken, 0) << "the dead holder's lock is free";
+    EXPECT_EQ(OrvoRAResourceUnlock(taken), 0);
+    ASSERT_TRUE(live->writeLine("go"));
+    EXPECT_EQ(helperValue(*live, "unlock"), 0) << "the live holder's old handle still names its lock";
+    EXPECT_EQ(live->wait(), 0);
+    EXPECT_EQ(OrvoRAUnregisterForNotification(registration), 0);
+}
+
 }  // namespace

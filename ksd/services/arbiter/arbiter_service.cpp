@@ -26,14 +26,13 @@ bool mayUnlock(const PeerInfo& caller, const PeerInfo& holder) {
 }  // namespace
 
 ArbiterService::ArbiterService(asio::io_context& io, EventPublisher& events, ArbiterLimits limits,
-                               std::unique_ptr<ProcessMonitor> monitor, HandleSource nextHandle)
+                               std::unique_ptr<ProcessMonitor> monitor)
     : io_(io),
       events_(events),
       limits_(limits),
       monitor_(monitor ? std::move(monitor) : std::make_unique<PidfdMonitor>(io)),
       lockPlan_(fixedPlan({FieldKind::String, FieldKind::Long})),
-      unlockPlan_(fixedPlan({FieldKind::Long})),
-      nextHandle_(std::move(nextHandle)) {}
+      unlockPlan_(fixedPlan({FieldKind::Long})) {}
 
 ArbiterService::~ArbiterService() {
     // Pending timers and close handlers check `alive_` and stay away from us.
@@ -104,23 +103,23 @@ bool ArbiterService::grant(const std::string& name, Resource& resource, const Pe
         responder.reply(longReply(-ENOSPC));
         return false;
     }
-    const bool watchable = peer.isUnix && peer.pid > 0;
-    if (watchable && byProcess_.find(peer.pid) == byProcess_.end()) {
-        const pid_t pid = peer.pid;
-        std::weak_ptr<char> alive = alive_;
-        const auto result = monitor_->watch(pid, [this, alive, pid] {
-            if (!alive.expired()) processEnded(pid);
-        });
-        if (result == ProcessMonitor::WatchResult::Gone) return false;
-        if (result == ProcessMonitor::WatchResult::Watching) byProcess_[pid];
-        // Unsupported: the lock lasts until unlocked, like a TCP client's.
-    }
+    if (!watchHolder(peer)) return false;
     // A handle from before a restart must never name another lock.
-    const std::int64_t handle = nextHandle_ ? nextHandle_() : lastHandle_ + 1;
+    std::int64_t handle = lastHandle_ + 1;
+    if (store_) {
+        try {
+            handle = store_->nextHandle();
+            store_->put(StoredLock{handle, name, peer, processStartTime(peer.pid)});
+        } catch (const std::exception& e) {
+            ORVO_LOG(1, "ksd: arbiter: lock of '" << name << "' not stored: " << e.what());
+            responder.reply(longReply(-EIO));
+            return false;
+        }
+    }
     lastHandle_ = handle;
     resource.holder = Holder{handle, peer, std::chrono::steady_clock::now()};
     handles_[handle] = name;
-    if (auto it = byProcess_.find(peer.pid); watchable && it != byProcess_.end()) it->second.insert(handle);
+    if (auto it = byProcess_.find(peer.pid); peer.isUnix && it != byProcess_.end()) it->second.insert(handle);
     ++heldByUser_[peer.uid];
     responder.reply(longReply(handle));
     publish(name, kEventLocked);
@@ -133,8 +132,9 @@ void ArbiterService::unlock(Request& request) {
     if (it == handles_.end()) return request.responder->reply(longReply(-ENOENT));
     const Holder& holder = *resources_.at(it->second).holder;
     if (!mayUnlock(request.peer, holder.peer)) return request.responder->reply(longReply(-EPERM));
-    request.responder->reply(longReply(0));
+    // Stored before the answer: an acknowledged unlock survives a kill of ksd.
     release(handle, kEventUnlocked);
+    request.responder->reply(longReply(0));
 }
 
 void ArbiterService::release(std::int64_t handle, std::int32_t eventCode) {
@@ -145,6 +145,7 @@ void ArbiterService::release(std::int64_t handle, std::int32_t eventCode) {
     Resource& resource = resources_.at(name);
     const PeerInfo holder = resource.holder->peer;
     resource.holder.reset();
+    persist([&] { store_->erase(handle); });
 
     if (auto u = heldByUser_.find(holder.uid); u != heldByUser_.end() && --u->second == 0) heldByUser_.erase(u);
     if (auto p = byProcess_.find(holder.pid); holder.isUnix && p != byProcess_.end()) {
@@ -198,6 +199,54 @@ void ArbiterService::processEnded(pid_t pid) {
     ORVO_LOG(4, "ksd: process " << static_cast<int>(pid) << " ended holding "
                                 << static_cast<unsigned long>(handles.size()) << " lock(s); releasing them");
     for (std::int64_t handle : handles) release(handle, kEventHolderEnded);
+}
+
+bool ArbiterService::watchHolder(const PeerInfo& peer) {
+    if (!peer.isUnix || peer.pid <= 0 || byProcess_.find(peer.pid) != byProcess_.end()) return true;
+    const pid_t pid = peer.pid;
+    std::weak_ptr<char> alive = alive_;
+    const auto result = monitor_->watch(pid, [this, alive, pid] {
+        if (!alive.expired()) processEnded(pid);
+    });
+    if (result == ProcessMonitor::WatchResult::Gone) return false;
+    if (result == ProcessMonitor::WatchResult::Watching) byProcess_[pid];
+    // Unsupported: the lock lasts until unlocked, like a TCP client's.
+    return true;
+}
+
+template <typename Write>
+void ArbiterService::persist(Write write) {
+    if (!store_) return;
+    try {
+        write();
+    } catch (const std::exception& e) {
+        ORVO_LOG(1, "ksd: arbiter: lock table not stored: " << e.what());
+    }
+}
+
+void ArbiterService::restoreFrom(std::unique_ptr<LockStore> store) {
+    store_ = std::move(store);
+    for (StoredLock& lock : store_->loadAll()) {
+        lastHandle_ = std::max(lastHandle_, lock.handle);
+        // A reused pid has another start time: its process is not the holder.
+        const bool holderLives = lock.holder.isUnix && lock.startTime != 0 &&
+                                 processStartTime(lock.holder.pid) == lock.startTime && watchHolder(lock.holder);
+        if (!holderLives) {
+            persist([&] { store_->erase(lock.handle); });
+            ORVO_LOG(4, "ksd: arbiter: lock " << lock.handle << " of '" << lock.resource << "' held by pid "
+                                              << static_cast<int>(lock.holder.pid) << " released: the holder is gone");
+            publish(lock.resource, kEventHolderEnded);
+            continue;
+        }
+        Resource& resource = resources_[lock.resource];
+        resource.holder = Holder{lock.handle, lock.holder, std::chrono::steady_clock::now()};
+        handles_[lock.handle] = lock.resource;
+        if (auto it = byProcess_.find(lock.holder.pid); it != byProcess_.end()) it->second.insert(lock.handle);
+        ++heldByUser_[lock.holder.uid];
+        ORVO_LOG(4, "ksd: arbiter: lock " << lock.handle << " of '" << lock.resource << "' held again for pid "
+                                          << static_cast<int>(lock.holder.pid) << " uid "
+                                          << static_cast<long>(lock.holder.uid));
+    }
 }
 
 void ArbiterService::publish(const std::string& resourceName, std::int32_t code) {

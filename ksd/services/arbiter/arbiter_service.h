@@ -17,7 +17,6 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -26,6 +25,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "services/arbiter/lock_store.h"
 #include "services/arbiter/process_monitor.h"
 #include "services/service.h"
 
@@ -45,11 +45,10 @@ public:
     static constexpr std::int32_t kEventUnlocked = 0;
     static constexpr std::int32_t kEventHolderEnded = -1;
 
-    // `monitor` null: watch holders with pidfds on `io`. `nextHandle` null:
-    // handles count from 1 in memory (tests); the daemon passes a stored one.
-    using HandleSource = std::function<std::int64_t()>;
+    // `monitor` null: watch holders with pidfds on `io`. Without a store
+    // (restoreFrom) handles count from 1 in memory and nothing is kept.
     ArbiterService(asio::io_context& io, EventPublisher& events, ArbiterLimits limits = {},
-                   std::unique_ptr<ProcessMonitor> monitor = nullptr, HandleSource nextHandle = {});
+                   std::unique_ptr<ProcessMonitor> monitor = nullptr);
     ~ArbiterService() override;
 
     std::string_view name() const override { return "Arbiter"; }
@@ -60,6 +59,11 @@ public:
     std::string query(std::string_view what) const override;
 
     std::size_t locksHeld() const { return handles_.size(); }
+
+    // Takes back the stored locks whose holder still lives (same pid, same
+    // start time), releases the others with lock code -1, and stores every
+    // later change and handle there.
+    void restoreFrom(std::unique_ptr<LockStore> store);
     std::size_t waiting() const;
 
 private:
@@ -91,6 +95,11 @@ private:
     void waiterTimedOut(const std::string& name, std::uint64_t waiterId);
     void processEnded(pid_t pid);
     void publish(const std::string& resourceName, std::int32_t code);
+    // Watches a holder's process; false when it has already ended.
+    bool watchHolder(const PeerInfo& peer);
+    // Runs a store write; a failure is logged and memory stays authoritative.
+    template <typename Write>
+    void persist(Write write);
 
     asio::io_context& io_;
     EventPublisher& events_;
@@ -103,7 +112,7 @@ private:
     std::unordered_map<pid_t, std::set<std::int64_t>> byProcess_;  // watched holders
     std::unordered_map<uid_t, std::size_t> heldByUser_;
     std::int64_t lastHandle_ = 0;
-    HandleSource nextHandle_;
+    std::unique_ptr<LockStore> store_;
     std::uint64_t lastWaiterId_ = 0;
     std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
