@@ -1,0 +1,97 @@
+// ksd killed with SIGKILL at random moments while a client creates and
+// updates jobs and takes locks: after each restart every acknowledged write is
+// there, no lock is held by a process that is gone, and the database passes
+// its integrity check.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <random>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "OrvoJobStatus.h"
+#include "OrvoResourceArbitration.h"
+#include "fake_daemon.h"
+#include "ksd_process.h"
+
+namespace {
+
+std::string integrityCheck(const std::string& file) {
+    sqlite3* db = nullptr;
+    std::string result = "cannot open";
+    if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+        sqlite3_stmt* s = nullptr;
+        if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &s, nullptr) == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW)
+            result = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+        sqlite3_finalize(s);
+    }
+    sqlite3_close(db);
+    return result;
+}
+
+// What the client knows of a job: the progress acknowledged, and one it sent
+// whose answer the kill may have swallowed.
+struct Known {
+    int acknowledged = 0;
+    int attempted = 0;
+};
+
+TEST(CrashTest, EveryAcknowledgedWriteSurvivesThirtyKills) {
+    kstest::KsdProcess ksd;
+    ASSERT_TRUE(ksd.start()) << ksd.log();
+    kstest::ScopedEnv conn("KSINTF_CONN_TYPE", ksd.connType());
+    kstest::ScopedEnv deadline("KSINTF_REPLY_TIMEOUT_MS", "2000");
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
+
+    for (int round = 0; round < 30; ++round) {
+        std::map<int, Known> jobs;
+        std::mutex mutex;
+        std::atomic<bool> stop{false};
+        std::thread writer([&] {
+            for (int i = 0; !stop; ++i) {
+                const int id = OrvoJSECreateJob("crash", ("crash-" + std::to_string(round) + "-" + std::to_string(i)).c_str());
+                if (id <= 0) continue;
+                const int progress = 1 + (i * 7) % 99;
+                {
+                    std::lock_guard<std::mutex> hold(mutex);
+                    jobs[id] = Known{0, progress};
+                }
+                if (OrvoJSESetJobProgress(id, progress) == 0) {
+                    std::lock_guard<std::mutex> hold(mutex);
+                    jobs[id].acknowledged = progress;
+                }
+                const long lock = OrvoRAResourceLock(("crash-" + std::to_string(i % 3)).c_str(), 0);
+                if (lock > 0) OrvoRAResourceUnlock(lock);
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::uniform_int_distribution<int>(5, 60)(rng)));
+        ksd.kill();
+        stop = true;
+        writer.join();
+        ASSERT_EQ(integrityCheck(ksd.stateDir() + "/ksd.db"), "ok") << "round " << round;
+        ASSERT_TRUE(ksd.start()) << ksd.log();
+
+        for (const auto& [id, known] : jobs) {
+            const int stored = OrvoJSEGetJobProgress(id);
+            EXPECT_TRUE(stored == known.acknowledged || stored == known.attempted)
+                << "round " << round << ": job " << id << " has " << stored << ", acknowledged "
+                << known.acknowledged;
+        }
+        const std::string locks = kstest::operatorQuery(ksd.connType(), "locks");
+        const std::regex pidField("\"pid\":(\\d+)");
+        for (auto it = std::sregex_iterator(locks.begin(), locks.end(), pidField); it != std::sregex_iterator(); ++it) {
+            const pid_t pid = static_cast<pid_t>(std::stol((*it)[1]));
+            EXPECT_EQ(::kill(pid, 0), 0) << "round " << round << ": a lock held by gone pid " << pid << ": " << locks;
+        }
+    }
+}
+
+}  // namespace
