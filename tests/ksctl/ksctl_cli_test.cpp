@@ -227,6 +227,19 @@ TEST_F(KsctlCli, JobsByNameWatchedToTheirEndWithMessagesThatSayWhy) {
     expectOneErrorLine(run({"job", "cancel", "nosuch"}), "no job has that name");
 }
 
+TEST_F(KsctlCli, ASubscriberHearsAPublicationMadeAfterKsdWasKilledAndRestarted) {
+    KsctlRun subscriber(cmd({"subscribe", "after-restart", "--count", "1"}));
+    ASSERT_TRUE(waitUntil([&] {
+        return kstest::operatorQuery("pipe:" + ksd_.pipeName(), "subscriptions").find("after-restart") !=
+               std::string::npos;
+    }));
+    ASSERT_TRUE(ksd_.restart(/*hard=*/true)) << ksd_.log();
+    EXPECT_EQ(run({"publish", "after-restart", "--text", "still here"}).out, "after-restart: queued for 1 subscriber\n");
+    RunResult got = subscriber.wait();
+    EXPECT_EQ(got.exitCode, 0) << got.err;
+    EXPECT_NE(got.out.find("still here"), std::string::npos) << got.out;
+}
+
 TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {
     ASSERT_EQ(run({"job", "create", "one"}).exitCode, 0);
     RunResult status = runJson({"status"});

@@ -5,6 +5,7 @@
 #include "OrvoResourceArbitration.h"
 #include "child_process.h"
 #include "commands.h"
+#include "daemon_watch.h"
 #include "failure.h"
 
 namespace ksctl {
@@ -24,7 +25,11 @@ int runLock(const GlobalOptions& /*options*/, const LockArgs& args) {
 
     // The lock belongs to this process, so we stay alive (and the lock held) until the
     // command ends; if we die anyway, the daemon releases the lock with our process.
+    // ksd keeps a live holder's lock across its restarts; the user is told it was gone.
+    DaemonWatch watch;
+    watch.startPeriodic(2000);
     ChildOutcome outcome = runCommand(args.command);
+    watch.stop();
     if (outcome.execError != 0) {
         reportError("cannot run " + args.command.front() + ": " + std::strerror(outcome.execError), 0);
     }

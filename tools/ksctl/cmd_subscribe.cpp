@@ -11,6 +11,7 @@
 
 #include "OrvoNotificationNetwork.h"
 #include "commands.h"
+#include "daemon_watch.h"
 #include "failure.h"
 #include "inbox.h"
 #include "json.h"
@@ -57,6 +58,8 @@ void unregisterAll(const std::vector<int>& handles) {
     }
 }
 
+constexpr int kProbePeriodMs = 2000;
+
 }  // namespace
 
 int runSubscribe(const GlobalOptions& options, const SubscribeArgs& args) {
@@ -85,11 +88,18 @@ int runSubscribe(const GlobalOptions& options, const SubscribeArgs& args) {
 
     long long received = 0;
     bool stop = args.count && *args.count <= 0;
+    // ksd keeps the subscriptions across its restarts; the user is told it was gone.
+    DaemonWatch watch;
     while (!stop) {
         pollfd fds[2] = {{inbox.fd(), POLLIN, 0}, {signalFd, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
+        const int ready = ::poll(fds, 2, kProbePeriodMs);
+        if (ready < 0) {
             if (errno == EINTR) continue;
             break;
+        }
+        if (ready == 0) {
+            watch.check();
+            continue;
         }
         for (const auto& n : inbox.takeAll()) {
             std::string line = formatNotification(n, options.json);
