@@ -9,6 +9,7 @@
 #include <fstream>
 #include <thread>
 
+#include "OrvoJobStatus.h"
 #include "fake_daemon.h"
 #include "json.h"
 #include "ksctl_runner.h"
@@ -238,6 +239,22 @@ TEST_F(KsctlCli, ASubscriberHearsAPublicationMadeAfterKsdWasKilledAndRestarted) 
     RunResult got = subscriber.wait();
     EXPECT_EQ(got.exitCode, 0) << got.err;
     EXPECT_NE(got.out.find("still here"), std::string::npos) << got.out;
+}
+
+TEST_F(KsctlCli, AJobListLargerThanAnyFrameComesWholeInPages) {
+    kstest::ScopedEnv env("KSINTF_CONN_TYPE", "pipe:" + ksd_.pipeName());
+    const std::string description(65000, 'd');
+    for (int i = 0; i < 300; ++i)
+        ASSERT_GT(OrvoJSECreateJob(description.c_str(), ("big-" + std::to_string(i)).c_str()), 0) << i;
+    EXPECT_LT(kstest::operatorQuery("pipe:" + ksd_.pipeName(), "jobs").size(), 4u << 20) << "one page stays small";
+    RunResult listed = runJson({"job", "list"});
+    ASSERT_EQ(listed.exitCode, 0) << listed.err;
+    const JsonValue jobs = parseLine(listed.out);
+    ASSERT_EQ(jobs.items.size(), 300u);
+    for (std::size_t i = 0; i < jobs.items.size(); ++i) {
+        EXPECT_EQ(at(jobs.items[i], "name"), "big-" + std::to_string(i)) << "each job once, in order";
+        EXPECT_EQ(at(jobs.items[i], "description").size(), description.size());
+    }
 }
 
 TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {

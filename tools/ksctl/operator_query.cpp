@@ -73,8 +73,30 @@ QueryAnswer queryDaemon(std::string_view what, std::chrono::milliseconds timeout
     return future.get();
 }
 
+QueryAnswer queryEveryPage(std::string_view what, std::chrono::milliseconds timeout) {
+    std::string merged = "[";
+    std::int64_t after = 0;
+    for (;;) {
+        QueryAnswer page = queryDaemon(std::string(what) + ">" + std::to_string(after), timeout);
+        if (page.outcome != QueryAnswer::Outcome::Answered) return page;
+        const auto value = parseJson(page.text);
+        if (!value || value->kind != JsonValue::Kind::Array) return page;  // the caller says it is not a list
+        if (value->items.empty()) break;
+        const JsonValue* id = value->items.back().find("id");
+        const auto last = id ? id->asInt() : std::nullopt;
+        if (!last || *last <= after) return QueryAnswer{QueryAnswer::Outcome::Refused, EPROTO, "a page that does not advance"};
+        if (merged.size() > 1) merged.push_back(',');
+        merged.append(page.text, 1, page.text.size() - 2);
+        after = *last;
+    }
+    merged.push_back(']');
+    return QueryAnswer{QueryAnswer::Outcome::Answered, 0, std::move(merged)};
+}
+
 int printQuery(const GlobalOptions& options, const char* what, JsonValue::Kind expected, const char* emptyText) {
-    const QueryAnswer answer = queryDaemon(what, options.replyTimeout);
+    const bool paged = std::string_view(what) == "jobs";
+    const QueryAnswer answer =
+        paged ? queryEveryPage(what, options.replyTimeout) : queryDaemon(what, options.replyTimeout);
     const std::string subject = std::string(what) + " query";
     switch (answer.outcome) {
         case QueryAnswer::Outcome::Answered:

@@ -111,10 +111,24 @@ std::vector<StatusItem> JobStatusService::status() const {
 }
 
 std::string JobStatusService::query(std::string_view what) const {
-    if (what != "jobs") return {};
+    // "jobs" is the first page, "jobs>ID" the page after job ID: every answer
+    // fits its frame however many jobs there are and however long their texts.
+    constexpr std::string_view kJobs = "jobs";
+    constexpr std::size_t kPageBytes = 1 << 20;
+    if (what.substr(0, kJobs.size()) != kJobs) return {};
+    std::int64_t after = 0;
+    if (what.size() > kJobs.size()) {
+        const std::string_view cursor = what.substr(kJobs.size() + 1);
+        if (what[kJobs.size()] != '>' || cursor.empty() || cursor.size() > 18 ||
+            cursor.find_first_not_of("0123456789") != std::string_view::npos)
+            return {};
+        after = std::stoll(std::string(cursor));
+    }
     std::string out = "[";
     bool first = true;
-    for (const auto& [id, job] : book_->all()) {
+    const auto& all = book_->all();
+    for (auto it = all.upper_bound(after); it != all.end() && out.size() < kPageBytes; ++it) {
+        const auto& [id, job] = *it;
         if (!first) out.push_back(',');
         first = false;
         out += "{\"id\":" + std::to_string(id) + ",\"name\":";
