@@ -21,16 +21,26 @@
 namespace ksctl {
 namespace {
 
-std::mutex g_mutex;
-std::condition_variable g_wake;
-std::deque<tOrvoJSEEvent> g_events;
+// Events from the library's callback thread. Never destroyed: the library
+// may still call back after the unregistration, even while ksctl exits.
+struct Mailbox {
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::deque<tOrvoJSEEvent> events;
+};
+
+Mailbox& mailbox() {
+    static Mailbox* const box = new Mailbox;
+    return *box;
+}
 
 void onJobEvent(const char*, tOrvoJSEEvent event) {
+    Mailbox& box = mailbox();
     {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        g_events.push_back(event);
+        std::lock_guard<std::mutex> lock(box.mutex);
+        box.events.push_back(event);
     }
-    g_wake.notify_one();
+    box.wake.notify_one();
 }
 
 const char* eventWord(tOrvoJSEEvent event) {
@@ -124,12 +134,13 @@ int runJobWatch(const GlobalOptions& options, const JobArgs& args) {
         display.show("progress", progress);
     }
     while (result < 0) {
-        std::unique_lock<std::mutex> lock(g_mutex);
+        Mailbox& box = mailbox();
+        std::unique_lock<std::mutex> lock(box.mutex);
         // The periodic read also notices a job or a daemon that went away without an event.
-        g_wake.wait_for(lock, std::chrono::seconds(2), [] { return !g_events.empty(); });
-        const bool woken = !g_events.empty();
-        const tOrvoJSEEvent event = woken ? g_events.front() : TRVX_JSE_UPDATED;
-        if (woken) g_events.pop_front();
+        box.wake.wait_for(lock, std::chrono::seconds(2), [&box] { return !box.events.empty(); });
+        const bool woken = !box.events.empty();
+        const tOrvoJSEEvent event = woken ? box.events.front() : TRVX_JSE_UPDATED;
+        if (woken) box.events.pop_front();
         lock.unlock();
 
         if (event == TRVX_JSE_EXIT) {
