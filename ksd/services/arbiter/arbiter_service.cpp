@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "OrvoLogging.h"
+#include "store/write_or_log.h"
 #include "json/json_text.h"
 
 namespace ksd {
@@ -216,12 +217,7 @@ bool ArbiterService::watchHolder(const PeerInfo& peer) {
 
 template <typename Write>
 void ArbiterService::persist(Write write) {
-    if (!store_) return;
-    try {
-        write();
-    } catch (const std::exception& e) {
-        ORVO_LOG(1, "ksd: arbiter: lock table not stored: " << e.what());
-    }
+    if (store_) store::writeOrLog("arbiter: lock table", write);
 }
 
 void ArbiterService::restoreFrom(std::unique_ptr<LockStore> store) {

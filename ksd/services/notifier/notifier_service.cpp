@@ -8,6 +8,7 @@
 
 #include "OrvoCodec.h"
 #include "OrvoLogging.h"
+#include "store/write_or_log.h"
 #include "json/json_text.h"
 #include "services/notifier/callback_address.h"
 #include "services/notifier/push_frame.h"
@@ -209,12 +210,7 @@ void NotifierService::subscriberRefused(PushChannel& channel, std::int32_t callb
 
 template <typename Write>
 void NotifierService::persist(Write write) {
-    if (!store_) return;
-    try {
-        write();
-    } catch (const std::exception& e) {
-        ORVO_LOG(1, "ksd: notifier: subscriptions not stored: " << e.what());
-    }
+    if (store_) store::writeOrLog("notifier: subscriptions", write);
 }
 
 void NotifierService::restoreFrom(std::unique_ptr<SubscriptionStore> store) {
