@@ -1,5 +1,8 @@
 #include "server/server.h"
 
+#include <cerrno>
+#include <system_error>
+
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
@@ -22,8 +25,14 @@ Server::~Server() { stop(); }
 
 void Server::listenPipe(const std::string& name) {
     const std::string path = isAbstractPipeName(name) ? std::string() : name;
-    listeners_.push_back(std::make_unique<Listener>(io_, pipeEndpoint(name), path,
-                                                    [this](GenericSocket s) { onAccept(std::move(s), true); }));
+    try {
+        listeners_.push_back(std::make_unique<Listener>(io_, pipeEndpoint(name), path,
+                                                        [this](GenericSocket s) { onAccept(std::move(s), true); }));
+    } catch (const std::system_error& e) {
+        // The operator wants to know which pipe, and that another daemon has it.
+        if (e.code().value() != EADDRINUSE) throw;
+        throw std::system_error(e.code(), "pipe '" + name + "' is taken by another ksd");
+    }
 }
 
 void Server::listenTcp(std::uint16_t port) {

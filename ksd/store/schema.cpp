@@ -56,9 +56,16 @@ int migrate(Database& db) {
 
 std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir, Durability durability,
                                             std::chrono::milliseconds busyTimeout) {
-    auto db = std::make_unique<Database>(stateDir / kDatabaseFileName, durability, busyTimeout);
-    migrate(*db);
-    return db;
+    const std::filesystem::path file = stateDir / kDatabaseFileName;
+    try {
+        auto db = std::make_unique<Database>(file, durability, busyTimeout);
+        migrate(*db);
+        return db;
+    } catch (const StoreError& e) {
+        // SQLITE_NOTADB, also as an extended code: say it in the operator's words.
+        if ((e.sqliteCode() & 0xff) == 26) throw StoreError("state database " + file.string() + " is not a database", 26);
+        throw;
+    }
 }
 
 }  // namespace ksd::store

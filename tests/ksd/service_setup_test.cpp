@@ -163,4 +163,26 @@ TEST(ServiceSetup, TheStateDirectoryIsTheDaemonsAloneAndAnotherUsersIsRefused) {
     EXPECT_EQ(refused.wait(), 1);
 }
 
+TEST(ServiceSetup, StartUpErrorsNameThePipeOrTheFile) {
+    kstest::ScopedTempDir tmp("kstest-start");
+    const std::string pipe = kstest::uniqueName("kstest-start");
+    const auto ksdCommand = [&](const std::string& state) {
+        return "exec " + kstest::ksdProgram() + " --foreground --log-level error --pipe " + pipe + " --state-dir " +
+               tmp.path() + "/" + state + " 2>&1";
+    };
+    kstest::ChildProcess first("/bin/sh", {"-c", ksdCommand("one")});
+    ASSERT_TRUE(printsLineWith(first, "ksd: ready"));
+    kstest::ChildProcess second("/bin/sh", {"-c", ksdCommand("two")});
+    EXPECT_TRUE(printsLineWith(second, "ksd: pipe '" + pipe + "' is taken by another ksd"));
+    EXPECT_EQ(second.wait(), 1);
+    first.signal(SIGTERM);
+    EXPECT_EQ(first.wait(), 0);
+
+    fs::create_directories(tmp.path() + "/bad");
+    std::ofstream(tmp.path() + "/bad/ksd.db") << "these bytes are no database, whatever their length may be";
+    kstest::ChildProcess bad("/bin/sh", {"-c", ksdCommand("bad")});
+    EXPECT_TRUE(printsLineWith(bad, "ksd: state database " + tmp.path() + "/bad/ksd.db is not a database"));
+    EXPECT_EQ(bad.wait(), 1);
+}
+
 }  // namespace
