@@ -4,6 +4,11 @@
 
 namespace ksd {
 
+std::string peerText(const PeerInfo& peer) {
+    if (!peer.isUnix) return "a TCP client";
+    return "pid " + std::to_string(peer.pid) + " uid " + std::to_string(peer.uid);
+}
+
 FieldPlan fixedPlan(std::vector<FieldKind> kinds) {
     return [kinds = std::move(kinds)](const std::vector<Value>& fieldsSoFar) -> FieldSpec {
         if (fieldsSoFar.size() < kinds.size()) return FieldSpec{kinds[fieldsSoFar.size()], 0, 0};

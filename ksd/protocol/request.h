@@ -29,6 +29,10 @@ struct PeerInfo {
     std::uint64_t connectionId = 0;  // unique per accepted connection
 };
 
+// "pid P uid U" for a Unix client, "a TCP client" otherwise: log lines about a
+// client say who it is.
+std::string peerText(const PeerInfo& peer);
+
 // The next field a request carries. Raw fields are `rawLength` untagged
 // bytes, delivered as a Value with tag 0 and the bytes in `text`. Invalid
 // aborts the request with `errorCode` (EPROTO, EMSGSIZE, ...).

@@ -115,8 +115,9 @@ void Connection::consume(const char* data, std::size_t size) {
     }
     cancelTimer();
     if (result == RequestParser::Result::bad) {
-        ORVO_LOG(4, "ksd: connection " << static_cast<unsigned long>(peer_.connectionId) << ": bad request (code "
-                                       << parser_.errorCode() << "): " << parser_.errorMessage().c_str());
+        ORVO_LOG(4, "ksd: connection " << static_cast<unsigned long>(peer_.connectionId) << " (" << peerText(peer_)
+                                       << "): bad request (code " << parser_.errorCode()
+                                       << "): " << parser_.errorMessage().c_str());
         sendError(parser_.errorCode(), parser_.errorMessage(), true);
         return;
     }
@@ -135,7 +136,8 @@ void Connection::dispatch() {
     try {
         handler_.handle(request);
     } catch (const std::exception& e) {
-        ORVO_LOG(4, "ksd: " << request.service.c_str() << " " << request.name.c_str() << " failed: " << e.what());
+        ORVO_LOG(4, "ksd: " << request.service.c_str() << " " << request.name.c_str() << " from " << peerText(peer_)
+                             << " failed: " << e.what());
         responder->fail(EIO, "internal error");
     }
     waitReadable();
@@ -213,8 +215,8 @@ void Connection::armTimer(std::chrono::milliseconds after, bool isRequestLimit) 
             self->close();
             return;
         }
-        ORVO_LOG(4, "ksd: connection " << static_cast<unsigned long>(self->peer_.connectionId)
-                                       << ": request not whole in time, cut off");
+        ORVO_LOG(4, "ksd: connection " << static_cast<unsigned long>(self->peer_.connectionId) << " ("
+                                       << peerText(self->peer_) << "): request not whole in time, cut off");
         self->sendError(ETIMEDOUT,
                         "request not complete within " + std::to_string(self->limits_.requestTimeout.count()) + " ms",
                         false);

@@ -77,7 +77,8 @@ void Server::onAccept(GenericSocket socket, bool isUnix) {
                                    << (isUnix ? "pid " : "tcp ") << static_cast<int>(peer.pid) << " uid "
                                    << static_cast<long>(peer.uid));
     if (admission == ConnectionManager::Admission::OverUserLimit) {
-        ORVO_LOG(4, "ksd: user " << static_cast<long>(peer.uid) << " is over its connection limit");
+        ORVO_LOG(4, "ksd: user " << static_cast<long>(peer.uid) << " (pid " << static_cast<int>(peer.pid)
+                                 << ") is over its connection limit");
         manager_.add(connection, false);
         connection->startRejected(
             EDQUOT, "too many connections for this user (limit " + std::to_string(limits_.maxConnectionsPerUser) + ")");

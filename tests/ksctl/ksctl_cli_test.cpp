@@ -202,11 +202,10 @@ TEST_F(KsctlCli, JobsByNameWatchedToTheirEndWithMessagesThatSayWhy) {
     EXPECT_EQ(run({"job", "progress", "w1", "100"}).exitCode, 0);
     RunResult watched = watch.wait();
     EXPECT_EQ(watched.exitCode, 0) << watched.err;
+    // How many updates it shows depends on when its first read lands; how it ends does not.
     const auto events = lines(watched.out);
-    ASSERT_GE(events.size(), 2u) << watched.out;
-    std::string seen;
-    for (const auto& line : events) seen += at(parseLine(line), "progress") + " ";
-    EXPECT_NE(seen.find("40 "), std::string::npos) << watched.out;
+    ASSERT_GE(events.size(), 1u) << watched.out;
+    for (const auto& line : events) EXPECT_EQ(at(parseLine(line), "name"), "w1") << line;
     const JsonValue last = parseLine(events.back());
     EXPECT_EQ(at(last, "event") + " " + at(last, "progress") + " " + at(last, "name"), "completed 100 w1");
 

@@ -75,23 +75,25 @@ TEST_F(LockEndToEnd, AHolderKilledWithSigkillReleasesItsLockToTheWaiter) {
 }
 
 TEST_F(LockEndToEnd, AStoppedDaemonCostsOneDeadlineAndALockWaitKeepsItsOwnTime) {
-    kstest::ScopedEnv deadline("KSINTF_REPLY_TIMEOUT_MS", "300");
-    // A lock wait may outlast the reply deadline by its own time-out.
-    auto holder = helper({"lock", "belt0", "-1", "sleep", "1000", "unlock", "last"});
-    ASSERT_GT(helperValue(*holder, "lock"), 0);
-    const long handle = OrvoRAResourceLock("belt0", 20000);
-    EXPECT_GT(handle, 0) << "granted after about a second, beyond the 300 ms reply deadline";
-    EXPECT_EQ(OrvoRAResourceUnlock(handle), 0);
-    EXPECT_EQ(holder->wait(), 0);
-
-    ASSERT_EQ(::kill(ksd_->pid(), SIGSTOP), 0);
     int count = 0;
     OrvoJSEJob jobs[1];
-    const int stopped = OrvoJSEGetAllJobProgress(&count, jobs);
-    const long lockWhileStopped = OrvoRAResourceLock("belt1", 0);
-    ASSERT_EQ(::kill(ksd_->pid(), SIGCONT), 0);
-    EXPECT_EQ(stopped, -110) << "a daemon that never answers";
-    EXPECT_EQ(lockWhileStopped, -110);
+    {
+        kstest::ScopedEnv deadline("KSINTF_REPLY_TIMEOUT_MS", "1000");
+        // A lock wait may outlast the reply deadline by its own time-out.
+        auto holder = helper({"lock", "belt0", "-1", "sleep", "2500", "unlock", "last"});
+        ASSERT_GT(helperValue(*holder, "lock"), 0);
+        const long handle = OrvoRAResourceLock("belt0", 60000);
+        EXPECT_GT(handle, 0) << "granted after 2.5 s, beyond the 1 s reply deadline";
+        EXPECT_EQ(OrvoRAResourceUnlock(handle), 0);
+        EXPECT_EQ(holder->wait(), 0);
+
+        ASSERT_EQ(::kill(ksd_->pid(), SIGSTOP), 0);
+        const int stopped = OrvoJSEGetAllJobProgress(&count, jobs);
+        const long lockWhileStopped = OrvoRAResourceLock("belt1", 0);
+        ASSERT_EQ(::kill(ksd_->pid(), SIGCONT), 0);
+        EXPECT_EQ(stopped, -110) << "a daemon that never answers";
+        EXPECT_EQ(lockWhileStopped, -110);
+    }
     EXPECT_GE(OrvoJSEGetAllJobProgress(&count, jobs), 0) << "the next call starts clean";
 }
 
