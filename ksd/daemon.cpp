@@ -1,6 +1,9 @@
 #include "daemon.h"
 
+#include <sys/resource.h>
+
 #include <asio/post.hpp>
+#include <string>
 #include <utility>
 
 #include "OrvoLogging.h"
@@ -9,6 +12,13 @@
 #include "services/service_context.h"
 
 namespace ksd {
+
+namespace {
+unsigned long descriptorLimit() {
+    rlimit rl{};
+    return ::getrlimit(RLIMIT_NOFILE, &rl) == 0 ? static_cast<unsigned long>(rl.rlim_cur) : 0;
+}
+}  // namespace
 
 Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     if (options_.stateDir.empty()) options_.stateDir = defaultStateDir();
@@ -43,12 +53,14 @@ Daemon::~Daemon() {
 }
 
 void Daemon::run() {
-    if (options_.tcpPort >= 0) {
-        ORVO_LOG(1, "ksd: ready, listening on pipe '" << options_.pipe
-                                                      << "' and 127.0.0.1:" << static_cast<int>(server_->tcpPort()));
-    } else {
-        ORVO_LOG(1, "ksd: ready, listening on pipe '" << options_.pipe << "'");
-    }
+    const auto& limits = options_.server;
+    ORVO_LOG(1, "ksd: ready, listening on pipe '"
+                    << options_.pipe << "'"
+                    << (options_.tcpPort >= 0 ? " and 127.0.0.1:" + std::to_string(server_->tcpPort()) : std::string())
+                    << "; at most " << static_cast<unsigned long>(limits.maxConnections) << " connections ("
+                    << static_cast<unsigned long>(limits.maxConnectionsPerUser) << " per user, "
+                    << static_cast<unsigned long>(limits.rootReserve) << " kept for root) under a descriptor limit of "
+                    << static_cast<unsigned long>(descriptorLimit()));
     io_.run();
 }
 

@@ -8,6 +8,8 @@
 
 #include <CLI/CLI.hpp>
 #include <asio/signal_set.hpp>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -22,12 +24,16 @@
 namespace {
 
 // Every client holds a descriptor here; take all the kernel allows us.
-void raiseDescriptorLimit() {
+// Answers the soft limit in force afterwards.
+std::size_t raiseDescriptorLimit() {
     rlimit rl{};
-    if (::getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
-        rl.rlim_cur = rl.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &rl);
+    if (::getrlimit(RLIMIT_NOFILE, &rl) != 0) return 1024;
+    if (rl.rlim_cur < rl.rlim_max) {
+        const rlim_t wanted = rl.rlim_max;
+        rl.rlim_cur = wanted;
+        if (::setrlimit(RLIMIT_NOFILE, &rl) != 0) ::getrlimit(RLIMIT_NOFILE, &rl);
     }
+    return rl.rlim_cur == RLIM_INFINITY ? std::size_t{1} << 20 : static_cast<std::size_t>(rl.rlim_cur);
 }
 
 // Detaches from the terminal. The parent exits once the child reports that
@@ -93,10 +99,40 @@ int main(int argc, char** argv) {
             [](std::string& text) { return ksd::parseLogLevel(text) ? std::string() : "not a log level: " + text; },
             "LEVEL"));
     app.add_flag("--foreground", foreground, "stay in the foreground, log to stderr");
+    auto& server = options.server;
+    auto* limits = app.add_option_group("Limits", "bounds that keep one client or user from harming the others");
+    limits->add_option("--max-connections", server.maxConnections,
+                       "connections in all; the last --root-reserve of them are for root (lowered to fit the "
+                       "descriptor limit)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits->add_option("--root-reserve", server.rootReserve, "connections kept for root")->capture_default_str();
+    limits->add_option("--max-connections-per-user", server.maxConnectionsPerUser,
+                       "connections of one user (all TCP clients are one user; root is exempt)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits->add_option("--max-pending-bytes", server.maxPendingBytes,
+                       "bytes of requests not yet whole, in all (beyond: not read until they complete)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits->add_option("--max-pending-bytes-per-user", server.maxPendingBytesPerUser,
+                       "bytes of requests not yet whole, per user (root is exempt)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    std::int64_t requestTimeoutMs = server.requestTimeout.count();
+    limits->add_option("--request-timeout", requestTimeoutMs,
+                       "ms within which a begun request must be whole, and a reply taken")
+        ->capture_default_str()
+        ->check(CLI::Range(std::int64_t{100}, std::int64_t{3600000}));
+    limits->add_option("--max-subscriptions-per-user", options.notifier.maxSubscriptionsPerUser,
+                       "subscriptions of one user (root is exempt)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
     app.set_version_flag("--version", std::string("ksd ") + KS_VERSION + " (protocol " +
                                           std::to_string(OrvoNet::Protocol::kProtocolVersion) + ")");
     CLI11_PARSE(app, argc, argv);
 
+    server.requestTimeout = std::chrono::milliseconds(requestTimeoutMs);
     if (logLevel) OrvoSupport::OrvoLogging::getInstance().setLogLevel(*ksd::parseLogLevel(*logLevel));
     if (tcpPort) options.tcpPort = *tcpPort;
     if (!stateDir.empty())
@@ -108,7 +144,7 @@ int main(int argc, char** argv) {
     options.stateDir = std::filesystem::absolute(options.stateDir, ec).lexically_normal();
     if (options.pipe.find('/') != std::string::npos)
         options.pipe = std::filesystem::absolute(options.pipe, ec).lexically_normal().string();
-    raiseDescriptorLimit();
+    ksd::fitToDescriptors(options.server, raiseDescriptorLimit());
     // Files the daemon makes (the database and its journal) are its own alone.
     ::umask(077);
 

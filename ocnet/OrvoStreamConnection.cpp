@@ -77,6 +77,7 @@ void OrvoStreamConnection::disconnect() {
     m_fd = -1;
     m_bFailed = false;
     m_bReadSinceWrite = false;
+    m_bPeerClosed = false;
     m_out.clear();
     m_inPos = m_inEnd = 0;
 }
@@ -122,6 +123,7 @@ void OrvoStreamConnection::markFailed() {
     if (m_fd >= 0) ::close(m_fd);
     m_fd = -1;
     m_bFailed = true;
+    m_bPeerClosed = false;
     m_out.clear();
     m_inPos = m_inEnd = 0;
 }
@@ -157,7 +159,7 @@ long OrvoStreamConnection::transfer(const char* buf, long bufLen, long* error) {
         *error = EINVAL;
         return 0;
     }
-    if (m_fd < 0) {
+    if (m_fd < 0 || m_bPeerClosed) {
         // Closed or failed: a write opens the transport again.
         OrvoString sMessage;
         const int nCode = OrvoStreamConnection::establishImpl(sMessage);
@@ -185,11 +187,23 @@ long OrvoStreamConnection::transfer(const char* buf, long bufLen, long* error) {
     }
     const int nCode = sendAll(m_fd, buf, n, m_nSendCalls);
     if (nCode != 0) {
-        markFailed();
+        failSending(nCode);
         *error = nCode;
         return 0;
     }
     return bufLen;
+}
+
+// A daemon that refuses a connection writes its error value and closes at
+// once; a request sent after that fails, but the error value is still there.
+void OrvoStreamConnection::failSending(int nCode) {
+    if (m_fd < 0 || (nCode != EPIPE && nCode != ECONNRESET)) {
+        markFailed();
+        return;
+    }
+    m_out.clear();
+    m_bPeerClosed = true;
+    ::shutdown(m_fd, SHUT_WR);
 }
 
 int OrvoStreamConnection::sendBuffered(long* error) {
@@ -199,10 +213,15 @@ int OrvoStreamConnection::sendBuffered(long* error) {
         m_out.clear();
         return -1;
     }
+    if (m_bPeerClosed) {
+        m_out.clear();
+        *error = EPIPE;
+        return -1;
+    }
     const int nCode = sendAll(m_fd, m_out.data(), m_out.size(), m_nSendCalls);
     m_out.clear();
     if (nCode != 0) {
-        markFailed();
+        failSending(nCode);
         *error = nCode;
         return -1;
     }
@@ -224,8 +243,9 @@ long OrvoStreamConnection::receive(char* bufPtr, long toRead, long* error, bool 
         *error = EINVAL;
         return 0;
     }
-    // The peer cannot answer what it has not been sent.
-    if (sendBuffered(error) != 0) return 0;
+    // The peer cannot answer what it has not been sent, unless it already has.
+    if (sendBuffered(error) != 0 && !m_bPeerClosed) return 0;
+    *error = 0;
     m_bReadSinceWrite = true;
     if (m_fd < 0) {
         *error = m_bFailed ? ECONNRESET : ENOTCONN;
@@ -266,7 +286,7 @@ long OrvoStreamConnection::receive(char* bufPtr, long toRead, long* error, bool 
 int OrvoStreamConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
     nErrorCode = 0;
     long nError = 0;
-    if (sendBuffered(&nError) != 0) {
+    if (sendBuffered(&nError) != 0 && !m_bPeerClosed) {
         nErrorCode = static_cast<int>(nError);
         nSize = 0;
         return -1;

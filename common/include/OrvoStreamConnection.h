@@ -30,7 +30,7 @@ public:
     int establishImpl(OrvoString& sExceptionMessage) override;
     void flush() override;
 
-    bool isOpen() const { return m_fd >= 0; }
+    bool isOpen() const { return m_fd >= 0 && !m_bPeerClosed; }
     // Every blocking receive gives up after nMs with ETIMEDOUT and closes the
     // socket, so that the next request starts on a fresh one; a negative value
     // waits without limit (the default). Holds for every socket reopened later.
@@ -48,12 +48,16 @@ private:
     int sendBuffered(long* error);
     bool reopenIfStale(long* error);
     void markFailed();
+    void failSending(int nCode);
     void applyReceiveTimeout();
 
     int m_fd;
     long m_nReceiveTimeoutMs = -1;
     bool m_bFailed;
     bool m_bReadSinceWrite;
+    // The peer closed while we wrote: what it sent before (an error value)
+    // is still to be read, so the socket stays open for reading.
+    bool m_bPeerClosed = false;
     long m_nSendCalls;
     std::vector<char> m_out;
     std::vector<char> m_in;

@@ -40,18 +40,18 @@ void Connection::start() {
     waitReadable();
 }
 
-void Connection::startRejected(int code, std::string message) {
-    rejectCode_ = code;
-    rejectMessage_ = std::move(message);
-    start();
-    // A rejected client that never speaks is not kept waiting for.
-    armTimer(limits_.requestTimeout, true);
-}
-
 void Connection::stop() { close(); }
 
 void Connection::waitReadable() {
-    if (readWaiting_ || mode_ == Mode::Closed) return;
+    if (readWaiting_ || paused_ || mode_ == Mode::Closed) return;
+    const bool serving = mode_ == Mode::Serving || mode_ == Mode::Writing;
+    // While a request is served, read ahead only so far: a client that
+    // pipelines without reading its replies stops being read.
+    if (serving && in_.size() - inPos_ >= limits_.maxPipelinedBytes) return;
+    if (mode_ == Mode::Reading && !manager_.budget().mayRead(peer_.uid, isRoot(peer_), held_ > 0)) {
+        pauseForBudget();
+        return;
+    }
     readWaiting_ = true;
     socket_.async_wait(GenericSocket::wait_read, [self = shared_from_this()](const std::error_code& ec) {
         self->readWaiting_ = false;
@@ -61,6 +61,16 @@ void Connection::waitReadable() {
             return;
         }
         self->onReadable();
+    });
+}
+
+// Back-pressure instead of buffering: the request timer keeps running, so a
+// request that cannot go on is cut off at the request limit like any other.
+void Connection::pauseForBudget() {
+    paused_ = true;
+    manager_.budget().waitForRoom(weak_from_this(), [this] {
+        paused_ = false;
+        waitReadable();
     });
 }
 
@@ -77,17 +87,17 @@ void Connection::onReadable() {
     }
     switch (mode_) {
         case Mode::Reading:
-            if (rejectCode_ != 0) {
-                sendError(rejectCode_, rejectMessage_, true);
-                return;
-            }
-            consume(readBuffer_.data(), n);
+            if (inPos_ < in_.size())
+                in_.append(readBuffer_.data(), n);
+            else
+                consume(readBuffer_.data(), n, false);
+            serveInput();
             return;
         case Mode::Serving:
         case Mode::Writing:
             // Keep watching (a client that leaves must be noticed) but bounded.
-            pipelined_.append(readBuffer_.data(), n);
-            if (pipelined_.size() < limits_.maxPipelinedBytes) waitReadable();
+            in_.append(readBuffer_.data(), n);
+            waitReadable();
             return;
         case Mode::Failing:
         case Mode::Draining:
@@ -103,16 +113,33 @@ void Connection::onReadable() {
     }
 }
 
-void Connection::consume(const char* data, std::size_t size) {
+// Serves the requests already read, as long as each is answered at once.
+void Connection::serveInput() {
+    while (mode_ == Mode::Reading && inPos_ < in_.size()) consume(in_.data() + inPos_, in_.size() - inPos_, true);
+    waitReadable();
+}
+
+// `buffered`: the bytes are in in_ at inPos_; otherwise they are the loop's
+// scratch buffer, and what follows a whole request is kept in in_.
+void Connection::consume(const char* data, std::size_t size, bool buffered) {
     std::size_t used = 0;
     const auto result = parser_.parse(data, size, used);
-    data += used;
-    size -= used;
+    if (buffered) {
+        inPos_ += used;
+    } else if (result != RequestParser::Result::indeterminate && used < size) {
+        in_.assign(data + used, size - used);
+        inPos_ = 0;
+    }
+    if (inPos_ == in_.size()) {
+        releaseIfLarge(in_);
+        inPos_ = 0;
+    }
     if (result == RequestParser::Result::indeterminate) {
+        holdPending(used);
         if (parser_.started()) armRequestTimer();
-        waitReadable();
         return;
     }
+    releasePending();
     cancelTimer();
     if (result == RequestParser::Result::bad) {
         ORVO_LOG(4, "ksd: connection " << static_cast<unsigned long>(peer_.connectionId) << " (" << peerText(peer_)
@@ -121,7 +148,6 @@ void Connection::consume(const char* data, std::size_t size) {
         sendError(parser_.errorCode(), parser_.errorMessage(), true);
         return;
     }
-    pipelined_.assign(data, size);
     dispatch();
 }
 
@@ -133,6 +159,7 @@ void Connection::dispatch() {
                     responder};
     ORVO_LOG(9, "ksd: connection " << static_cast<unsigned long>(peer_.connectionId) << ": " << request.service.c_str()
                                    << " " << request.name.c_str());
+    inDispatch_ = true;
     try {
         handler_.handle(request);
     } catch (const std::exception& e) {
@@ -140,7 +167,7 @@ void Connection::dispatch() {
                              << " failed: " << e.what());
         responder->fail(EIO, "internal error");
     }
-    waitReadable();
+    inDispatch_ = false;
 }
 
 void Connection::sendReply(std::string encodedFields) {
@@ -149,43 +176,55 @@ void Connection::sendReply(std::string encodedFields) {
     Codec::putShort(out_, 0);
     Codec::putShort(out_, OrvoNet::Protocol::kMagic);
     mode_ = Mode::Writing;
-    asio::async_write(socket_, asio::buffer(out_), [self = shared_from_this()](const std::error_code& ec, std::size_t) {
-        if (self->mode_ == Mode::Closed) return;
-        if (ec) {
-            self->close();
-            return;
-        }
-        self->onReplyWritten();
-    });
+    // Nearly every reply fits the socket buffer: one send, no completion to wait for.
+    std::error_code ec;
+    const std::size_t n = socket_.write_some(asio::buffer(out_), ec);
+    if (!ec && n == out_.size()) {
+        replyWritten();
+        return;
+    }
+    if (ec && ec != asio::error::would_block && ec != asio::error::try_again) {
+        close();
+        return;
+    }
+    // The client is slow to take its reply: it gets the request limit to do so.
+    armTimer(limits_.requestTimeout, Deadline::Reply);
+    const std::size_t written = ec ? 0 : n;
+    asio::async_write(socket_, asio::buffer(out_.data() + written, out_.size() - written),
+                      [self = shared_from_this()](const std::error_code& writeEc, std::size_t) {
+                          if (self->mode_ == Mode::Closed) return;
+                          if (writeEc) {
+                              self->close();
+                              return;
+                          }
+                          self->cancelTimer();
+                          self->replyWritten();
+                      });
 }
 
-void Connection::onReplyWritten() {
+void Connection::replyWritten() {
     responder_.reset();
     mode_ = Mode::Reading;
     parser_.reset();
     releaseIfLarge(out_);
-    if (pipelined_.empty()) {
-        waitReadable();
-        return;
-    }
-    replay_.swap(pipelined_);
-    pipelined_.clear();
-    consume(replay_.data(), replay_.size());
-    releaseIfLarge(replay_);
+    if (!inDispatch_) serveInput();
 }
 
 void Connection::sendError(int code, std::string_view message, bool drain) {
     if (mode_ == Mode::Closed || mode_ == Mode::Failing || mode_ == Mode::Draining || mode_ == Mode::Writing) return;
     cancelTimer();
+    releasePending();
+    paused_ = false;
     out_.clear();
     Codec::putError(out_, code, message);
     mode_ = Mode::Failing;
     drainAfterError_ = drain;
     drained_ = 0;
-    pipelined_.clear();
+    releaseIfLarge(in_);
+    inPos_ = 0;
     // One deadline for writing the error and draining after it: a client
     // that reads nothing does not keep the connection.
-    armTimer(limits_.errorDrainTime, false);
+    armTimer(limits_.errorDrainTime, Deadline::Error);
     asio::async_write(socket_, asio::buffer(out_), [self = shared_from_this()](const std::error_code& ec, std::size_t) {
         if (self->mode_ == Mode::Closed) return;
         if (ec || !self->drainAfterError_) {
@@ -200,18 +239,32 @@ void Connection::sendError(int code, std::string_view message, bool drain) {
     waitReadable();
 }
 
-void Connection::armRequestTimer() {
-    if (requestTimerArmed_) return;
-    armTimer(limits_.requestTimeout, true);
+void Connection::holdPending(std::size_t bytes) {
+    held_ += bytes;
+    manager_.budget().hold(peer_.uid, bytes);
 }
 
-void Connection::armTimer(std::chrono::milliseconds after, bool isRequestLimit) {
-    requestTimerArmed_ = isRequestLimit;
+void Connection::releasePending() {
+    const std::size_t bytes = held_;
+    held_ = 0;
+    manager_.budget().release(peer_.uid, bytes);
+}
+
+void Connection::armRequestTimer() {
+    if (requestTimerArmed_) return;
+    armTimer(limits_.requestTimeout, Deadline::Request);
+}
+
+void Connection::armTimer(std::chrono::milliseconds after, Deadline kind) {
+    requestTimerArmed_ = kind == Deadline::Request;
     const std::uint64_t generation = ++timerGeneration_;
     timer_.expires_after(after);
-    timer_.async_wait([self = shared_from_this(), generation, isRequestLimit](const std::error_code& ec) {
+    timer_.async_wait([self = shared_from_this(), generation, kind](const std::error_code& ec) {
         if (ec || self->mode_ == Mode::Closed || generation != self->timerGeneration_) return;
-        if (!isRequestLimit || self->rejectCode_ != 0) {
+        if (kind == Deadline::Reply)
+            ORVO_LOG(4, "ksd: connection " << static_cast<unsigned long>(self->peer_.connectionId) << " ("
+                                           << peerText(self->peer_) << "): reply not taken in time, closed");
+        if (kind != Deadline::Request) {
             self->close();
             return;
         }
@@ -233,6 +286,7 @@ void Connection::close() {
     if (mode_ == Mode::Closed) return;
     mode_ = Mode::Closed;
     cancelTimer();
+    releasePending();
     std::error_code ignored;
     socket_.close(ignored);
     if (auto responder = std::move(responder_)) responder->connectionClosed();

@@ -3,7 +3,9 @@
 
 // One client connection: parses requests one after another, hands each whole
 // request to its service and writes the reply with its trailer in one write.
-// An idle connection stays open; a begun request must be whole in time.
+// An idle connection stays open; a begun request must be whole in time, and a
+// reply must be taken by the client in time. Memory per connection is bounded:
+// read-ahead while serving, one reply, and the user's budget for requests.
 
 #include <asio/steady_timer.hpp>
 #include <cstdint>
@@ -31,8 +33,6 @@ public:
     Connection& operator=(const Connection&) = delete;
 
     void start();
-    // Starts a connection that answers its first request with this error and closes.
-    void startRejected(int code, std::string message);
     void stop();
 
     bool isOpen() const { return mode_ != Mode::Closed; }
@@ -44,14 +44,19 @@ public:
 
 private:
     enum class Mode { Reading, Serving, Writing, Failing, Draining, Closed };
+    enum class Deadline { Request, Reply, Error };
 
     void waitReadable();
+    void pauseForBudget();
     void onReadable();
-    void consume(const char* data, std::size_t size);
+    void serveInput();
+    void consume(const char* data, std::size_t size, bool buffered);
     void dispatch();
-    void onReplyWritten();
+    void replyWritten();
+    void holdPending(std::size_t bytes);
+    void releasePending();
     void armRequestTimer();
-    void armTimer(std::chrono::milliseconds after, bool isRequestLimit);
+    void armTimer(std::chrono::milliseconds after, Deadline kind);
     void cancelTimer();
     void close();
 
@@ -66,15 +71,18 @@ private:
     std::uint64_t timerGeneration_ = 0;
     bool requestTimerArmed_ = false;
     bool readWaiting_ = false;
+    bool paused_ = false;      // waiting for the user's pending-bytes budget
+    bool inDispatch_ = false;  // a reply written at once lets dispatch() go on
     Mode mode_ = Mode::Reading;
     bool drainAfterError_ = false;
     std::size_t drained_ = 0;
-    int rejectCode_ = 0;
-    std::string rejectMessage_;
+    std::size_t held_ = 0;  // bytes of the unfinished request, counted in the budget
     std::shared_ptr<ConnectionResponder> responder_;
-    std::string out_;        // the reply or error being written
-    std::string pipelined_;  // bytes of following requests, read while serving one
-    std::string replay_;
+    std::string out_;  // the reply or error being written
+    // Bytes of following requests, read while one was served; parsed from
+    // inPos_ on, so no request costs a copy of what follows it.
+    std::string in_;
+    std::size_t inPos_ = 0;
 };
 
 }  // namespace ksd

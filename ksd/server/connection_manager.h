@@ -10,8 +10,9 @@
 #include <memory>
 #include <unordered_map>
 
-#include "server/server_limits.h"
 #include "protocol/request.h"
+#include "server/pending_budget.h"
+#include "server/server_limits.h"
 
 namespace ksd {
 
@@ -21,26 +22,27 @@ class ConnectionManager {
 public:
     enum class Admission { Accept, OverUserLimit, OverTotalLimit };
 
-    explicit ConnectionManager(const ServerLimits& limits) : limits_(limits) {}
+    explicit ConnectionManager(const ServerLimits& limits)
+        : limits_(limits), budget_(limits.maxPendingBytesPerUser, limits.maxPendingBytes) {}
 
     Admission admit(const PeerInfo& peer) const;
-    // `counted`: the connection counts against its user's limit.
-    void add(const std::shared_ptr<Connection>& connection, bool counted);
+    void add(const std::shared_ptr<Connection>& connection);
     void remove(Connection* connection);
     void stopAll();
 
     std::size_t size() const { return connections_.size(); }
     std::size_t countForUser(uid_t uid) const;
+    PendingBudget& budget() { return budget_; }
 
 private:
-    struct Entry {
-        std::shared_ptr<Connection> connection;
-        bool counted;
-    };
     const ServerLimits& limits_;
-    std::unordered_map<Connection*, Entry> connections_;
+    PendingBudget budget_;
+    std::unordered_map<Connection*, std::shared_ptr<Connection>> connections_;
     std::unordered_map<uid_t, std::size_t> perUser_;
 };
+
+// Root on a Unix socket: trusted, and bound by none of the per-user limits.
+inline bool isRoot(const PeerInfo& peer) { return peer.isUnix && peer.uid == 0; }
 
 }  // namespace ksd
 

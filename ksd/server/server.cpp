@@ -5,12 +5,12 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/socket.h>
 
-#include <cerrno>
-
+#include "OrvoCodec.h"
 #include "OrvoLogging.h"
-#include "server/connection.h"
 #include "net/peer_credentials.h"
+#include "server/connection.h"
 
 namespace ksd {
 
@@ -68,24 +68,37 @@ void Server::onAccept(GenericSocket socket, bool isUnix) {
         ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     }
     const auto admission = manager_.admit(peer);
-    if (admission == ConnectionManager::Admission::OverTotalLimit) {
-        ORVO_LOG(4, "ksd: too many connections, closing a new one at once");
+    if (admission != ConnectionManager::Admission::Accept) {
+        refuse(socket, peer, admission == ConnectionManager::Admission::OverUserLimit);
         return;  // the socket closes as it goes out of scope
     }
     auto connection = std::make_shared<Connection>(std::move(socket), peer, manager_, handler_, limits_, readBuffer_);
-    ORVO_LOG(9, "ksd: connection " << static_cast<unsigned long>(peer.connectionId) << " from "
-                                   << (isUnix ? "pid " : "tcp ") << static_cast<int>(peer.pid) << " uid "
-                                   << static_cast<long>(peer.uid));
-    if (admission == ConnectionManager::Admission::OverUserLimit) {
-        ORVO_LOG(4, "ksd: user " << static_cast<long>(peer.uid) << " (pid " << static_cast<int>(peer.pid)
-                                 << ") is over its connection limit");
-        manager_.add(connection, false);
-        connection->startRejected(
-            EDQUOT, "too many connections for this user (limit " + std::to_string(limits_.maxConnectionsPerUser) + ")");
-        return;
-    }
-    manager_.add(connection, true);
+    ORVO_LOG(9, "ksd: connection " << static_cast<unsigned long>(peer.connectionId) << " from " << peerText(peer));
+    manager_.add(connection);
     connection->start();
+}
+
+// A refused connection costs nothing after this: its error value goes out now
+// (it fits any socket buffer), and the socket closes without being watched.
+void Server::refuse(GenericSocket& socket, const PeerInfo& peer, bool overUserLimit) {
+    const int fd = socket.native_handle();
+    if (overUserLimit) {
+        std::string frame;
+        OrvoNet::Codec::putError(
+            frame, EDQUOT, "too many connections for this user (limit " + std::to_string(limits_.maxConnectionsPerUser) + ")");
+        [[maybe_unused]] const ssize_t sent = ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        ::shutdown(fd, SHUT_WR);
+        // Unread request bytes would turn a TCP close into a reset that loses the error value.
+        char scratch[4096];
+        while (::recv(fd, scratch, sizeof scratch, MSG_DONTWAIT) > 0) {
+        }
+    }
+    if (const auto count = refusals_.refused(peer.uid)) {
+        ORVO_LOG(4, "ksd: " << (overUserLimit ? "connection limit of " : "daemon connection cap reached, refused ")
+                            << (peer.isUnix ? "uid " + std::to_string(peer.uid) : std::string("TCP clients"))
+                            << (overUserLimit ? " reached" : "") << " (pid " << static_cast<int>(peer.pid) << "): "
+                            << static_cast<unsigned long>(*count) << " connection(s) refused since the last such line");
+    }
 }
 
 }  // namespace ksd

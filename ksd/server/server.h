@@ -13,6 +13,7 @@
 
 #include "server/connection_manager.h"
 #include "server/listener.h"
+#include "server/refusal_log.h"
 #include "server/server_limits.h"
 #include "protocol/request_catalog.h"
 
@@ -39,12 +40,14 @@ public:
 
 private:
     void onAccept(GenericSocket socket, bool isUnix);
+    void refuse(GenericSocket& socket, const PeerInfo& peer, bool overUserLimit);
 
     asio::io_context& io_;
     RequestHandler& handler_;
     const ServerLimits& limits_;
     ConnectionManager manager_;
     std::vector<std::unique_ptr<Listener>> listeners_;
+    RefusalLog refusals_;
     std::vector<char> readBuffer_;
     std::uint64_t nextConnectionId_ = 1;
     std::uint16_t tcpPort_ = 0;

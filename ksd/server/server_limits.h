@@ -14,18 +14,39 @@ namespace ksd {
 struct ServerLimits {
     // A request that has begun must be whole within this time.
     std::chrono::milliseconds requestTimeout{30000};
-    // Open connections of one user (all TCP clients count as one user).
+    // Open connections of one user (all TCP clients count as one user); root
+    // is not bound by it. A connection over it gets its error value at once.
     std::size_t maxConnectionsPerUser = 512;
-    // Beyond this the daemon closes new connections at once, without a word.
+    // Beyond this the daemon closes new connections at once, without a word;
+    // the last `rootReserve` of them are for root alone.
     std::size_t maxConnections = 8192;
+    std::size_t rootReserve = 64;
+    // Bytes held for requests not yet whole, per user (root exempt) and in all;
+    // a user over budget is not read from until its requests complete or time out.
+    std::size_t maxPendingBytesPerUser = 64u * 1024u * 1024u;
+    std::size_t maxPendingBytes = 256u * 1024u * 1024u;
     // After an error value the daemon reads and discards what the client is
     // still sending, so that it reaches the read that finds the error.
     std::chrono::milliseconds errorDrainTime{2000};
     std::size_t errorDrainBytes = 80u * 1024u * 1024u;
-    // Bytes of following requests read while one is being served.
+    // Bytes of following requests read while one is being served. A reply
+    // the client does not read within requestTimeout closes the connection.
     std::size_t maxPipelinedBytes = 64u * 1024u;
     ParserLimits parser;
 };
+
+// Descriptors the daemon keeps for itself: its database, listeners, the
+// callback connections it pushes through, and the programs it starts.
+inline constexpr std::size_t kDescriptorsKept = 256;
+
+// Lowers the connection caps so that they fit under the descriptor limit:
+// running out of descriptors would refuse root and stall pushes alike.
+inline void fitToDescriptors(ServerLimits& limits, std::size_t descriptorLimit) {
+    const std::size_t room = descriptorLimit > 2 * kDescriptorsKept ? descriptorLimit - kDescriptorsKept
+                                                                    : descriptorLimit / 2;
+    if (limits.maxConnections > room) limits.maxConnections = room;
+    if (limits.rootReserve > limits.maxConnections / 8) limits.rootReserve = limits.maxConnections / 8;
+}
 
 }  // namespace ksd
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core_test_util.h"
+#include "other_user.h"
 #include "protocol/request_parser.h"
 
 namespace {
@@ -203,31 +204,58 @@ TEST(CoreServer, AHeldRequestLearnsOnceThatItsClientLeft) {
     EXPECT_EQ(server.service.closedWhileHeld.load(), 1);
 }
 
-TEST(CoreServer, AThousandConnectionsOpenedAndDroppedLeaveTheServerServing) {
-    TestServer server;  // default limits: 512 connections per user
-    const auto connections = [&] { return server.thread.onLoop([&] { return server.daemon().connectionCount(); }); };
-    constexpr int kClients = 1000;
-    std::vector<std::unique_ptr<WireClient>> clients;
-    for (int i = 0; i < kClients; ++i) {
-        clients.push_back(std::make_unique<WireClient>());
-        ASSERT_TRUE(clients.back()->connect(server.address())) << i;
-    }
-    for (auto& c : clients) ASSERT_TRUE(c->send("XYZ"));
-    int malformed = 0, overLimit = 0;
+// Opens `n` connections and sends each a malformed request; answers
+// "served refused silent": EPROTO answers, EDQUOT answers, closes without a word.
+std::string openMany(const std::string& address, int n, kstest::OtherUser::Keep& keep) {
+    int served = 0, refused = 0, silent = 0;
     std::string refusal;
+    std::vector<std::shared_ptr<WireClient>> clients;
+    for (int i = 0; i < n; ++i) {
+        auto c = std::make_shared<WireClient>();
+        if (!c->connect(address)) return "connect failed";
+        clients.push_back(c);
+        keep.push_back(c);
+    }
+    for (auto& c : clients) c->send("XYZ");
     for (auto& c : clients) {
         const Outcome o = readReply(*c);
-        malformed += o.error == EPROTO;
-        overLimit += o.error == EDQUOT;
+        served += o.error == EPROTO;
+        refused += o.error == EDQUOT;
+        silent += o.error == 0;
         if (o.error == EDQUOT) refusal = o.text;
     }
-    EXPECT_EQ(malformed, 512);
-    EXPECT_EQ(overLimit, kClients - 512);
-    EXPECT_NE(refusal.find("limit 512"), std::string::npos) << refusal;
-    clients.clear();
-    ASSERT_TRUE(waitUntil([&] { return connections() == 0; }));
-    EXPECT_TRUE(echoWorks(server.address())) << "a freed slot is usable again";
+    return std::to_string(served) + " " + std::to_string(refused) + " " + std::to_string(silent) + " " + refusal;
+}
 
+TEST(CoreServer, AUserOverItsConnectionLimitIsRefusedAtOnceAndCrowdsOutNobody) {
+    TestServer server([](ksd::DaemonOptions& o) {
+        o.server.maxConnectionsPerUser = 40;
+        o.server.maxConnections = 60;
+        o.server.rootReserve = 10;
+    });
+    const auto connections = [&] { return server.thread.onLoop([&] { return server.daemon().connectionCount(); }); };
+    auto other = kstest::OtherUser::start([&](kstest::OtherUser::Keep& keep) {
+        std::string out = openMany(server.address(), 100, keep);
+        // The refused ones were closed at once and hold nothing in the daemon.
+        return out;
+    });
+    if (!other) GTEST_SKIP() << "needs root to run a second user";
+    EXPECT_EQ(other->result(), "40 60 0 too many connections for this user (limit 40)");
+    EXPECT_EQ(connections(), 40u) << "refused connections never count toward the daemon's cap";
+    auto third = kstest::OtherUser::start(
+        [&](kstest::OtherUser::Keep& keep) { return openMany(server.address(), 20, keep); }, kstest::kOtherUid - 1);
+    // Another user fills what the cap leaves, then the cap's last 10 are root's.
+    EXPECT_EQ(third->result().substr(0, 7), "10 0 10");
+    kstest::OtherUser::Keep mine;
+    EXPECT_EQ(openMany(server.address(), 10, mine), "10 0 0 ") << "root's reserve, and root is bound by no user limit";
+    other->finish();
+    third->finish();
+}
+
+TEST(CoreServer, AThousandConnectionsOpenedAndDroppedLeaveTheServerServing) {
+    TestServer server;
+    const auto connections = [&] { return server.thread.onLoop([&] { return server.daemon().connectionCount(); }); };
+    constexpr int kClients = 1000;
     // Dropped without a word, cut anywhere in a request, or gone before a large reply.
     const std::string full = echoRequest(std::string(200000, 'z'));
     for (int i = 0; i < kClients; ++i) {

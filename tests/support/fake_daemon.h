@@ -191,6 +191,7 @@ public:
     // "socket:<port>" (loopback). False when it cannot connect.
     bool connect(const std::string& sAddress);
     bool isOpen() const { return m_fd >= 0; }
+    int fd() const { return m_fd; }
     // Takes over a connected descriptor, e.g. one a test's own listener accepted.
     void adopt(int fd) { close(); m_fd = fd; }
     bool send(std::string_view sBytes);

@@ -1,0 +1,143 @@
+// What one client or user can make a running ksd hold, tried as the attacker
+// would: real sockets, a second uid, ksd's resident memory read from /proc.
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fake_daemon.h"
+#include "ksd_process.h"
+#include "other_user.h"
+#include "wait_until.h"
+
+namespace {
+
+using kstest::KsdProcess;
+using kstest::OtherUser;
+using kstest::WireClient;
+
+constexpr std::size_t kMiB = 1024 * 1024;
+
+std::size_t residentBytes(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string key;
+    std::size_t kib = 0;
+    while (status >> key) {
+        if (key == "VmRSS:") {
+            status >> kib;
+            return kib * 1024;
+        }
+        status.ignore(4096, '\n');
+    }
+    return 0;
+}
+
+kstest::Wire request(std::string_view service, std::string_view name) {
+    return kstest::Wire().addShort(1).addShort(7777).addString(service).addString(name);
+}
+
+std::string statusQuery() { return request("KsdOperator", "KSD_OP_QUERY").addString("status").bytes(); }
+
+// Sends `head`, then as much of `body` as the peer takes without blocking, on
+// every connection, until none took anything for half a second: the bytes sent.
+std::size_t pushUntilBlocked(std::vector<std::shared_ptr<WireClient>>& clients, const std::string& head,
+                             std::string_view body) {
+    constexpr std::size_t kChunk = 256 * 1024;
+    std::vector<std::size_t> sent(clients.size(), 0);
+    std::size_t total = 0;
+    for (auto& c : clients) {
+        ::fcntl(c->fd(), F_SETFL, O_NONBLOCK);
+        if (::send(c->fd(), head.data(), head.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(head.size())) return 0;
+    }
+    auto idleSince = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - idleSince < std::chrono::milliseconds(500)) {
+        bool progress = false;
+        for (std::size_t i = 0; i < clients.size(); ++i) {
+            const std::size_t want = std::min(kChunk, body.size() - sent[i]);
+            if (want == 0) continue;
+            const ssize_t n = ::send(clients[i]->fd(), body.data() + sent[i], want, MSG_NOSIGNAL);
+            if (n > 0) {
+                sent[i] += static_cast<std::size_t>(n);
+                total += static_cast<std::size_t>(n);
+                progress = true;
+            }
+        }
+        if (progress)
+            idleSince = std::chrono::steady_clock::now();
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return total;
+}
+
+TEST(Bounds, UnfinishedRequestsOfOneUserAreNotBufferedAndOthersAreStillServed) {
+    KsdProcess ksd;
+    ASSERT_TRUE(ksd.start());
+    const std::string address = "pipe:" + ksd.pipeName();
+    const std::size_t before = residentBytes(ksd.pid());
+    auto attacker = OtherUser::start([&](OtherUser::Keep& keep) {
+        // 16 notifications announcing 60 MiB each, none ever finished.
+        std::vector<std::shared_ptr<WireClient>> clients;
+        for (int i = 0; i < 16; ++i) {
+            clients.push_back(std::make_shared<WireClient>());
+            if (!clients.back()->connect(address)) return std::string("connect failed");
+            keep.push_back(clients.back());
+        }
+        const std::string head = request("Notifier", "TRVX_NN_NOTIFY")
+                                     .addString("udp:127.0.0.1:0")
+                                     .addString("flood")
+                                     .addString("")
+                                     .addLong(60 * kMiB)
+                                     .bytes();
+        return std::to_string(pushUntilBlocked(clients, head, std::string(60 * kMiB, '\0')));
+    });
+    if (!attacker) GTEST_SKIP() << "needs root to run a second user";
+    const std::size_t pushed = std::stoul("0" + attacker->result());
+    const std::size_t during = residentBytes(ksd.pid());
+    std::cout << "ksd resident: " << before / kMiB << " MiB before the flood, " << during / kMiB << " MiB during it ("
+              << pushed / kMiB << " MiB pushed)\n";
+    EXPECT_LT(pushed, 16 * 60 * kMiB) << "the daemon stopped reading the flood";
+    EXPECT_LT(during, before + 128 * kMiB) << "held " << (during - before) / kMiB << " MiB for one user";
+
+    auto bystander = OtherUser::start(
+        [&](OtherUser::Keep&) { return kstest::operatorQuery(address, "status").empty() ? "silent" : "served"; },
+        kstest::kOtherUid - 1);
+    EXPECT_EQ(bystander->result(), "served") << "another user is not slowed by the flood";
+    EXPECT_FALSE(kstest::operatorQuery(address, "status").empty());
+    attacker->finish();
+    EXPECT_FALSE(kstest::operatorQuery(address, "status").empty());
+}
+
+TEST(Bounds, AClientThatPipelinesAndNeverReadsIsNotBufferedAndIsClosedAtTheRequestLimit) {
+    KsdProcess ksd;
+    ASSERT_TRUE(ksd.start({"--request-timeout", "1000", "--log-level", "warning"}));
+    const std::string address = "pipe:" + ksd.pipeName();
+    const std::size_t before = residentBytes(ksd.pid());
+
+    std::string many;
+    for (int i = 0; i < 20000; ++i) many += statusQuery();
+    auto greedy = std::make_shared<WireClient>();
+    ASSERT_TRUE(greedy->connect(address));
+    std::vector<std::shared_ptr<WireClient>> one{greedy};
+    const std::size_t pushed = pushUntilBlocked(one, many.substr(0, 1), std::string_view(many).substr(1));
+    EXPECT_LT(pushed, many.size() - 1) << "the daemon stopped reading ahead";
+    EXPECT_LT(residentBytes(ksd.pid()), before + 16 * kMiB);
+    EXPECT_FALSE(kstest::operatorQuery(address, "status").empty()) << "others are served meanwhile";
+
+    EXPECT_TRUE(kstest::waitUntil([&] { return ksd.log().find("reply not taken in time, closed") != std::string::npos; },
+                                  std::chrono::seconds(30)))
+        << ksd.log();
+    EXPECT_TRUE(greedy->waitPeerClosed(10000));
+}
+
+}  // namespace
