@@ -83,6 +83,4 @@ TEST(KsctlDaemonEvents, LinesNameTheKindAndMeaningAndSkipWhatIsNotADaemonEvent) 
     EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:*", "short", "\x02"}, false), std::nullopt) << "payload under 4 bytes";
     EXPECT_EQ(formatDaemonEvent({"OrvoTSEvent:*", "x1", code(0)}, true), std::nullopt) << "no number, no JSON";
     EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:b$", "b", code(2)}, false), std::nullopt);
-    EXPECT_EQ(familyEventNames({}), (std::vector<std::string>{"OrvoJSEvent:*", "OrvoRAEvent:*", "OrvoTSEvent:*"}));
-    EXPECT_EQ(familyEventNames({false, true, true}), (std::vector<std::string>{"OrvoRAEvent:*", "OrvoTSEvent:*"}));
 }
