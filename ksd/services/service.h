@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "protocol/request.h"
+#include "services/daemon_event.h"
 
 namespace ksd {
 
@@ -20,8 +21,12 @@ namespace ksd {
 class EventPublisher {
 public:
     virtual ~EventPublisher() = default;
-    // Sender "ksd"; text part; payload = one native-order 4-byte int.
-    virtual void publishEvent(const std::string& eventName, const std::string& text, std::int32_t code) = 0;
+    // Publishes `code` about `subject` (a task handle in decimal, a resource
+    // or job name) under daemonEventName(family, subject) to every
+    // subscriber, and under the family's aggregate name to those `audience`
+    // admits. Sender "ksd"; text `subject`; payload one native-order 4-byte int.
+    virtual void publishEvent(EventFamily family, const std::string& subject, std::int32_t code,
+                              EventAudience audience) = 0;
 };
 
 // Read-only counters for `ksctl status`, as name/value pairs.

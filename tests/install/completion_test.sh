@@ -26,4 +26,6 @@ expect "ksctl job c" create
 expect "ksctl --json job " list status
 expect "ksctl task bl" blob-put
 expect "ksctl publish ev --" --data-file
+expect "ksctl ev" events
+expect "ksctl --json events --" --locks
 exit $status

@@ -4,6 +4,7 @@
 
 #include <tuple>
 
+#include "daemon_events.h"
 #include "json.h"
 #include "output.h"
 #include "results.h"
@@ -70,4 +71,16 @@ TEST(KsctlResults, WordsDependOnTheFamilyAndTransportIsToldApart) {
     EXPECT_TRUE(isTransportFailure(-111) && isTransportFailure(-104));
     EXPECT_FALSE(isTransportFailure(-2) || isTransportFailure(-17) || mayBeTransportFailure(-17));
     EXPECT_TRUE(mayBeTransportFailure(-2));  // missing socket path, or "no such job"
+}
+
+TEST(KsctlDaemonEvents, LinesNameTheKindAndMeaningAndSkipWhatIsNotADaemonEvent) {
+    auto code = [](std::int32_t c) { return std::string(reinterpret_cast<const char*>(&c), sizeof c); };
+    EXPECT_EQ(formatDaemonEvent({"OrvoRAEvent:*", "tape\n1", code(-1)}, false), "lock tape\\n1: holder-ended (-1)");
+    EXPECT_EQ(formatDaemonEvent({"OrvoTSEvent:*", "12", code(2)}, true),
+              R"({"kind":"task","handle":12,"code":2,"event":"waiting"})");
+    EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:*", "j\"", code(9)}, true),
+              R"({"kind":"job","name":"j\"","code":9,"event":"unknown"})");
+    EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:*", "short", "\x02"}, false), std::nullopt) << "payload under 4 bytes";
+    EXPECT_EQ(formatDaemonEvent({"OrvoTSEvent:*", "x1", code(0)}, true), std::nullopt) << "no number, no JSON";
+    EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:b$", "b", code(2)}, false), std::nullopt);
 }

@@ -197,8 +197,11 @@ TEST_F(NotifierTest, TheDaemonPublishesItsOwnEventsAndAnswersOperatorQueries) {
     TestSink sink;
     ASSERT_EQ(subscribe("OrvoJSEvent:backup$", sink.address(), 5), 0);
     ASSERT_EQ(subscribe("other", sink.address(), 9), 0);
-    server_->thread.onLoop(
-        [&] { return (server_->daemon().notifier().publishEvent("OrvoJSEvent:backup$", "backup", -1), 0); });
+    server_->thread.onLoop([&] {
+        return (server_->daemon().notifier().publishEvent(ksd::EventFamily::Job, "backup", -1,
+                                                          ksd::EventAudience::everyone()),
+                0);
+    });
     const std::int32_t minusOne = -1;  // as a native int
     EXPECT_EQ(sink.next(),
               "5|ksd|OrvoJSEvent:backup$|backup|" + std::string(reinterpret_cast<const char*>(&minusOne), 4));

@@ -115,6 +115,38 @@ TEST_F(Notifier, FramesForAnotherUsersSubscriptionNeverReachThisListener) {
     EXPECT_NE(left.find("\"id\":2,"), std::string::npos) << "the listener's own user keeps its subscription";
 }
 
+TEST_F(Notifier, AFamilyNameCarriesEveryEventItsSubscriberMaySeeAndNothingWhenUnheard) {
+    using ksd::EventAudience;
+    using ksd::EventFamily;
+    ASSERT_EQ(subscribe("OrvoTSEvent:7$", "pipe:seven", 1, kBob), 0);
+    notifier_.publishEvent(EventFamily::Task, "7", 2, EventAudience::ownerAndRoot(kAlice));
+    EXPECT_EQ(status("queued_notifications"), 1) << "a task's own name stays open to everyone";
+
+    ASSERT_EQ(subscribe("OrvoTSEvent:*", "pipe:alice", 1, kAlice), 0);
+    ASSERT_EQ(subscribe("OrvoTSEvent:*", "pipe:bob", 1, kBob), 0);
+    ASSERT_EQ(subscribe("OrvoTSEvent:*", "pipe:root", 1, 0), 0);
+    ASSERT_EQ(subscribe("OrvoJSEvent:*", "pipe:bob", 2, kBob), 0);
+    auto tcp = std::make_shared<FakeResponder>();
+    ksd::Request r{"Notifier",
+                   "TRVX_NN_REGISTER",
+                   {{'s', 0, "OrvoTSEvent:*"}, {'s', 0, "socket::9"}, {'i', 1, {}}},
+                   ksdtest::tcpPeer(),
+                   tcp};
+    notifier_.handle(r);
+    ASSERT_EQ(tcp->value(), 0);
+
+    const std::int64_t published = status("notifications");
+    notifier_.publishEvent(EventFamily::Task, "7", 0, EventAudience::ownerAndRoot(kAlice));
+    EXPECT_EQ(status("queued_notifications"), 1 + 3) << "task 7's name, Alice and root; not Bob, not TCP";
+    notifier_.publishEvent(EventFamily::Task, "8", 0, EventAudience::ownerAndRoot(uid_t(-1)));
+    EXPECT_EQ(status("queued_notifications"), 4 + 2) << "a TCP client's task: TCP and root";
+    notifier_.publishEvent(EventFamily::Job, "j", 2, EventAudience::everyone());
+    EXPECT_EQ(status("queued_notifications"), 6 + 1) << "Bob's job family subscription";
+    notifier_.publishEvent(EventFamily::Lock, "r", 1, EventAudience::everyone());
+    EXPECT_EQ(status("queued_notifications"), 7) << "nobody listens to locks";
+    EXPECT_EQ(status("notifications"), published + 4) << "an event counts once, whoever hears it";
+}
+
 TEST(PushChannel, TheQueueIsBoundedByBytesAsWellAsByFrames) {
     struct Owner final : ksd::PushChannelOwner {
         void channelFailed(ksd::PushChannel&, const std::string&) override {}

@@ -77,6 +77,9 @@ TEST_F(SchedulerLoop, ARecurringProgramStillRunningAtItsNextTimeSkipsThatRun) {
     now_ = kStart + 10;
     runUntil([&] { return states().size() >= 2; });
     ASSERT_EQ(states(), (std::vector<std::int32_t>{kWaiting, kInProgress}));
+    for (const ksd::EventAudience& a : events_.audiences)
+        EXPECT_TRUE(a.admits(::getuid()) && a.admits(0) && !a.admits(::getuid() + 1) && !a.admits(uid_t(-1)))
+            << "among all tasks' events, a task's are for its owner and root only";
     now_ = kStart + 10 + 86400;  // the next day's time, the program still running
     runUntil([&] { return statusOf("task_runs_skipped") == 1; });
     EXPECT_EQ(statusOf("task_runs_skipped"), 1);

@@ -43,10 +43,13 @@ public:
 using PublishedEvent = std::tuple<std::string, std::string, std::int32_t>;  // event, text, code
 
 struct RecordingPublisher final : ksd::EventPublisher {
-    void publishEvent(const std::string& eventName, const std::string& text, std::int32_t code) override {
-        events.emplace_back(eventName, text, code);
+    void publishEvent(ksd::EventFamily family, const std::string& subject, std::int32_t code,
+                      ksd::EventAudience audience) override {
+        events.emplace_back(ksd::daemonEventName(family, subject), subject, code);
+        audiences.push_back(audience);
     }
     std::vector<PublishedEvent> events;
+    std::vector<ksd::EventAudience> audiences;  // one per event
 };
 
 // Processes end when the test says so (endProcess); pids in `gone` have already ended.

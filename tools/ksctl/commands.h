@@ -27,6 +27,13 @@ struct SubscribeArgs {
     std::optional<long long> count;  // exit after this many notifications
 };
 
+struct EventsArgs {
+    bool jobs = false;  // none of the three: all of them
+    bool locks = false;
+    bool tasks = false;
+    std::optional<long long> count;  // exit after this many events
+};
+
 struct LockArgs {
     std::string name;
     std::optional<int> timeoutMs;  // none: wait without limit
@@ -71,6 +78,7 @@ struct TaskArgs {
 
 int runPublish(const GlobalOptions& options, const PublishArgs& args);
 int runSubscribe(const GlobalOptions& options, const SubscribeArgs& args);
+int runEvents(const GlobalOptions& options, const EventsArgs& args);
 int runLock(const GlobalOptions& options, const LockArgs& args);
 int runJob(const GlobalOptions& options, const JobArgs& args);
 int runTask(const GlobalOptions& options, const TaskArgs& args);

@@ -22,6 +22,7 @@ struct Parsed {
     GlobalOptions options;
     PublishArgs publish;
     SubscribeArgs subscribe;
+    EventsArgs events;
     LockArgs lock;
     JobArgs job;
     TaskArgs task;
@@ -135,6 +136,13 @@ int main(int argc, char** argv) {
     subscribe->add_option("--count,-n", p.subscribe.count, "Exit after this many notifications")
         ->check(CLI::PositiveNumber);
 
+    auto* events = app.add_subcommand(
+        "events", "Print the daemon's job, lock and task events until interrupted (default: all three kinds)");
+    events->add_flag("--jobs", p.events.jobs, "Job events");
+    events->add_flag("--locks", p.events.locks, "Lock events");
+    events->add_flag("--tasks", p.events.tasks, "Task events (yours; root: everyone's)");
+    events->add_option("--count,-n", p.events.count, "Exit after this many events")->check(CLI::PositiveNumber);
+
     auto* lock =
         app.add_subcommand("lock", "Run a command while holding a named lock: lock NAME [--timeout MS] -- CMD...");
     lock->add_option("name", p.lock.name, "Resource name")->required();
@@ -172,6 +180,7 @@ int main(int argc, char** argv) {
 
     if (*publish) return runPublish(p.options, p.publish);
     if (*subscribe) return runSubscribe(p.options, p.subscribe);
+    if (*events) return runEvents(p.options, p.events);
     if (*lock) return runLock(p.options, p.lock);
     if (*job) return runJob(p.options, p.job);
     if (*task) return runTask(p.options, p.task);

@@ -246,7 +246,8 @@ void ArbiterService::restoreFrom(std::unique_ptr<LockStore> store) {
 }
 
 void ArbiterService::publish(const std::string& resourceName, std::int32_t code) {
-    events_.publishEvent("OrvoRAEvent:" + resourceName + "$", resourceName, code);
+    // Every client may list every lock: every subscriber hears of all of them.
+    events_.publishEvent(EventFamily::Lock, resourceName, code, EventAudience::everyone());
 }
 
 std::size_t ArbiterService::waiting() const {

@@ -102,8 +102,10 @@ void JobStatusService::answer(Request& request, const Outcome& outcome) {
 
 void JobStatusService::publish(const Outcome& outcome) {
     if (outcome.events.empty()) return;
-    const std::string eventName = "OrvoJSEvent:" + outcome.jobName + "$";
-    for (JobEvent e : outcome.events) events_.publishEvent(eventName, outcome.jobName, static_cast<std::int32_t>(e));
+    // Every client may list every job: every subscriber hears of all of them.
+    for (JobEvent e : outcome.events)
+        events_.publishEvent(EventFamily::Job, outcome.jobName, static_cast<std::int32_t>(e),
+                             EventAudience::everyone());
 }
 
 std::vector<StatusItem> JobStatusService::status() const {

@@ -151,9 +151,15 @@ std::size_t NotifierService::publish(std::string_view sender, std::string_view e
                                      std::string_view payload) {
     if (shutDown_) return 0;
     ++published_;
+    return deliver(sender, event, text, payload, EventAudience::everyone());
+}
+
+std::size_t NotifierService::deliver(std::string_view sender, std::string_view event, std::string_view text,
+                                     std::string_view payload, const EventAudience& audience) {
     std::shared_ptr<const std::string> encoded;
     std::size_t queued = 0;
     table_.forEachSubscriber(event, [&](const SubscriptionKey& key, const Subscription& sub) {
+        if (!audience.admits(sub.owner)) return;
         if (!encoded) encoded = std::make_shared<const std::string>(encodeNotification(sender, event, text, payload));
         PushChannel* channel = channelFor(key.address);
         if (channel != nullptr && channel->push(key.callbackId, sub.owner, encoded))
@@ -164,10 +170,16 @@ std::size_t NotifierService::publish(std::string_view sender, std::string_view e
     return queued;
 }
 
-void NotifierService::publishEvent(const std::string& eventName, const std::string& text, std::int32_t code) {
-    char payload[sizeof code];
-    std::memcpy(payload, &code, sizeof code);  // native order, as the subscribers read it
-    publish(kDaemonSender, eventName, text, std::string_view(payload, sizeof payload));
+void NotifierService::publishEvent(EventFamily family, const std::string& subject, std::int32_t code,
+                                   EventAudience audience) {
+    char bytes[sizeof code];
+    std::memcpy(bytes, &code, sizeof code);  // native order, as the subscribers read it
+    const std::string_view payload(bytes, sizeof bytes);
+    publish(kDaemonSender, daemonEventName(family, subject), subject, payload);
+    // The same event once more for the watchers of the whole family: one
+    // lookup when there are none. Not counted again as a publication.
+    const std::string& aggregate = aggregateEventName(family);
+    if (!shutDown_ && table_.hasSubscribers(aggregate)) deliver(kDaemonSender, aggregate, subject, payload, audience);
 }
 
 PushChannel* NotifierService::channelFor(const std::string& address) {

@@ -34,7 +34,8 @@ public:
     // A user sees its own subscriptions, root all, a TCP client none.
     std::string queryFor(std::string_view what, const PeerInfo& asker) const override;
 
-    void publishEvent(const std::string& eventName, const std::string& text, std::int32_t code) override;
+    void publishEvent(EventFamily family, const std::string& subject, std::int32_t code,
+                      EventAudience audience) override;
 
     // Queues a notification for every subscriber of `event`; returns how many took it.
     std::size_t publish(std::string_view sender, std::string_view event, std::string_view text,
@@ -52,6 +53,9 @@ private:
     void handleRegister(Request& request);
     void handleUnregister(Request& request);
     void handleNotify(Request& request);
+    // Queues one notification for the subscribers of `event` that `audience` admits.
+    std::size_t deliver(std::string_view sender, std::string_view event, std::string_view text,
+                        std::string_view payload, const EventAudience& audience);
     PushChannel* channelFor(const std::string& address);
 
     void channelFailed(PushChannel& channel, const std::string& reason) override;

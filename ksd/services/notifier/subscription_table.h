@@ -52,6 +52,7 @@ public:
         if (ev == byEvent_.end()) return;
         for (const auto& [sequence, key] : ev->second) fn(*key, subscriptions_.at(*key));
     }
+    bool hasSubscribers(std::string_view event) const { return byEvent_.find(event) != byEvent_.end(); }
     std::size_t countForAddress(const std::string& address) const;
     std::size_t countForOwner(uid_t owner) const;
     std::size_t size() const { return subscriptions_.size(); }

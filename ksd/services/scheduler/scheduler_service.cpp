@@ -396,8 +396,9 @@ void SchedulerService::afterRun(Task& task) {
 
 void SchedulerService::setState(Task& task, TaskState state) {
     task.state = state;
-    events_.publishEvent("OrvoTSEvent:" + std::to_string(task.handle) + "$", std::to_string(task.handle),
-                         static_cast<std::int32_t>(state));
+    // Only those who may read the task's state hear of it among all tasks.
+    events_.publishEvent(EventFamily::Task, std::to_string(task.handle), static_cast<std::int32_t>(state),
+                         EventAudience::ownerAndRoot(task.ownerIsUnix ? task.owner : static_cast<uid_t>(-1)));
 }
 
 void SchedulerService::save(const Task& task) { store_->update(task); }

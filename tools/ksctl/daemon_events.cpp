@@ -1,0 +1,101 @@
+#include "daemon_events.h"
+
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "json.h"
+#include "output.h"
+
+namespace ksctl {
+namespace {
+
+constexpr std::string_view kJobs = "OrvoJSEvent:*";
+constexpr std::string_view kLocks = "OrvoRAEvent:*";
+constexpr std::string_view kTasks = "OrvoTSEvent:*";
+
+// The payload codes of each family, as the client library's families define them.
+const char* jobWord(std::int32_t code) {
+    switch (code) {
+        case 2:
+            return "created";
+        case 3:
+            return "updated";
+        case 0:
+            return "completed";
+        case 1:
+            return "cancelled";
+        case -1:
+            return "deleted";
+    }
+    return "unknown";
+}
+
+const char* lockWord(std::int32_t code) {
+    switch (code) {
+        case 1:
+            return "locked";
+        case 0:
+            return "unlocked";
+        case -1:
+            return "holder-ended";
+    }
+    return "unknown";
+}
+
+const char* taskWord(std::int32_t code) {
+    switch (code) {
+        case 2:
+            return "waiting";
+        case 0:
+            return "in-progress";
+        case 1:
+            return "completed";
+        case -1:
+            return "exit";
+    }
+    return "unknown";
+}
+
+// A task handle as ksd writes it: decimal, no sign, no leading zero.
+bool allDigits(const std::string& s) {
+    return !s.empty() && s.size() <= 10 && (s[0] != '0' || s.size() == 1) &&
+           s.find_first_not_of("0123456789") == std::string::npos;
+}
+
+}  // namespace
+
+std::vector<std::string> familyEventNames(EventFamilies families) {
+    const bool all = !families.jobs && !families.locks && !families.tasks;
+    std::vector<std::string> names;
+    if (all || families.jobs) names.emplace_back(kJobs);
+    if (all || families.locks) names.emplace_back(kLocks);
+    if (all || families.tasks) names.emplace_back(kTasks);
+    return names;
+}
+
+std::optional<std::string> formatDaemonEvent(const Notification& n, bool json) {
+    std::int32_t code = 0;
+    if (n.payload.size() < sizeof code) return std::nullopt;
+    std::memcpy(&code, n.payload.data(), sizeof code);  // native order, as ksd writes it
+
+    const char* kind = nullptr;
+    const char* word = nullptr;
+    if (n.event == kJobs) {
+        kind = "job", word = jobWord(code);
+    } else if (n.event == kLocks) {
+        kind = "lock", word = lockWord(code);
+    } else if (n.event == kTasks && allDigits(n.text)) {
+        kind = "task", word = taskWord(code);
+    } else {
+        return std::nullopt;
+    }
+    const bool isTask = std::string_view(kind) == "task";
+    if (!json) return std::string(kind) + " " + oneLine(n.text) + ": " + word + " (" + std::to_string(code) + ")";
+    std::string line = std::string("{\"kind\":\"") + kind + "\",";
+    line += isTask ? "\"handle\":" + n.text : "\"name\":" + jsonQuote(n.text);
+    line += ",\"code\":" + std::to_string(code) + ",\"event\":\"" + word + "\"}";
+    return line;
+}
+
+}  // namespace ksctl
