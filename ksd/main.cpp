@@ -92,6 +92,10 @@ int main(int argc, char** argv) {
         ->check(CLI::Validator(
             [](std::string& text) { return ksd::parseLogLevel(text) ? std::string() : "not a log level: " + text; },
             "LEVEL"));
+    app.add_option_function<long>(
+           "--subscription-sweep-ms", [&](long ms) { options.notifier.sweepInterval = std::chrono::milliseconds(ms); },
+           "how often idle pipe callback addresses are checked for a listener (0: never; default 60000)")
+        ->check(CLI::NonNegativeNumber);
     app.add_flag("--foreground", foreground, "stay in the foreground, log to stderr");
     app.set_version_flag("--version", std::string("ksd ") + KS_VERSION + " (protocol " +
                                           std::to_string(OrvoNet::Protocol::kProtocolVersion) + ")");

@@ -188,7 +188,8 @@ TEST_F(NotifierTest, ForeignAddressesDaemonEventsOversizedNotificationsAndExcess
               kRefused + EMSGSIZE);
     EXPECT_EQ(notify("small", "", std::string(1000, 's')), 0);
     EXPECT_EQ(subscribe("e", sink.address(), 1), 0);
-    EXPECT_EQ(subscribe("e", sink.address(), 2), kRefused + EDQUOT);
+    // The quota binds every user but root (this process's user when it is root).
+    EXPECT_EQ(subscribe("e", sink.address(), 2), ::getuid() == 0 ? 0 : kRefused + EDQUOT);
     EXPECT_EQ(subscribe("moved", sink.address(), 1), 0) << "re-registering is no new one";
 }
 
@@ -206,7 +207,7 @@ TEST_F(NotifierTest, TheDaemonPublishesItsOwnEventsAndAnswersOperatorQueries) {
     for (const char* item : {"\"connections\":", "\"pid\":", "\"subscriptions\":2", "\"queue_drops\":0"})
         EXPECT_NE(reply.find(item), std::string::npos) << reply;
     const std::string subscriptions = kstest::operatorQuery(server_->address(), "subscriptions");
-    EXPECT_NE(subscriptions.find("{\"event\":\"other\",\"address\":\"" + sink.address() + "\""),
+    EXPECT_NE(subscriptions.find("\"event\":\"other\",\"address\":\"" + sink.address() + "\""),
               std::string::npos)
         << subscriptions;
     EXPECT_EQ(kstest::operatorQuery(server_->tcpAddress(), "subscriptions"), "[]") << "a TCP client is nobody";
