@@ -98,6 +98,10 @@ int main(int argc, char** argv) {
         ->check(CLI::Validator(
             [](std::string& text) { return ksd::parseLogLevel(text) ? std::string() : "not a log level: " + text; },
             "LEVEL"));
+    app.add_option_function<long>(
+           "--subscription-sweep-ms", [&](long ms) { options.notifier.sweepInterval = std::chrono::milliseconds(ms); },
+           "how often idle pipe callback addresses are checked for a listener (0: never; default 60000)")
+        ->check(CLI::NonNegativeNumber);
     app.add_flag("--foreground", foreground, "stay in the foreground, log to stderr");
     auto& server = options.server;
     auto* limits = app.add_option_group("Limits", "bounds that keep one client or user from harming the others");

@@ -81,14 +81,18 @@ protected:
     ksd::NotifierService notifier_{io_};
 };
 
-TEST_F(Notifier, AnotherUserCannotTakeOverOrDropASubscriptionKey) {
-    ASSERT_EQ(subscribe("mine", "pipe:sink", 1, kAlice), 0);
-    EXPECT_EQ(subscribe("theirs", "pipe:sink", 1, kBob), -1);
-    EXPECT_EQ(unsubscribe("pipe:sink", 1, kBob), -1);
-    EXPECT_NE(notifier_.query("subscriptions").find("\"event\":\"mine\""), std::string::npos) << "unchanged";
-    EXPECT_EQ(subscribe("moved", "pipe:sink", 1, kAlice), 0) << "the owner may";
-    EXPECT_EQ(unsubscribe("pipe:sink", 1, 0), 0) << "and so may root";
-    EXPECT_EQ(status("subscriptions"), 0);
+TEST_F(Notifier, EveryUserRegistersAndUnregistersOnlyItsOwnKeyRootToo) {
+    ASSERT_EQ(subscribe("theirs", "pipe:sink", 1, kBob), 0);
+    EXPECT_EQ(subscribe("mine", "pipe:sink", 1, kAlice), 0) << "a key another user holds blocks nobody";
+    EXPECT_EQ(status("subscriptions"), 2);
+    EXPECT_EQ(unsubscribe("pipe:sink", 1, kBob), 0) << "Bob drops his own";
+    EXPECT_EQ(unsubscribe("pipe:sink", 1, 0), -2) << "root has none there";
+    EXPECT_EQ(subscribe("moved", "pipe:sink", 1, 0), 0);
+    EXPECT_EQ(subscribe("moved", "pipe:sink", 1, kAlice), 0);
+    const std::string left = notifier_.query("subscriptions");
+    EXPECT_EQ(status("subscriptions"), 2) << left;
+    EXPECT_NE(left.find("\"event\":\"moved\",\"address\":\"pipe:sink\",\"id\":1,\"uid\":1000"), std::string::npos)
+        << "Alice's moved, root's beside it: " << left;
 }
 
 TEST_F(Notifier, AUserListsOnlyItsOwnSubscriptionsRootAllATcpClientNone) {
@@ -166,17 +170,29 @@ TEST(PushChannel, TheQueueIsBoundedByBytesAsWellAsByFrames) {
     EXPECT_FALSE(channel->push(1, 0, payload)) << "a fourth frame would pass the byte limit";
     EXPECT_TRUE(channel->push(1, 0, std::make_shared<const std::string>())) << "an empty one still fits";
     EXPECT_EQ(channel->drops(), 1u);
+    limits.maxQueuedBytes *= 2;
+    limits.maxPayload = 1000;
+    EXPECT_TRUE(channel->push(1, 0, std::make_shared<const std::string>(1000, 'y'))) << "exactly the limit";
+    EXPECT_FALSE(channel->push(1, 0, std::make_shared<const std::string>(1001, 'y')))
+        << "a frame over it is never queued";
+    EXPECT_EQ(channel->queuedFrames(), 5u);
     channel->detach();
     channel->close();
 }
 
-TEST(SubscriptionTable, AnotherOwnersKeyIsNeverTakenOverALimit) {
+TEST(SubscriptionTable, OwnersAreCountedApartAndRootIsNotBound) {
     SubscriptionTable t(1);
-    EXPECT_EQ(t.add({"pipe:a", 1}, "ev", 7), Add::Added);
-    EXPECT_EQ(t.add({"pipe:b", 2}, "ev", 8), Add::Added);
-    EXPECT_EQ(t.add({"pipe:a", 1}, "other", 8), Add::OverLimit) << "the key would be a second one for owner 8";
-    EXPECT_EQ(t.find({"pipe:a", 1})->owner, 7u) << "the old subscription stays";
-    EXPECT_EQ(t.add({"pipe:b", 2}, "other", 8), Add::Replaced) << "its own key moves, whatever the limit";
+    EXPECT_EQ(t.add({"pipe:a", 1, 7}, "ev"), Add::Added);
+    EXPECT_EQ(t.add({"pipe:a", 1, 8}, "ev"), Add::Added) << "the same address and id for another owner";
+    EXPECT_EQ(t.add({"pipe:b", 2, 8}, "ev"), Add::OverLimit);
+    EXPECT_EQ(t.add({"pipe:a", 1, 8}, "other"), Add::Replaced) << "its own key moves, whatever the limit";
+    EXPECT_EQ(t.find({"pipe:a", 1, 7})->event, "ev");
+    for (int id = 0; id < 3; ++id) EXPECT_EQ(t.add({"pipe:r", id, 0}, "ev"), Add::Added) << id;
+    EXPECT_EQ(t.removeAddress("pipe:a"), 2u) << "an address goes with every owner's subscriptions";
+    std::vector<std::int32_t> ids;
+    t.forEachSubscriber("ev",
+                        [&](const ksd::SubscriptionKey& k, const ksd::Subscription&) { ids.push_back(k.callbackId); });
+    EXPECT_EQ(ids, (std::vector<std::int32_t>{0, 1, 2}));
 }
 
 TEST(CallbackAddress, AcceptsOnlyLocalAddresses) {

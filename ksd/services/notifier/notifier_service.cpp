@@ -1,17 +1,22 @@
 #include "services/notifier/notifier_service.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <asio/post.hpp>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <utility>
 
 #include "OrvoCodec.h"
 #include "OrvoLogging.h"
-#include "store/write_or_log.h"
 #include "json/json_text.h"
+#include "net/tcp_listeners.h"
 #include "services/notifier/callback_address.h"
 #include "services/notifier/push_frame.h"
+#include "store/write_or_log.h"
 
 namespace ksd {
 
@@ -26,6 +31,16 @@ constexpr std::string_view kDaemonSender = "ksd";
 
 // Event names only the daemon publishes (clients may subscribe to them). The
 // client library reserves these by their first 11 characters.
+// Unix connects complete at once: the answer (0, EAGAIN for a full backlog,
+// ECONNREFUSED, ENOENT) never waits for the listener.
+int probePipe(const GenericEndpoint& endpoint) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) return errno;
+    const int result = ::connect(fd, endpoint.data(), static_cast<socklen_t>(endpoint.size())) == 0 ? 0 : errno;
+    ::close(fd);
+    return result;
+}
+
 bool isDaemonEventName(std::string_view event) {
     for (std::string_view prefix : {"OrvoRAEvent", "OrvoJSEvent", "OrvoTSEvent"})
         if (event.substr(0, prefix.size()) == prefix) return true;
@@ -39,7 +54,9 @@ NotifierService::NotifierService(asio::io_context& io, NotifierLimits limits)
       limits_(limits),
       registerPlan_(fixedPlan({FieldKind::String, FieldKind::String, FieldKind::Int})),
       unregisterPlan_(fixedPlan({FieldKind::String, FieldKind::Int})),
-      table_(limits_.maxSubscriptionsPerUser) {
+      table_(limits_.maxSubscriptionsPerUser),
+      reach_(io),
+      sweepTimer_(io) {
     // sender, event, text, long n, then n raw bytes: the whole push payload
     // must stay within what a push frame and one subscriber's queue can hold.
     notifyPlan_ = [this](const std::vector<Value>& f) -> FieldSpec {
@@ -48,14 +65,13 @@ NotifierService::NotifierService(asio::io_context& io, NotifierLimits limits)
         if (f.size() > 4) return {FieldKind::Done, 0, 0};
         const std::uint64_t overhead =
             3 * Codec::kStringHeaderSize + f[0].text.size() + f[1].text.size() + f[2].text.size() + 9;
-        const std::uint64_t cap = std::min<std::uint64_t>(
-            {limits_.maxPayload, Codec::kMaxPushPayload,
-             limits_.maxQueuedBytes > kFrameHeaderSize ? limits_.maxQueuedBytes - kFrameHeaderSize : 0});
+        const std::uint64_t cap = maxFramePayload(limits_);
         const std::int64_t n = f[3].integer;
         if (n < 0 || overhead > cap || static_cast<std::uint64_t>(n) > cap - overhead)
             return {FieldKind::Invalid, 0, EMSGSIZE};
         return {FieldKind::Raw, static_cast<std::uint64_t>(n), 0};
     };
+    scheduleSweep();
 }
 
 NotifierService::~NotifierService() { shutdown(); }
@@ -101,36 +117,71 @@ void NotifierService::handleRegister(Request& request) {
         request.responder->fail(EACCES, "a TCP client may only register a socket: callback address");
         return;
     }
-    const SubscriptionKey key{address, callbackId};
-    if (const Subscription* existing = table_.find(key); existing && existing->owner != uid && uid != 0) {
-        request.responder->reply(intReply(-1));
-        return;
-    }
-    if (table_.add(key, event, uid) == SubscriptionTable::AddResult::OverLimit) {
+    // Each user's keys are its own: nobody's registration can block or replace another's.
+    SubscriptionKey key{address, callbackId, uid};
+    const bool isRoot = request.peer.isUnix && uid == 0;
+    if (!isRoot && table_.find(key) == nullptr && table_.countForOwner(uid) >= limits_.maxSubscriptionsPerUser) {
         request.responder->fail(EDQUOT, "too many subscriptions for this user (limit " +
                                             std::to_string(limits_.maxSubscriptionsPerUser) + ")");
         return;
     }
-    persist([&] { store_->put(key, event, uid); });
-    ORVO_LOG(9, "ksd: notifier: subscribed " << address << " id " << callbackId << " to '" << table_.find(key)->event
-                                             << "'");
-    request.responder->reply(intReply(0));
+    if (isRoot) return commitRegister(*request.responder, key, std::move(event));
+    if (parsed.kind == CallbackAddress::Kind::Tcp) {
+        // The daemon must not push, for this user, to a port another user listens on.
+        // A TCP client has no identity to check: it may subscribe (it could reach that port itself).
+        if (!request.peer.isUnix) return commitRegister(*request.responder, key, std::move(event));
+        const auto owners = tcpListenerOwners(parsed.host, parsed.port);
+        if (!owners) return refuseUnreachable(*request.responder, key, "the kernel did not say who listens");
+        if (owners->empty()) return refuseUnreachable(*request.responder, key, "nobody listens");
+        for (uid_t owner : *owners)
+            if (owner != uid)
+                return refuseUnreachable(*request.responder, key,
+                                         "uid " + std::to_string(static_cast<long>(owner)) + " listens there");
+        return commitRegister(*request.responder, key, std::move(event));
+    }
+    if (isAbstractPipeName(parsed.pipeName)) {
+        // No file system rights guard an abstract name; its listener's uid is checked at connect.
+        return commitRegister(*request.responder, key, std::move(event));
+    }
+    // A socket path is checked with the registrant's own rights, off the loop.
+    reach_.run(parsed.pipeName, identityOf(request.peer),
+               [this, responder = request.responder, key, event = std::move(event)](int error) mutable {
+                   if (error == 0 || error == ECONNREFUSED)
+                       commitRegister(*responder, key, std::move(event));
+                   else
+                       refuseUnreachable(*responder, key, std::strerror(error));
+               });
+}
+
+void NotifierService::commitRegister(Responder& responder, const SubscriptionKey& key, std::string event) {
+    if (table_.add(key, event) == SubscriptionTable::AddResult::OverLimit) {
+        responder.fail(EDQUOT, "too many subscriptions for this user (limit " +
+                                   std::to_string(limits_.maxSubscriptionsPerUser) + ")");
+        return;
+    }
+    persist([&] { store_->put(key, event); });
+    ORVO_LOG(9, "ksd: notifier: subscribed " << key.address << " id " << key.callbackId << " of uid "
+                                             << static_cast<long>(key.owner) << " to '" << event << "'");
+    responder.reply(intReply(0));
+}
+
+void NotifierService::refuseUnreachable(Responder& responder, const SubscriptionKey& key, const std::string& why) {
+    ORVO_LOG(4, "ksd: notifier: uid " << static_cast<long>(static_cast<std::int32_t>(key.owner)) << " may not register "
+                                      << key.address << " (" << why << ")");
+    responder.reply(intReply(-EACCES));
 }
 
 void NotifierService::handleUnregister(Request& request) {
-    const SubscriptionKey key{request.fields[0].text, static_cast<std::int32_t>(request.fields[1].integer)};
-    const Subscription* existing = table_.find(key);
-    if (existing == nullptr) {
+    // A caller, root too, removes only its own subscription.
+    const SubscriptionKey key{request.fields[0].text, static_cast<std::int32_t>(request.fields[1].integer),
+                              request.peer.uid};
+    if (!table_.remove(key)) {
         request.responder->reply(intReply(-ENOENT));
         return;
     }
-    if (existing->owner != request.peer.uid && request.peer.uid != 0) {
-        request.responder->reply(intReply(-1));
-        return;
-    }
-    table_.remove(key);
     persist([&] { store_->erase(key); });
-    ORVO_LOG(9, "ksd: notifier: unsubscribed " << key.address << " id " << key.callbackId);
+    ORVO_LOG(9, "ksd: notifier: unsubscribed " << key.address << " id " << key.callbackId << " of uid "
+                                               << static_cast<long>(key.owner));
     request.responder->reply(intReply(0));
 }
 
@@ -158,11 +209,11 @@ std::size_t NotifierService::deliver(std::string_view sender, std::string_view e
                                      std::string_view payload, const EventAudience& audience) {
     std::shared_ptr<const std::string> encoded;
     std::size_t queued = 0;
-    table_.forEachSubscriber(event, [&](const SubscriptionKey& key, const Subscription& sub) {
-        if (!audience.admits(sub.owner)) return;
+    table_.forEachSubscriber(event, [&](const SubscriptionKey& key, const Subscription&) {
+        if (!audience.admits(key.owner)) return;
         if (!encoded) encoded = std::make_shared<const std::string>(encodeNotification(sender, event, text, payload));
         PushChannel* channel = channelFor(key.address);
-        if (channel != nullptr && channel->push(key.callbackId, sub.owner, encoded))
+        if (channel != nullptr && channel->push(key.callbackId, key.owner, encoded))
             ++queued;
         else
             ++queueDrops_;
@@ -211,9 +262,8 @@ void NotifierService::channelIdle(PushChannel& channel) {
 }
 
 void NotifierService::subscriberRefused(PushChannel& channel, std::int32_t callbackId, uid_t owner) {
-    const SubscriptionKey key{channel.address(), callbackId};
-    const Subscription* sub = table_.find(key);
-    if (sub == nullptr || sub->owner != owner) return;
+    const SubscriptionKey key{channel.address(), callbackId, owner};
+    if (table_.find(key) == nullptr) return;
     ORVO_LOG(4, "ksd: notifier: " << key.address << " does not belong to uid " << static_cast<long>(owner)
                                   << ", dropping subscription " << callbackId);
     table_.remove(key);
@@ -228,13 +278,15 @@ void NotifierService::persist(Write write) {
 void NotifierService::restoreFrom(std::unique_ptr<SubscriptionStore> store) {
     std::size_t restored = 0;
     for (StoredSubscription& sub : store->loadAll())
-        if (table_.add(sub.key, std::move(sub.event), sub.owner) != SubscriptionTable::AddResult::OverLimit) ++restored;
+        if (table_.add(sub.key, std::move(sub.event)) != SubscriptionTable::AddResult::OverLimit) ++restored;
     store_ = std::move(store);
-    if (restored != 0) ORVO_LOG(4, "ksd: notifier: restored " << static_cast<unsigned long>(restored) << " subscriptions");
+    if (restored != 0)
+        ORVO_LOG(4, "ksd: notifier: restored " << static_cast<unsigned long>(restored) << " subscriptions");
 }
 
 void NotifierService::shutdown() {
     shutDown_ = true;
+    sweepTimer_.cancel();
     auto channels = std::move(channels_);
     channels_.clear();
     for (auto& [address, channel] : channels) {
@@ -264,22 +316,74 @@ std::string NotifierService::queryFor(std::string_view what, const PeerInfo& ask
 }
 
 std::string NotifierService::listSubscriptions(std::string_view what, const PeerInfo* asker) const {
-    if (what != "subscriptions") return {};
+    // "subscriptions" is the first page, "subscriptions>SEQ" the page after
+    // the one numbered SEQ: every answer fits its frame at any count.
+    constexpr std::string_view kSubscriptions = "subscriptions";
+    constexpr std::size_t kPageBytes = 1 << 20;
+    if (what.substr(0, kSubscriptions.size()) != kSubscriptions) return {};
+    std::uint64_t after = 0;
+    if (what.size() > kSubscriptions.size()) {
+        const std::string_view cursor = what.substr(kSubscriptions.size() + 1);
+        if (what[kSubscriptions.size()] != '>' || cursor.empty() || cursor.size() > 18 ||
+            cursor.find_first_not_of("0123456789") != std::string_view::npos)
+            return {};
+        after = std::stoull(std::string(cursor));
+    }
     // Callback addresses and ids are what a forger needs: only their owner sees them.
     const bool seesAll = asker == nullptr || (asker->isUnix && asker->uid == 0);
     std::string out = "[";
-    for (const auto& [key, sub] : table_.all()) {
-        if (!seesAll && (!asker->isUnix || sub.owner != asker->uid)) continue;
+    table_.forEachAfter(after, [&](const SubscriptionKey& key, const Subscription& sub) {
+        if (!seesAll && (!asker->isUnix || key.owner != asker->uid)) return true;
         if (out.size() > 1) out.push_back(',');
-        out += "{\"event\":";
+        out += "{\"seq\":" + std::to_string(sub.sequence) + ",\"event\":";
         jsontext::appendString(out, sub.event);
         out += ",\"address\":";
         jsontext::appendString(out, key.address);
         out += ",\"id\":" + std::to_string(key.callbackId);
-        out += ",\"uid\":" + std::to_string(static_cast<long>(static_cast<std::int32_t>(sub.owner))) + "}";
-    }
+        out += ",\"uid\":" + std::to_string(static_cast<long>(static_cast<std::int32_t>(key.owner))) + "}";
+        return out.size() < kPageBytes;
+    });
     out.push_back(']');
     return out;
+}
+
+void NotifierService::scheduleSweep() {
+    if (limits_.sweepInterval.count() <= 0 || shutDown_) return;
+    sweepTimer_.expires_after(limits_.sweepInterval);
+    sweepTimer_.async_wait([this](const std::error_code& ec) {
+        if (!ec) sweep({});
+    });
+}
+
+void NotifierService::sweep(std::string from) {
+    // A batch per turn of the loop, so that requests are served between batches.
+    constexpr std::size_t kBatch = 256;
+    if (shutDown_) return;
+    std::vector<std::string> addresses;
+    const auto& all = table_.all();
+    for (auto it = all.upper_bound(SubscriptionKey{from, INT32_MAX, static_cast<uid_t>(-1)});
+         it != all.end() && addresses.size() < kBatch;
+         it = all.upper_bound(SubscriptionKey{it->first.address, INT32_MAX, static_cast<uid_t>(-1)}))
+        addresses.push_back(it->first.address);
+    for (const std::string& address : addresses) {
+        // A live push connection is watched already.
+        if (channels_.count(address) != 0) continue;
+        CallbackAddress parsed;
+        if (parseCallbackAddress(address, parsed) != AddressCheck::Ok || parsed.kind != CallbackAddress::Kind::Pipe)
+            continue;
+        const int error = probePipe(parsed.endpoint());
+        if (error != ECONNREFUSED && error != ENOENT) continue;
+        const std::size_t dropped = table_.removeAddress(address);
+        persist([&] { store_->eraseAddress(address); });
+        ORVO_LOG(4, "ksd: notifier: swept " << static_cast<unsigned long>(dropped) << " subscriptions of " << address
+                                            << " (" << std::strerror(error) << ")");
+    }
+    if (addresses.size() < kBatch)
+        scheduleSweep();
+    else
+        asio::post(io_, [this, alive = std::weak_ptr<char>(alive_), last = addresses.back()] {
+            if (!alive.expired()) sweep(last);
+        });
 }
 
 }  // namespace ksd

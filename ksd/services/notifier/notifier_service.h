@@ -6,6 +6,7 @@
 // push connection per address. Also the daemon's own event publisher.
 
 #include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -15,6 +16,7 @@
 
 #include "services/notifier/notifier_limits.h"
 #include "services/notifier/push_channel.h"
+#include "services/notifier/reach_check.h"
 #include "services/notifier/subscription_store.h"
 #include "services/notifier/subscription_table.h"
 #include "services/service.h"
@@ -51,6 +53,12 @@ private:
     template <typename Write>
     void persist(Write write);
     void handleRegister(Request& request);
+    // Adds a subscription whose address the registrant was found to reach.
+    void commitRegister(Responder& responder, const SubscriptionKey& key, std::string event);
+    void refuseUnreachable(Responder& responder, const SubscriptionKey& key, const std::string& why);
+    void scheduleSweep();
+    // Checks a batch of pipe addresses nobody pushes to, from `from` on.
+    void sweep(std::string from);
     void handleUnregister(Request& request);
     void handleNotify(Request& request);
     // Queues one notification for the subscribers of `event` that `audience` admits.
@@ -70,6 +78,9 @@ private:
     SubscriptionTable table_;
     std::unique_ptr<SubscriptionStore> store_;
     std::unordered_map<std::string, std::shared_ptr<PushChannel>> channels_;
+    ReachCheck reach_;
+    asio::steady_timer sweepTimer_;
+    std::shared_ptr<char> alive_ = std::make_shared<char>();
     std::uint64_t queueDrops_ = 0;
     std::uint64_t published_ = 0;
     bool shutDown_ = false;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "OrvoLogging.h"
+#include "OrvoPeerCredentials.h"
 #include "net/peer_credentials.h"
 
 namespace ksd {
@@ -34,6 +35,14 @@ PushChannel::~PushChannel() = default;
 
 bool PushChannel::push(std::int32_t callbackId, uid_t owner, std::shared_ptr<const std::string> payload) {
     if (state_ == State::Closed) return false;
+    // Whatever built the payload, a frame the sink would refuse is never sent.
+    if (payload->size() > maxFramePayload(limits_)) {
+        ++drops_;
+        ORVO_LOG(4, "ksd: notifier: a " << static_cast<unsigned long>(payload->size()) << "-byte notification for "
+                                        << addressText_ << " is over the push limit of "
+                                        << static_cast<unsigned long>(maxFramePayload(limits_)) << " bytes, dropped");
+        return false;
+    }
     const std::size_t bytes = kFrameHeaderSize + payload->size();
     if (queue_.size() >= limits_.maxQueuedFrames || queuedBytes_ + bytes > limits_.maxQueuedBytes) {
         ++drops_;
@@ -91,6 +100,14 @@ void PushChannel::onConnected() {
             return;
         }
         listenerUid_ = cred->uid;
+    } else {
+        // The port may have changed hands since the registration was checked.
+        OrvoNet::OrvoPeerCredentials cred;
+        if (!OrvoNet::peerCredentials(socket_.native_handle(), cred) || cred.m_nUid < 0) {
+            fail("the owner of the listening socket cannot be learnt");
+            return;
+        }
+        listenerUid_ = static_cast<uid_t>(cred.m_nUid);
     }
     std::error_code ignored;
     socket_.non_blocking(true, ignored);
@@ -100,8 +117,10 @@ void PushChannel::onConnected() {
     writeQueued();
 }
 
+// A TCP client's subscription (no uid) may only have been made for a loopback port.
 bool PushChannel::ownerAccepted(uid_t owner) const {
-    if (!listenerUid_) return true;  // TCP: loopback was checked at registration
+    if (!listenerUid_) return false;
+    if (owner == static_cast<uid_t>(-1)) return address_.kind == CallbackAddress::Kind::Tcp;
     return owner == 0 || owner == *listenerUid_;
 }
 

@@ -1,10 +1,19 @@
 #include "services/notifier/push_frame.h"
 
+#include <algorithm>
+
 #include "OrvoCodec.h"
+#include "services/notifier/notifier_limits.h"
 
 namespace ksd {
 
 namespace Codec = OrvoNet::Codec;
+
+std::uint64_t maxFramePayload(const NotifierLimits& limits) {
+    // A payload larger than a queue could never be queued whole.
+    const std::uint64_t queue = limits.maxQueuedBytes > kFrameHeaderSize ? limits.maxQueuedBytes - kFrameHeaderSize : 0;
+    return std::min<std::uint64_t>({limits.maxPayload, Codec::kMaxPushPayload, queue});
+}
 
 FrameHeader frameHeader(std::int32_t callbackId, std::uint32_t payloadLength) {
     FrameHeader h{};

@@ -17,6 +17,10 @@ namespace ksd {
 inline constexpr std::size_t kFrameHeaderSize = OrvoNet::Protocol::kPushFrameHeaderSize;
 using FrameHeader = std::array<char, kFrameHeaderSize>;
 
+struct NotifierLimits;
+// The largest payload one push frame may carry under these limits.
+std::uint64_t maxFramePayload(const NotifierLimits& limits);
+
 FrameHeader frameHeader(std::int32_t callbackId, std::uint32_t payloadLength);
 std::string encodeNotification(std::string_view sender, std::string_view event, std::string_view text,
                                std::string_view payload);

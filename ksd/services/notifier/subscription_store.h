@@ -21,7 +21,6 @@ namespace ksd {
 struct StoredSubscription {
     SubscriptionKey key;
     std::string event;
-    uid_t owner = static_cast<uid_t>(-1);
 };
 
 class SubscriptionStore {
@@ -30,7 +29,7 @@ public:
     ~SubscriptionStore();
 
     std::vector<StoredSubscription> loadAll();
-    void put(const SubscriptionKey& key, const std::string& event, uid_t owner);
+    void put(const SubscriptionKey& key, const std::string& event);
     void erase(const SubscriptionKey& key);
     void eraseAddress(const std::string& address);
 

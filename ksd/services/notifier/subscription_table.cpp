@@ -5,21 +5,21 @@
 
 namespace ksd {
 
-SubscriptionTable::AddResult SubscriptionTable::add(const SubscriptionKey& key, std::string event, uid_t owner) {
+SubscriptionTable::AddResult SubscriptionTable::add(const SubscriptionKey& key, std::string event) {
     auto it = subscriptions_.find(key);
     if (it != subscriptions_.end()) {
-        if (it->second.owner != owner && countForOwner(owner) >= maxPerOwner_) return AddResult::OverLimit;
         unlink(it);
         subscriptions_.erase(it);
-        add(key, std::move(event), owner);
+        add(key, std::move(event));
         return AddResult::Replaced;
     }
-    if (countForOwner(owner) >= maxPerOwner_) return AddResult::OverLimit;
-    auto [pos, inserted] = subscriptions_.emplace(key, Subscription{std::move(event), owner, nextSequence_++});
+    if (key.owner != 0 && countForOwner(key.owner) >= maxPerOwner_) return AddResult::OverLimit;
+    auto [pos, inserted] = subscriptions_.emplace(key, Subscription{std::move(event), nextSequence_++});
     (void)inserted;
     byEvent_[pos->second.event].emplace(pos->second.sequence, &pos->first);
+    bySequence_.emplace(pos->second.sequence, &pos->first);
     ++perAddress_[key.address];
-    ++perOwner_[owner];
+    ++perOwner_[key.owner];
     return AddResult::Added;
 }
 
@@ -29,9 +29,10 @@ void SubscriptionTable::unlink(std::map<SubscriptionKey, Subscription>::iterator
         ev->second.erase(it->second.sequence);
         if (ev->second.empty()) byEvent_.erase(ev);
     }
+    bySequence_.erase(it->second.sequence);
     auto addr = perAddress_.find(it->first.address);
     if (addr != perAddress_.end() && --addr->second == 0) perAddress_.erase(addr);
-    auto own = perOwner_.find(it->second.owner);
+    auto own = perOwner_.find(it->first.owner);
     if (own != perOwner_.end() && --own->second == 0) perOwner_.erase(own);
 }
 
@@ -45,7 +46,7 @@ bool SubscriptionTable::remove(const SubscriptionKey& key) {
 
 std::size_t SubscriptionTable::removeAddress(const std::string& address) {
     std::size_t removed = 0;
-    auto it = subscriptions_.lower_bound(SubscriptionKey{address, INT32_MIN});
+    auto it = subscriptions_.lower_bound(SubscriptionKey{address, INT32_MIN, 0});
     while (it != subscriptions_.end() && it->first.address == address) {
         unlink(it);
         it = subscriptions_.erase(it);

@@ -1,0 +1,253 @@
+// The Notifier's guards between users, against a real ksd: a registration
+// made by one user never blocks or replaces another's; a callback path or
+// port the registrant could not reach is refused; a vanished listener is
+// swept; root is not held to the quota; the subscription list comes in pages.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/fsuid.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "OrvoCodec.h"
+#include "fake_daemon.h"
+#include "ksd_process.h"
+#include "wait_until.h"
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+constexpr uid_t kOther = 65533;
+constexpr std::int64_t kRefused = -1000;  // plus the error value's code
+
+// One request on a connection of its own: the reply's value, kRefused + code
+// for an error value, -9999 when nothing came.
+std::int64_t ask(const std::string& daemon, const kstest::Wire& request) {
+    kstest::WireClient c;
+    OrvoNet::Codec::Value v;
+    if (!c.connect(daemon) || !c.send(request.bytes()) || !c.readValue(v)) return -9999;
+    return v.tag == OrvoNet::Codec::kTagError ? kRefused + v.integer : v.integer;
+}
+kstest::Wire request(const char* name) {
+    return kstest::Wire().addShort(1).addShort(7777).addString("Notifier").addString(name);
+}
+std::int64_t subscribe(const std::string& daemon, const std::string& event, const std::string& address, int id) {
+    return ask(daemon, request("TRVX_NN_REGISTER").addString(event).addString(address).addInt(id));
+}
+std::int64_t unsubscribe(const std::string& daemon, const std::string& address, int id) {
+    return ask(daemon, request("TRVX_NN_UNREGISTER").addString(address).addInt(id));
+}
+std::int64_t notify(const std::string& daemon, const std::string& event) {
+    return ask(daemon,
+               request("TRVX_NN_NOTIFY").addString("test").addString(event).addString("t").addLong(0).addRaw(""));
+}
+
+// Runs `fn` in a child process under `uid`; what it answers comes back as text.
+std::string runAs(uid_t uid, const std::function<std::string()>& fn) {
+    int out[2];
+    if (::pipe(out) != 0) return "no pipe";
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(out[0]);
+        const std::string text = ::setgroups(0, nullptr) == 0 && ::setgid(uid) == 0 && ::setuid(uid) == 0
+                                     ? fn()
+                                     : "cannot become uid " + std::to_string(uid);
+        [[maybe_unused]] const ssize_t n = ::write(out[1], text.data(), text.size());
+        ::_exit(0);
+    }
+    ::close(out[1]);
+    std::string text;
+    char buffer[256];
+    for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) text.append(buffer, std::size_t(n));
+    ::close(out[0]);
+    ::waitpid(pid, nullptr, 0);
+    return text;
+}
+
+// A Unix stream socket bound to an abstract name, not yet listening.
+struct AbstractSocket {
+    std::string name = kstest::uniqueName("kstest-sec-sink");
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ~AbstractSocket() { ::close(fd); }
+    std::string address() const { return "pipe:" + name; }
+    // Listening makes the caller its owner, as the kernel tells peers.
+    bool listen() const {
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        std::memcpy(a.sun_path + 1, name.data(), name.size());
+        return ::bind(fd, reinterpret_cast<const sockaddr*>(&a),
+                      socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name.size())) == 0 &&
+               ::listen(fd, 8) == 0;
+    }
+    // The callback id and event of the next frame pushed, "" when none came.
+    std::string nextFrame() {
+        pollfd p{fd, POLLIN, 0};
+        if (push.isOpen() || ::poll(&p, 1, 10000) == 1) {
+            if (!push.isOpen()) push.adopt(::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC));
+            OrvoNet::Codec::Value id, len, sender, event;
+            std::string rest;
+            if (push.readValue(id, 10000) && push.readValue(len) && push.readValue(sender) && push.readValue(event) &&
+                push.readRaw(rest, std::size_t(len.integer) - 10 - sender.text.size() - event.text.size()))
+                return std::to_string(id.integer) + " " + event.text;
+        }
+        return "";
+    }
+    kstest::WireClient push;
+};
+
+class NotifierSecurity : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as two other users";
+        ASSERT_TRUE(ksd_.start(args_)) << ksd_.log();
+    }
+    std::string daemon() const { return ksd_.connType(); }
+    std::int64_t subscriptions() {
+        const std::string status = kstest::operatorQuery(daemon(), "status");
+        const auto at = status.find("\"subscriptions\":");
+        return at == std::string::npos ? -1 : std::stoll(status.substr(at + 16));
+    }
+
+    std::vector<std::string> args_ = {"--log-level", "4"};
+    kstest::KsdProcess ksd_;
+};
+
+TEST_F(NotifierSecurity, AnotherUsersEarlierRegistrationNeitherBlocksNorReplacesMineAcrossARestart) {
+    AbstractSocket sink;
+    const std::string d = daemon();
+    // The squatter registers the victim's future address first.
+    ASSERT_EQ(runAs(kNobody, [&] { return std::to_string(subscribe(d, "squat", sink.address(), 1)); }), "0");
+    EXPECT_EQ(
+        runAs(kOther, [&] { return sink.listen() ? std::to_string(subscribe(d, "mine", sink.address(), 1)) : "no"; }),
+        "0");
+    EXPECT_EQ(subscriptions(), 2);
+    ASSERT_TRUE(ksd_.restart()) << ksd_.log();
+    EXPECT_EQ(subscriptions(), 2) << "both restored, each with its owner";
+    EXPECT_EQ(notify(d, "mine"), 1);
+    EXPECT_EQ(sink.nextFrame(), "1 mine") << "the owner's event reaches its listener";
+    EXPECT_EQ(unsubscribe(d, sink.address(), 1), -2) << "root unregisters only its own";
+    EXPECT_EQ(runAs(kNobody, [&] { return std::to_string(unsubscribe(d, sink.address(), 1)); }), "0");
+    EXPECT_EQ(runAs(kNobody, [&] { return std::to_string(unsubscribe(d, sink.address(), 1)); }), "-2");
+    EXPECT_EQ(subscriptions(), 1) << "the squatter's going took nothing of the owner's";
+}
+
+TEST_F(NotifierSecurity, ACallbackPathOrPortTheRegistrantCannotReachIsRefused) {
+    kstest::ScopedTempDir dir("kstest-sec-dir");
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0700), 0);
+    const std::string path = dir.path() + "/root.sock";
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strcpy(a.sun_path, path.c_str());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(::listen(fd, 8), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0777), 0);
+    const std::string d = daemon();
+    const auto asNobody = [&](const std::string& address) {
+        return runAs(kNobody, [&] { return std::to_string(subscribe(d, "e", address, 1)); });
+    };
+    EXPECT_EQ(asNobody("pipe:" + path), "-13") << "the directory is root's alone";
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0711), 0);
+    EXPECT_EQ(asNobody("pipe:" + path), "0") << "a directory it may search, a socket it may write";
+    ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+    EXPECT_EQ(asNobody("pipe:" + path), "-13") << "a socket it may not write";
+    EXPECT_EQ(subscribe(d, "e", "pipe:" + path, 1), 0) << "root may register anything";
+    ::close(fd);
+
+    // A TCP socket belongs to whoever made it: made here once as root, once as nobody.
+    const auto tcpListener = [](uid_t owner, int& port) {
+        ::setfsuid(owner);
+        const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ::setfsuid(0);
+        sockaddr_in in{};
+        in.sin_family = AF_INET;
+        in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof in;
+        if (::bind(s, reinterpret_cast<sockaddr*>(&in), len) != 0 || ::listen(s, 8) != 0 ||
+            ::getsockname(s, reinterpret_cast<sockaddr*>(&in), &len) != 0)
+            ADD_FAILURE() << std::strerror(errno);
+        port = ntohs(in.sin_port);
+        return s;
+    };
+    int rootPort = 0, nobodyPort = 0;
+    const int rootListener = tcpListener(0, rootPort);
+    const int nobodyListener = tcpListener(kNobody, nobodyPort);
+    EXPECT_EQ(asNobody("socket:127.0.0.1:" + std::to_string(rootPort)), "-13") << "root's port";
+    EXPECT_EQ(asNobody("socket:127.0.0.1:" + std::to_string(nobodyPort)), "0") << "its own port";
+    ::close(rootListener);
+    EXPECT_EQ(asNobody("socket:127.0.0.1:" + std::to_string(rootPort)), "-13") << "nobody listens";
+    ::close(nobodyListener);
+    EXPECT_NE(ksd_.log().find("may not register pipe:" + path), std::string::npos) << ksd_.log();
+}
+
+class NotifierSweep : public NotifierSecurity {
+protected:
+    NotifierSweep() { args_.insert(args_.end(), {"--subscription-sweep-ms", "200"}); }
+};
+
+TEST_F(NotifierSweep, AListenerThatWentAwayLosesItsSubscriptionsWithoutAnyPush) {
+    const std::string d = daemon();
+    AbstractSocket gone, staying;
+    ASSERT_TRUE(gone.listen() && staying.listen());
+    ASSERT_EQ(subscribe(d, "e", gone.address(), 1), 0);
+    ASSERT_EQ(subscribe(d, "e", staying.address(), 1), 0);
+    ::close(std::exchange(gone.fd, ::socket(AF_UNIX, SOCK_STREAM, 0)));
+    ASSERT_TRUE(kstest::waitUntil([&] { return subscriptions() == 1; })) << ksd_.log();
+    const std::string list = kstest::operatorQuery(d, "subscriptions");
+    EXPECT_NE(list.find(staying.address()), std::string::npos) << list;
+    EXPECT_NE(ksd_.log().find("swept 1 subscriptions of " + gone.address()), std::string::npos) << ksd_.log();
+}
+
+TEST_F(NotifierSecurity, RootIsNotBoundByTheSubscriptionQuotaAndItsListComesInPagesKsctlJoins) {
+    // Event names near their limit: the whole list is far larger than one answer frame.
+    constexpr int kCount = 4200;
+    const std::string d = daemon();
+    kstest::WireClient c;
+    ASSERT_TRUE(c.connect(d));
+    const std::string stem(4000, 'n');
+    for (int i = 0; i < kCount; ++i) {
+        OrvoNet::Codec::Value v, a, b;
+        ASSERT_TRUE(c.send(request("TRVX_NN_REGISTER")
+                               .addString(stem + std::to_string(i))
+                               .addString("pipe:root-sink")
+                               .addInt(i)
+                               .bytes()) &&
+                    c.readValue(v) && c.readValue(a) && c.readValue(b));
+        ASSERT_EQ(v.tag == OrvoNet::Codec::kTagError ? kRefused + v.integer : v.integer, 0) << "registration " << i;
+    }
+    EXPECT_EQ(runAs(kNobody,
+                    [&] {
+                        std::string last;
+                        for (int i = 0; i < 4097 && last != std::to_string(kRefused + EDQUOT); ++i)
+                            last = std::to_string(subscribe(d, "q", "pipe:nobody-sink", i));
+                        return last;
+                    }),
+              std::to_string(kRefused + EDQUOT))
+        << "everyone else is";
+    const std::string first = kstest::operatorQuery(d, "subscriptions");
+    ASSERT_FALSE(first.empty());
+    EXPECT_LT(first.size(), std::size_t(2) << 20) << "one page";
+    const std::string command =
+        "KSINTF_CONN_TYPE=" + d + " " + kstest::testBinaryDir() + "/tools/ksctl/ksctl --json subscriptions";
+    FILE* ksctl = ::popen(command.c_str(), "r");
+    ASSERT_NE(ksctl, nullptr);
+    std::string out;
+    char buffer[65536];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, ksctl)) > 0;) out.append(buffer, n);
+    EXPECT_EQ(::pclose(ksctl), 0);
+    std::size_t items = 0;
+    for (auto at = out.find("\"seq\":"); at != std::string::npos; at = out.find("\"seq\":", at + 1)) ++items;
+    EXPECT_EQ(items, std::size_t(kCount) + 4096) << "root's and nobody's, every one";
+}
+
+}  // namespace
