@@ -1,0 +1,148 @@
+// Another user's request latency while one user floods ksd: 10,000
+// connections opened again and again (over its per-user limit), and 16
+// notifications announced at 60 MiB and never finished. Prints p50/p99 of a
+// bystander's connect-per-call status query, alone and during each flood, and
+// ksd's resident memory. Needs root: the users are played by child processes.
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fake_daemon.h"
+#include "ksd_process.h"
+#include "other_user.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using kstest::OtherUser;
+using kstest::WireClient;
+
+long rssMiB(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6)) / 1024;
+    return -1;
+}
+
+// "p50 p99" in microseconds of `calls` status queries, each on a new connection.
+std::string bystander(const std::string& address, int calls) {
+    std::vector<double> us;
+    for (int i = 0; i < calls; ++i) {
+        const auto t0 = Clock::now();
+        if (kstest::operatorQuery(address, "status").empty()) return "failed";
+        us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+    }
+    std::sort(us.begin(), us.end());
+    char out[64];
+    std::snprintf(out, sizeof out, "%.0f %.0f", us[us.size() / 2], us[us.size() * 99 / 100]);
+    return out;
+}
+
+void raiseDescriptorLimit() {
+    rlimit r{};
+    if (::getrlimit(RLIMIT_NOFILE, &r) == 0) {
+        r.rlim_cur = r.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &r);
+    }
+}
+
+// Opens 10,000 connections, keeps what ksd keeps, and goes on opening for `seconds`.
+std::string connectionFlood(const std::string& address, int seconds) {
+    raiseDescriptorLimit();
+    std::vector<std::unique_ptr<WireClient>> held;
+    long opened = 0;
+    const auto end = Clock::now() + std::chrono::seconds(seconds);
+    while (Clock::now() < end) {
+        for (int i = 0; i < 10000; ++i) {
+            auto c = std::make_unique<WireClient>();
+            if (!c->connect(address)) break;
+            ++opened;
+            held.push_back(std::move(c));
+        }
+        held.clear();
+    }
+    return std::to_string(opened);
+}
+
+// Sixteen notifications announcing 60 MiB each, fed until ksd stops reading them.
+std::string unfinishedFlood(const std::string& address, int seconds) {
+    std::vector<std::unique_ptr<WireClient>> clients;
+    const std::string head = kstest::Wire()
+                                 .addShort(1)
+                                 .addShort(7777)
+                                 .addString("Notifier")
+                                 .addString("TRVX_NN_NOTIFY")
+                                 .addString("udp:127.0.0.1:0")
+                                 .addString("flood")
+                                 .addString("")
+                                 .addLong(60L << 20)
+                                 .bytes();
+    const std::string chunk(256 * 1024, '\0');
+    for (int i = 0; i < 16; ++i) {
+        clients.push_back(std::make_unique<WireClient>());
+        if (!clients.back()->connect(address) || !clients.back()->send(head)) return "connect failed";
+        ::fcntl(clients.back()->fd(), F_SETFL, O_NONBLOCK);
+    }
+    long sent = 0;
+    const auto end = Clock::now() + std::chrono::seconds(seconds);
+    while (Clock::now() < end) {
+        for (auto& c : clients) {
+            const ssize_t n = ::send(c->fd(), chunk.data(), chunk.size(), MSG_NOSIGNAL);
+            if (n > 0) sent += n;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return std::to_string(sent >> 20) + " MiB";
+}
+
+}  // namespace
+
+int main() {
+    if (::geteuid() != 0) {
+        std::fprintf(stderr, "flood_bench: needs root to play two users\n");
+        return 77;
+    }
+    kstest::KsdProcess ksd;
+    if (!ksd.start()) return 1;
+    const std::string address = "pipe:" + ksd.pipeName();
+    constexpr int kCalls = 3000;
+    constexpr uid_t kBystander = kstest::kOtherUid - 1;
+    const auto measure = [&] {
+        auto b = OtherUser::start([&](OtherUser::Keep&) { return bystander(address, kCalls); }, kBystander);
+        return b->result();
+    };
+    std::printf("%-44s %10s %10s %10s\n", "bystander status query (connect per call)", "p50 us", "p99 us", "ksd RSS");
+    const long rss0 = rssMiB(ksd.pid());
+    std::string alone = measure();
+    std::printf("%-44s %10s %10s %7ld MiB\n", "alone", alone.substr(0, alone.find(' ')).c_str(),
+                alone.substr(alone.find(' ') + 1).c_str(), rss0);
+
+    auto flood = OtherUser::start([&](OtherUser::Keep&) { return connectionFlood(address, 4); });
+    std::string during = measure();
+    const long rss1 = rssMiB(ksd.pid());
+    std::printf("%-44s %10s %10s %7ld MiB  (%s connections opened)\n", "during a 10,000-connection flood",
+                during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss1,
+                flood->result().c_str());
+    flood->finish();
+
+    auto unfinished = OtherUser::start([&](OtherUser::Keep&) { return unfinishedFlood(address, 4); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    during = measure();
+    const long rss2 = rssMiB(ksd.pid());
+    std::printf("%-44s %10s %10s %7ld MiB  (%s taken by ksd)\n", "during 16 unfinished 60 MiB notifications",
+                during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss2,
+                unfinished->result().c_str());
+    unfinished->finish();
+    return 0;
+}
