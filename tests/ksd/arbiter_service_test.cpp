@@ -138,6 +138,7 @@ TEST_F(Arbiter, LimitsAndBadNamesAreRefused) {
     for (const std::string name : {"a", "b", "0123456789abcdef"}) EXPECT_GT(lock(name, 0, unixPeer(10, kAlice))->value(), 0);
     EXPECT_EQ(lock("d", 0, unixPeer(12, kAlice))->failCode, EDQUOT) << "three locks per user";
     EXPECT_EQ(lock("d", 0, unixPeer(13, kBob))->value(), 4) << "the limit is per user";
+    for (const std::string name : {"r1", "r2", "r3", "r4"}) EXPECT_GT(lock(name, 0, unixPeer(14, 0))->value(), 0) << "root is not bound";
     ASSERT_EQ(unlock(1, unixPeer(10, kAlice)), 0);
     for (int i = 0; i < 10; ++i) {
         const auto handle = lock("c", 0, unixPeer(10, kAlice))->value();
