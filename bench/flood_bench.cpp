@@ -1,6 +1,7 @@
 // Another user's request latency while one user floods ksd: 10,000
-// connections opened again and again (over its per-user limit), and 16
-// notifications announced at 60 MiB and never finished. Prints p50/p99 of a
+// connections opened again and again (over its per-user limit), 16
+// notifications announced at 60 MiB and never finished, and one connection
+// pipelining requests without ever reading a reply. Prints p50/p99 of a
 // bystander's connect-per-call status query, alone and during each flood, and
 // ksd's resident memory. Needs root: the users are played by child processes.
 
@@ -106,6 +107,35 @@ std::string unfinishedFlood(const std::string& address, int seconds) {
     return std::to_string(sent >> 20) + " MiB";
 }
 
+// One connection pipelining status queries for `seconds` and never reading a reply.
+std::string pipelineWithoutReading(const std::string& address, int seconds) {
+    WireClient c;
+    if (!c.connect(address)) return "connect failed";
+    ::fcntl(c.fd(), F_SETFL, O_NONBLOCK);
+    std::string many;
+    for (int i = 0; i < 1000; ++i)
+        many += kstest::Wire()
+                    .addShort(1)
+                    .addShort(7777)
+                    .addString("KsdOperator")
+                    .addString("KSD_OP_QUERY")
+                    .addString("status")
+                    .bytes();
+    long sent = 0;
+    std::size_t at = 0;
+    const auto end = Clock::now() + std::chrono::seconds(seconds);
+    while (Clock::now() < end) {
+        const ssize_t n = ::send(c.fd(), many.data() + at, many.size() - at, MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += n;
+            at = (at + static_cast<std::size_t>(n)) % many.size();
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    return std::to_string(sent >> 10) + " KiB";
+}
+
 }  // namespace
 
 int main() {
@@ -144,5 +174,14 @@ int main() {
                 during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss2,
                 unfinished->result().c_str());
     unfinished->finish();
+
+    auto greedy = OtherUser::start([&](OtherUser::Keep&) { return pipelineWithoutReading(address, 4); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    during = measure();
+    const long rss3 = rssMiB(ksd.pid());
+    std::printf("%-44s %10s %10s %7ld MiB  (%s taken by ksd)\n", "during a client that never reads its replies",
+                during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss3,
+                greedy->result().c_str());
+    greedy->finish();
     return 0;
 }
