@@ -23,9 +23,10 @@ struct QueryAnswer {
 // Gives up after `timeout` (a daemon that accepts but never answers).
 QueryAnswer queryDaemon(std::string_view what, std::chrono::milliseconds timeout);
 
-// A list answered in pages ("jobs"): asks for the page after the last id of
-// each page until an empty one, and answers one array of every item.
-QueryAnswer queryEveryPage(std::string_view what, std::chrono::milliseconds timeout);
+// A list answered in pages ("jobs" by "id", "locks" by "handle"): asks for
+// the page after the last key of each page until an empty one, and answers
+// one array of every item.
+QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::milliseconds timeout);
 
 // Runs a query and prints its answer (JSON as is with --json, else a table or "name  value"
 // lines, or `emptyText` for an empty array). The answer must be of the `expected` kind.
