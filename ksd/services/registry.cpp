@@ -47,7 +47,7 @@ void registerServices(Registry& registry, ServiceContext& context) {
     auto arbiter = std::make_unique<ArbiterService>(context.io, context.events);
     arbiter->restoreFrom(std::make_unique<LockStore>(context.stateDir));
     registry.add(std::move(arbiter));
-    registry.add(std::make_unique<JobStatusService>(context.events, context.stateDir));
+    registry.add(std::make_unique<JobStatusService>(context.io, context.events, context.stateDir));
     registry.add(std::make_unique<SchedulerService>(context.io, context.events, context.stateDir));
 }
 

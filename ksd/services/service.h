@@ -7,6 +7,7 @@
 // whole request, answering now or later through its Responder.
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,6 +56,16 @@ public:
     virtual std::string queryFor(std::string_view what, const PeerInfo& asker) const {
         (void)asker;
         return query(what);
+    }
+    // A query too costly for the event loop: the service takes `responder`
+    // and answers on the loop once the answer is built elsewhere. False when
+    // it does not answer `what` this way (queryFor() is asked then).
+    virtual bool answerLater(std::string_view what, const PeerInfo& asker,
+                             const std::shared_ptr<Responder>& responder) {
+        (void)what;
+        (void)asker;
+        (void)responder;
+        return false;
     }
 };
 

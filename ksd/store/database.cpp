@@ -33,6 +33,27 @@ Database::Database(const std::filesystem::path& file, Durability durability, std
     }
 }
 
+Database::Database(const std::filesystem::path& file, ReadOnly) : file_(file) {
+    const int rc = sqlite3_open_v2(file_.c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc != SQLITE_OK) {
+        const std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw StoreError("cannot open database " + file_.string() + " to read: " + message, rc);
+    }
+    try {
+        sqlite3_busy_timeout(db_, 2000);
+        sqlite3_extended_result_codes(db_, 1);
+        // Without WAL a reader would block the writer on the loop.
+        const std::string mode = pragma("journal_mode");
+        if (mode != "wal") throw StoreError("database " + file_.string() + " is not in WAL mode (" + mode + ")", 0);
+    } catch (...) {
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw;
+    }
+}
+
 Database::~Database() {
     statements_.clear();
     if (db_ != nullptr && sqlite3_close(db_) != SQLITE_OK) {

@@ -31,6 +31,11 @@ public:
     // each other's short transactions instead of failing at once.
     explicit Database(const std::filesystem::path& file, Durability durability = Durability::Normal,
                       std::chrono::milliseconds busyTimeout = std::chrono::milliseconds(2000));
+    // A second, read-only connection to a database another connection keeps
+    // in WAL mode: it reads the last commit while that one writes, so it may
+    // serve another thread (one at a time).
+    struct ReadOnly {};
+    Database(const std::filesystem::path& file, ReadOnly);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;

@@ -28,7 +28,7 @@ class Arbiter : public ::testing::Test {
 protected:
     Arbiter() {
         ksd::ArbiterLimits l;
-        l.maxNameLength = 16, l.maxLocksPerUser = 3;
+        l.maxNameLength = 16, l.maxLocksPerUser = 3, l.listPageBytes = 1;  // one lock per listing page
         arbiter_ = std::make_unique<ksd::ArbiterService>(io_, events_, l, std::make_unique<ksdtest::FakeMonitor>(mon_));
     }
     std::shared_ptr<FakeResponder> lock(const std::string& name, std::int64_t ms, const ksd::PeerInfo& peer) {
@@ -146,6 +146,28 @@ TEST_F(Arbiter, LimitsAndBadNamesAreRefused) {
         ASSERT_EQ(unlock(*handle, unixPeer(10, kAlice)), 0);
     }
     EXPECT_GT(lock("c", 0, unixPeer(10, kAlice))->value(), 0) << "unlocking gives the quota back";
+}
+
+TEST_F(Arbiter, TheLockListComesInPagesByHandleEachHoldingALock) {
+    const auto handles = [this](const std::string& query) {
+        std::string out;
+        const std::string json = arbiter_->query(query);
+        for (auto at = json.find("\"handle\":"); at != std::string::npos; at = json.find("\"handle\":", at + 1))
+            out += json.substr(at + 9, json.find(',', at) - at - 9) + " ";
+        return json.empty() ? "<unknown>" : out;
+    };
+    ASSERT_EQ(lock("b", 0, unixPeer(10, kAlice))->value(), 1);
+    ASSERT_EQ(lock("a", 0, unixPeer(11, kBob))->value(), 2);
+    ASSERT_EQ(lock("c", 0, tcpPeer())->value(), 3);
+    auto waiter = lock("a", -1, unixPeer(12, kAlice));
+    EXPECT_EQ(handles("locks") + "| " + handles("locks>1") + "| " + handles("locks>2") + "| " + handles("locks>3"),
+              "1 | 2 | 3 | ");
+    EXPECT_NE(arbiter_->query("locks>1").find("\"waiters\":1"), std::string::npos);
+    ASSERT_EQ(unlock(2, unixPeer(11, kBob)), 0);
+    EXPECT_EQ(handles("locks>1") + "| " + handles("locks>3") + "| " + handles("locks>4"), "3 | 4 | ")
+        << "a freed handle leaves its page, the hand-over joins at the end";
+    for (const char* bad : {"locks>", "locks>x", "locks>1>2", "lockss", "locks 1"})
+        EXPECT_EQ(handles(bad), "<unknown>") << bad;
 }
 
 TEST_F(Arbiter, DestroyedWithWaitersAndTimersPendingTouchesNothingAfterwards) {

@@ -2,6 +2,11 @@
 // requests with their replies, who may change what, and the events in order.
 #include <gtest/gtest.h>
 
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <mutex>
+#include <thread>
+
 #include "service_test_fakes.h"
 #include "fake_daemon.h"
 #include "services/jobstatus/jobstatus_service.h"
@@ -40,9 +45,10 @@ protected:
     }
 
     kstest::ScopedTempDir dir_{"kstest-jobstatus"};
+    asio::io_context io_;
     ksdtest::RecordingPublisher events_;
     std::unique_ptr<ksd::JobStatusService> service_ = std::make_unique<ksd::JobStatusService>(
-        events_, dir_.path(), ksd::jobs::JobLimits{.maxNameLength = 8, .maxDescriptionLength = 16, .maxAppIds = 4});
+        io_, events_, dir_.path(), ksd::jobs::JobLimits{.maxNameLength = 8, .maxDescriptionLength = 16, .maxAppIds = 4, .listPageBytes = 1});
 };
 
 TEST_F(JobStatus, EveryRequestAwaitsExactlyTheFieldsItsClientFunctionSends) {
@@ -99,6 +105,46 @@ TEST_F(JobStatus, OtherUsersAndTcpClientsMayReadButNotChange) {
     EXPECT_EQ(call("TRVX_JS_GET_PROGRESS", {lng(1)}, kBobPeer)->value(), 5);
     EXPECT_EQ(call("TRVX_JS_LOOKUP", {str("mine")}, ksdtest::tcpPeer())->value(), 1);
     EXPECT_EQ(events_.events.size(), 2u) << "created, and root's update; nothing refused was announced";
+}
+
+// Records the thread an answer came on: only the loop's may use a responder.
+class ThreadResponder final : public ksd::Responder {
+public:
+    void reply(std::string fields) override { answer(std::move(fields)); }
+    void fail(int code, std::string_view) override { answer("error " + std::to_string(code)); }
+    bool isOpen() const override { return true; }
+    void onClose(std::function<void()>) override {}
+    void answer(std::string text) {
+        std::lock_guard lock(mutex);
+        answers.push_back(std::move(text));
+        threads.push_back(std::this_thread::get_id());
+    }
+    std::mutex mutex;
+    std::vector<std::string> answers;
+    std::vector<std::thread::id> threads;
+};
+
+TEST_F(JobStatus, JobListPagesAreReadFromTheStoreOneJobAtLeastEachAndAnsweredOnTheLoop) {
+    for (const char* name : {"a", "b", "c"}) ASSERT_GT(call("TRVX_JS_CREATE", {str("tab\there"), str(name)})->value(), 0);
+    ASSERT_EQ(call("TRVX_JS_DELETE", {lng(2)})->value(), 0);
+    ASSERT_EQ(call("TRVX_JS_MAP_JOB", {lng(3), lng(2), lng(11), lng(-12)})->value(), 0);
+    ASSERT_EQ(call("TRVX_JS_SET_PROGRESS", {lng(3), lng(100)})->value(), 0);
+    EXPECT_EQ(service_->query("jobs").find("\"id\":3"), std::string::npos) << "one job a page";
+    EXPECT_EQ(service_->query("jobs>1"),
+              "[{\"id\":3,\"name\":\"c\",\"description\":\"tab\\there\",\"progress\":100,\"state\":\"completed\","
+              "\"owner_uid\":1000,\"app_ids\":[11,-12]}]");
+    EXPECT_EQ(service_->query("jobs>3"), "[]");
+    for (const char* bad : {"jobs>", "jobs>-1", "jobs>1a", "jobsx"}) EXPECT_EQ(service_->query(bad), "") << bad;
+
+    auto responder = std::make_shared<ThreadResponder>();
+    EXPECT_FALSE(service_->answerLater("locks", kAlicePeer, responder));
+    ASSERT_TRUE(service_->answerLater("jobs>1", kAlicePeer, responder));
+    auto guard = asio::make_work_guard(io_);
+    io_.run_one_for(std::chrono::seconds(20));
+    std::lock_guard lock(responder->mutex);
+    ASSERT_EQ(responder->answers.size(), 1u);
+    EXPECT_EQ(responder->threads[0], std::this_thread::get_id()) << "answered through the loop";
+    EXPECT_EQ(responder->answers[0], ksd::stringReply(service_->query("jobs>1")));
 }
 
 }  // namespace

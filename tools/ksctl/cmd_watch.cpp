@@ -62,7 +62,7 @@ struct Listing {
 };
 
 Listing listingOf(int id, const GlobalOptions& options) {
-    const QueryAnswer answer = queryEveryPage("jobs", options.replyTimeout);
+    const QueryAnswer answer = queryEveryPage("jobs", "id", options.replyTimeout);
     if (answer.outcome != QueryAnswer::Outcome::Answered) return {};
     const auto jobs = parseJson(answer.text);
     if (!jobs || jobs->kind != JsonValue::Kind::Array) return {};

@@ -73,7 +73,7 @@ QueryAnswer queryDaemon(std::string_view what, std::chrono::milliseconds timeout
     return future.get();
 }
 
-QueryAnswer queryEveryPage(std::string_view what, std::chrono::milliseconds timeout, const char* cursor) {
+QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::milliseconds timeout) {
     std::string merged = "[";
     std::int64_t after = 0;
     for (;;) {
@@ -82,7 +82,7 @@ QueryAnswer queryEveryPage(std::string_view what, std::chrono::milliseconds time
         const auto value = parseJson(page.text);
         if (!value || value->kind != JsonValue::Kind::Array) return page;  // the caller says it is not a list
         if (value->items.empty()) break;
-        const JsonValue* id = value->items.back().find(cursor);
+        const JsonValue* id = value->items.back().find(key);
         const auto last = id ? id->asInt() : std::nullopt;
         if (!last || *last <= after) return QueryAnswer{QueryAnswer::Outcome::Refused, EPROTO, "a page that does not advance"};
         if (merged.size() > 1) merged.push_back(',');
@@ -94,10 +94,10 @@ QueryAnswer queryEveryPage(std::string_view what, std::chrono::milliseconds time
 }
 
 int printQuery(const GlobalOptions& options, const char* what, JsonValue::Kind expected, const char* emptyText) {
-    const std::string_view name = what;
-    const QueryAnswer answer = name == "jobs"            ? queryEveryPage(what, options.replyTimeout, "id")
-                               : name == "subscriptions" ? queryEveryPage(what, options.replyTimeout, "seq")
-                                                         : queryDaemon(what, options.replyTimeout);
+    const std::string_view list(what);
+    const char* key = list == "jobs" ? "id" : list == "locks" ? "handle" : list == "subscriptions" ? "seq" : nullptr;
+    const QueryAnswer answer =
+        key ? queryEveryPage(what, key, options.replyTimeout) : queryDaemon(what, options.replyTimeout);
     const std::string subject = std::string(what) + " query";
     switch (answer.outcome) {
         case QueryAnswer::Outcome::Answered:

@@ -23,10 +23,11 @@ struct QueryAnswer {
 // Gives up after `timeout` (a daemon that accepts but never answers).
 QueryAnswer queryDaemon(std::string_view what, std::chrono::milliseconds timeout);
 
-// A list answered in pages ("jobs" by "id", "subscriptions" by "seq"): asks
-// for the page after the last cursor value of each page until an empty one,
-// and answers one array of every item.
-QueryAnswer queryEveryPage(std::string_view what, std::chrono::milliseconds timeout, const char* cursor = "id");
+// A list answered in pages ("jobs" by "id", "locks" by "handle", "subscriptions"
+// by "seq"): asks for
+// the page after the last key of each page until an empty one, and answers
+// one array of every item.
+QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::milliseconds timeout);
 
 // Runs a query and prints its answer (JSON as is with --json, else a table or "name  value"
 // lines, or `emptyText` for an empty array). The answer must be of the `expected` kind.

@@ -264,17 +264,16 @@ std::vector<StatusItem> ArbiterService::status() const {
 }
 
 std::string ArbiterService::query(std::string_view what) const {
-    if (what != "locks") return {};
-    std::vector<const std::pair<const std::string, Resource>*> held;
-    for (const auto& entry : resources_)
-        if (entry.second.holder) held.push_back(&entry);
-    std::sort(held.begin(), held.end(), [](auto* a, auto* b) { return a->first < b->first; });
+    const auto after = pageAfter(what, "locks");
+    if (!after) return {};
     const auto now = std::chrono::steady_clock::now();
     std::string out = "[";
-    for (std::size_t i = 0; i < held.size(); ++i) {
-        const auto& [name, resource] = *held[i];
+    for (auto it = handles_.upper_bound(*after); it != handles_.end() && (out.size() == 1 || out.size() < limits_.listPageBytes); ++it) {
+        // (at least one lock per page, so that the pages advance)
+        const std::string& name = it->second;
+        const Resource& resource = resources_.at(name);
         const Holder& h = *resource.holder;
-        if (i != 0) out.push_back(',');
+        if (out.size() > 1) out.push_back(',');
         out += "{\"name\":";
         jsontext::appendString(out, name);
         out += ",\"handle\":" + std::to_string(h.handle);

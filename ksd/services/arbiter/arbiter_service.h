@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -27,6 +28,7 @@
 
 #include "services/arbiter/lock_store.h"
 #include "services/arbiter/process_monitor.h"
+#include "services/list_page.h"
 #include "services/service.h"
 
 namespace ksd {
@@ -36,6 +38,7 @@ struct ArbiterLimits {
     std::size_t maxLocksPerUser = 4096;   // held at once (EDQUOT beyond)
     // Longer time-outs are taken as "without limit".
     std::int64_t maxTimeoutMs = std::int64_t{100} * 365 * 24 * 3600 * 1000;
+    std::size_t listPageBytes = kListPageBytes;   // "locks" answered in pages of about this size
 };
 
 class ArbiterService final : public Service {
@@ -55,7 +58,8 @@ public:
     const FieldPlan* plan(std::string_view request) const override;
     void handle(Request& request) override;
     std::vector<StatusItem> status() const override;
-    // "locks": every held lock as a JSON array of objects, by resource name.
+    // "locks" / "locks>H": a page of the held locks in handle order (those
+    // after handle H), as a JSON array of objects; "[]" past the last.
     std::string query(std::string_view what) const override;
 
     std::size_t locksHeld() const { return handles_.size(); }
@@ -108,7 +112,7 @@ private:
     FieldPlan lockPlan_;
     FieldPlan unlockPlan_;
     std::unordered_map<std::string, Resource> resources_;
-    std::unordered_map<std::int64_t, std::string> handles_;         // held locks
+    std::map<std::int64_t, std::string> handles_;                   // held locks, in handle order for the pages
     std::unordered_map<pid_t, std::set<std::int64_t>> byProcess_;  // watched holders
     std::unordered_map<uid_t, std::size_t> heldByUser_;
     std::int64_t lastHandle_ = 0;

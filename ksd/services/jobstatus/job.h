@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "services/list_page.h"
+
 namespace ksd::jobs {
 
 // Stored as these numbers: never renumber.
@@ -35,6 +37,7 @@ struct JobLimits {
     std::size_t maxDescriptionLength = 64 * 1024;
     std::int64_t maxAppIds = 65536;     // per MAP_JOB request
     std::size_t maxJobs = 100000;       // live jobs, all users together
+    std::size_t listPageBytes = kListPageBytes;   // "jobs" answered in pages of about this size
 };
 
 }  // namespace ksd::jobs

@@ -3,7 +3,7 @@
 #include <cerrno>
 
 #include "OrvoLogging.h"
-#include "json/json_text.h"
+#include "services/list_page.h"
 #include "store/schema.h"
 
 namespace ksd {
@@ -29,12 +29,13 @@ FieldPlan mapJobPlan(std::int64_t maxAppIds) {
 
 }  // namespace
 
-JobStatusService::JobStatusService(EventPublisher& events, const std::filesystem::path& stateDir,
-                                   jobs::JobLimits limits)
+JobStatusService::JobStatusService(asio::io_context& io, EventPublisher& events,
+                                   const std::filesystem::path& stateDir, jobs::JobLimits limits)
     : events_(events),
       db_(store::openStateDatabase(stateDir)),
       store_(std::make_unique<jobs::JobStore>(*db_)),
       book_(std::make_unique<jobs::JobBook>(*store_, limits)),
+      lister_(std::make_unique<jobs::JobLister>(io, stateDir, limits.listPageBytes)),
       stringPlan_(fixedPlan({FieldKind::String})),
       twoStringPlan_(fixedPlan({FieldKind::String, FieldKind::String})),
       idPlan_(fixedPlan({FieldKind::Long})),
@@ -113,41 +114,17 @@ std::vector<StatusItem> JobStatusService::status() const {
 }
 
 std::string JobStatusService::query(std::string_view what) const {
-    // "jobs" is the first page, "jobs>ID" the page after job ID: every answer
-    // fits its frame however many jobs there are and however long their texts.
-    constexpr std::string_view kJobs = "jobs";
-    constexpr std::size_t kPageBytes = 1 << 20;
-    if (what.substr(0, kJobs.size()) != kJobs) return {};
-    std::int64_t after = 0;
-    if (what.size() > kJobs.size()) {
-        const std::string_view cursor = what.substr(kJobs.size() + 1);
-        if (what[kJobs.size()] != '>' || cursor.empty() || cursor.size() > 18 ||
-            cursor.find_first_not_of("0123456789") != std::string_view::npos)
-            return {};
-        after = std::stoll(std::string(cursor));
-    }
-    std::string out = "[";
-    bool first = true;
-    const auto& all = book_->all();
-    for (auto it = all.upper_bound(after); it != all.end() && out.size() < kPageBytes; ++it) {
-        const auto& [id, job] = *it;
-        if (!first) out.push_back(',');
-        first = false;
-        out += "{\"id\":" + std::to_string(id) + ",\"name\":";
-        jsontext::appendString(out, job.name);
-        out += ",\"description\":";
-        jsontext::appendString(out, job.description);
-        out += ",\"progress\":" + std::to_string(job.progress) + ",\"state\":";
-        jsontext::appendString(out, jobs::stateName(job.state));
-        out += ",\"owner_uid\":" + std::to_string(job.owner) + ",\"app_ids\":[";
-        for (std::size_t i = 0; i < job.appIds.size(); ++i) {
-            if (i != 0) out.push_back(',');
-            out += std::to_string(job.appIds[i]);
-        }
-        out += "]}";
-    }
-    out.push_back(']');
-    return out;
+    const auto after = pageAfter(what, "jobs");
+    return after ? lister_->page(*after) : std::string();
+}
+
+bool JobStatusService::answerLater(std::string_view what, const PeerInfo& asker,
+                                   const std::shared_ptr<Responder>& responder) {
+    (void)asker;  // every user may read every job
+    const auto after = pageAfter(what, "jobs");
+    if (!after) return false;
+    lister_->answer(*after, responder);
+    return true;
 }
 
 }  // namespace ksd

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "services/jobstatus/job_book.h"
+#include "services/jobstatus/job_lister.h"
 #include "services/jobstatus/job_store.h"
 #include "services/service.h"
 #include "store/database.h"
@@ -21,16 +22,22 @@ namespace ksd {
 
 class JobStatusService final : public Service {
 public:
-    // Opens (or creates) the database in `stateDir`. Throws store::StoreError.
-    JobStatusService(EventPublisher& events, const std::filesystem::path& stateDir, jobs::JobLimits limits = {});
+    // Opens (or creates) the database in `stateDir`; job list pages are
+    // answered through `io`. Throws store::StoreError.
+    JobStatusService(asio::io_context& io, EventPublisher& events, const std::filesystem::path& stateDir,
+                     jobs::JobLimits limits = {});
     ~JobStatusService() override;
 
     std::string_view name() const override { return "JobStatus"; }
     const FieldPlan* plan(std::string_view request) const override;
     void handle(Request& request) override;
     std::vector<StatusItem> status() const override;
-    // "jobs": every live job as a JSON array of objects, in id order.
+    // "jobs" / "jobs>ID": a page of the live jobs in id order (those after
+    // job ID) as a JSON array of objects, "[]" past the last. query() builds
+    // it on the calling thread, answerLater() on the lister's worker.
     std::string query(std::string_view what) const override;
+    bool answerLater(std::string_view what, const PeerInfo& asker,
+                     const std::shared_ptr<Responder>& responder) override;
 
     const jobs::JobBook& book() const { return *book_; }
 
@@ -42,6 +49,7 @@ private:
     std::unique_ptr<store::Database> db_;
     std::unique_ptr<jobs::JobStore> store_;
     std::unique_ptr<jobs::JobBook> book_;
+    std::unique_ptr<jobs::JobLister> lister_;
     FieldPlan stringPlan_, twoStringPlan_, idPlan_, twoLongPlan_, emptyPlan_, mapPlan_;
 };
 

@@ -39,6 +39,8 @@ const FieldPlan* OperatorService::plan(std::string_view request) const {
 void OperatorService::handle(Request& request) {
     const std::string& query = request.fields[0].text;
     if (query.size() > kMaxQueryLength) return request.responder->fail(EINVAL, "query name too long");
+    for (const auto& service : registry_.services())
+        if (service->answerLater(query, request.peer, request.responder)) return;
     std::string json = answer(query, &request.peer);
     if (json.empty()) return request.responder->fail(EINVAL, "unknown query '" + query + "'");
     request.responder->reply(stringReply(json));
