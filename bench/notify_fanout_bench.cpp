@@ -97,7 +97,8 @@ struct LatencyResult {
 LatencyResult pacedLatency(int subscribers, int rate, double seconds) {
     const std::string event = "bench.lat." + std::to_string(::getpid());
     std::vector<int> handles;
-    for (int i = 0; i < subscribers; ++i) handles.push_back(OrvoNNRegisterForNotification(event.c_str(), onTimed, nullptr));
+    for (int i = 0; i < subscribers; ++i)
+        handles.push_back(OrvoNNRegisterForNotification(event.c_str(), onTimed, nullptr));
     {
         std::lock_guard<std::mutex> lock(g_mutex);
         g_latencyNs.clear();
@@ -358,7 +359,8 @@ int main(int argc, char** argv) {
                 std::string(18, '-').c_str());
     const LatencyResult raw = rawLatency(10000, seconds);
     const LatencyResult lat = pacedLatency(10, 10000, seconds);
-    row("10k pub/s, 10 subscribers: publications/s kept up", fmt("%.0f", lat.achievedRate), fmt("%.0f", raw.achievedRate));
+    row("10k pub/s, 10 subscribers: publications/s kept up", fmt("%.0f", lat.achievedRate),
+        fmt("%.0f", raw.achievedRate));
     row("10k pub/s, 10 subscribers: callbacks delivered / expected",
         std::to_string(lat.delivered) + "/" + std::to_string(lat.expected),
         std::to_string(raw.delivered) + "/" + std::to_string(raw.expected));

@@ -39,7 +39,9 @@ long rssKiB(pid_t pid) {
     return -1;
 }
 
-void row(const std::string& what, const std::string& value) { std::printf("| %-62s | %14s |\n", what.c_str(), value.c_str()); }
+void row(const std::string& what, const std::string& value) {
+    std::printf("| %-62s | %14s |\n", what.c_str(), value.c_str());
+}
 
 std::string fmt(const char* format, double v) {
     char buf[64];
@@ -53,8 +55,8 @@ long jsonNumber(const std::string& json, const std::string& key) {
     return at == std::string::npos ? -1 : std::atol(json.c_str() + at + key.size() + 3);
 }
 
-const std::vector<std::string> kManyClients = {"--max-connections", "19000", "--max-connections-per-user", "19000",
-                                               "--max-subscriptions-per-user", "20000"};
+const std::vector<std::string> kManyClients = {
+    "--max-connections", "19000", "--max-connections-per-user", "19000", "--max-subscriptions-per-user", "20000"};
 
 void onNothing(const char*, OrvoNNNotification*) {}
 
@@ -125,7 +127,9 @@ bool readLongReply(kstest::WireClient& c, std::int64_t& value) {
     return true;
 }
 
-long waiters(kstest::KsdProcess& ksd) { return jsonNumber(kstest::operatorQuery(ksd.connType(), "status"), "lock_waiters"); }
+long waiters(kstest::KsdProcess& ksd) {
+    return jsonNumber(kstest::operatorQuery(ksd.connType(), "status"), "lock_waiters");
+}
 
 // Time per hand-over: unlock the holder's handle, the next waiter's grant arrives.
 void lockHandOver(int waiterCount) {
@@ -143,7 +147,8 @@ void lockHandOver(int waiterCount) {
         if (!c->connect(ksd.connType()) || !c->send(lock)) return row("waiter could not queue", std::to_string(i));
         queue.push_back(std::move(c));
     }
-    for (int i = 0; i < 3000 && waiters(ksd) < waiterCount; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 3000 && waiters(ksd) < waiterCount; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     const auto start = Clock::now();
     int granted = 0;
     for (auto& c : queue) {
@@ -163,7 +168,8 @@ void lockHandOver(int waiterCount) {
     for (auto& c : queue) c->close();
     for (auto& c : queue)
         if (!c->connect(ksd.connType()) || !c->send(lock)) return;
-    for (int i = 0; i < 3000 && waiters(ksd) < waiterCount; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 3000 && waiters(ksd) < waiterCount; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     const auto leave = Clock::now();
     queue.clear();
     while (waiters(ksd) > 0 && secondsSince(leave) < 60) std::this_thread::sleep_for(std::chrono::microseconds(200));
@@ -195,7 +201,8 @@ void storedJobs(int jobs) {
         const std::string page = kstest::operatorQuery(ksd.connType(), what);
         const auto last = page.rfind("{\"id\":");
         if (last == std::string::npos) break;
-        for (std::size_t at = page.find("{\"id\":"); at != std::string::npos; at = page.find("{\"id\":", at + 1)) ++listed;
+        for (std::size_t at = page.find("{\"id\":"); at != std::string::npos; at = page.find("{\"id\":", at + 1))
+            ++listed;
         what = "jobs>" + std::to_string(std::atol(page.c_str() + last + 6));
     }
     row("all " + std::to_string(listed) + " jobs listed by pages (s)", fmt("%.2f", secondsSince(list)));
