@@ -10,10 +10,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,21 +35,42 @@ namespace {
 
 constexpr std::size_t kReadChunk = 64 * 1024;
 
-// One accepted push connection and its not yet dispatched bytes.
+// One accepted push connection and its not yet dispatched bytes,
+// buffer[begin, end). Frames are read in bulk straight into the buffer and
+// handed to their callback where they lie.
 struct PushConnection {
-    int fd;
-    std::string buffer;
-    std::size_t pos = 0;
+    int fd = -1;
+    std::unique_ptr<char[]> buffer;
+    std::size_t capacity = 0;
+    std::size_t begin = 0;
+    std::size_t end = 0;
+
+    // Room for at least nMore bytes after end: the undispatched bytes move
+    // to the front, and the buffer grows only for a frame larger than it.
+    void reserve(std::size_t nMore) {
+        if (capacity - end >= nMore) return;
+        const std::size_t nKept = end - begin;
+        if (nKept + nMore <= capacity && buffer) {
+            std::memmove(buffer.get(), buffer.get() + begin, nKept);
+        } else {
+            const std::size_t nNew = std::max(capacity * 2, nKept + nMore);
+            std::unique_ptr<char[]> grown(new char[nNew]);
+            if (nKept != 0) std::memcpy(grown.get(), buffer.get() + begin, nKept);
+            buffer = std::move(grown);
+            capacity = nNew;
+        }
+        begin = 0;
+        end = nKept;
+    }
 };
 
 enum class FrameStatus { complete, incomplete, malformed };
 
-// Looks for one whole frame at buffer[pos..]. On `complete`, nId, the
-// payload's offset and size are set; on `malformed`, sWhy says what was wrong.
-FrameStatus parseFrame(const std::string& buffer, std::size_t pos, int& nId, std::size_t& nPayloadAt,
+// Looks for one whole frame in p[0, nAvail). Once the header is whole, the
+// payload's offset and size are set (and nId on `complete`); on `malformed`,
+// sWhy says what was wrong.
+FrameStatus parseFrame(const char* p, std::size_t nAvail, int& nId, std::size_t& nPayloadAt,
                        std::size_t& nPayloadSize, std::string& sWhy) {
-    const char* p = buffer.data() + pos;
-    const std::size_t nAvail = buffer.size() - pos;
     std::int32_t fields[2];
     std::size_t nAt = 0;
     for (int i = 0; i < 2; ++i) {
@@ -71,9 +94,9 @@ FrameStatus parseFrame(const std::string& buffer, std::size_t pos, int& nId, std
     }
     static_assert(Protocol::kPushFrameHeaderSize == 2 * (1 + sizeof(std::int32_t)), "a header is two tagged ints");
     nPayloadSize = static_cast<std::size_t>(fields[1]);
+    nPayloadAt = nAt;
     if (nAvail - nAt < nPayloadSize) return FrameStatus::incomplete;
     nId = fields[0];
-    nPayloadAt = pos + nAt;
     return FrameStatus::complete;
 }
 
@@ -192,42 +215,46 @@ void OrvoLibraryCallbackSink::run() {
         for (std::size_t i = connections.size(); i-- > 0;) {
             if (!fds[i + 2].revents) continue;
             PushConnection& c = connections[i];
+            c.reserve(kReadChunk);
             ssize_t n;
-            do n = ::recv(c.fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
+            do n = ::recv(c.fd, c.buffer.get() + c.end, c.capacity - c.end, MSG_DONTWAIT);
             while (n < 0 && errno == EINTR);
             if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
             if (n <= 0) {
-                if (c.pos < c.buffer.size())
+                if (c.begin < c.end)
                     ORVO_LOG(4, "OrvoLibraryCallbackSink::run: push connection ended inside a frame");
                 ORVO_LOG(9, "OrvoLibraryCallbackSink::run: push connection closed");
                 closeConnection(i);
                 continue;
             }
-            c.buffer.append(chunk.data(), static_cast<std::size_t>(n));
+            c.end += static_cast<std::size_t>(n);
 
             bool bMalformed = false;
             for (;;) {
                 int nId = 0;
                 std::size_t nAt = 0, nSize = 0;
                 std::string sWhy;
-                const FrameStatus status = parseFrame(c.buffer, c.pos, nId, nAt, nSize, sWhy);
-                if (status == FrameStatus::incomplete) break;
+                const char* p = c.buffer.get() + c.begin;
+                const FrameStatus status = parseFrame(p, c.end - c.begin, nId, nAt, nSize, sWhy);
+                if (status == FrameStatus::incomplete) {
+                    // A frame larger than the buffer gets room for all of it.
+                    if (nSize > 0) c.reserve(nAt + nSize - (c.end - c.begin));
+                    break;
+                }
                 if (status == FrameStatus::malformed) {
                     ORVO_LOG(4, "OrvoLibraryCallbackSink::run: malformed frame, closing the push connection: " << sWhy);
                     bMalformed = true;
                     break;
                 }
-                dispatch(c.buffer.data() + nAt, nSize, nId);
-                c.pos = nAt + nSize;
+                dispatch(p + nAt, nSize, nId);
+                c.begin += nAt + nSize;
                 if (m_bStopping.load()) break;
             }
             if (bMalformed) {
                 closeConnection(i);
                 continue;
             }
-            // Drop what was dispatched.
-            c.buffer.erase(0, c.pos);
-            c.pos = 0;
+            if (c.begin == c.end) c.begin = c.end = 0;
         }
 
         if (fds[1].revents & POLLIN) {
@@ -238,7 +265,7 @@ void OrvoLibraryCallbackSink::run() {
                     ::close(fd);
                     continue;
                 }
-                connections.push_back({fd, {}, 0});
+                connections.emplace_back().fd = fd;
                 ORVO_LOG(9, "OrvoLibraryCallbackSink::run: accepted a push connection");
             }
         }
@@ -266,7 +293,8 @@ void OrvoLibraryCallbackSink::dispatch(const char* pPayload, std::size_t nSize, 
         ORVO_LOG(9, "OrvoLibraryCallbackSink::dispatch: no callback with id " << nId << ", frame dropped");
         return;
     }
-    OrvoSmartPointer<OrvoConnection> spConnection(new OrvoPayloadConnection(OrvoString(pPayload, nSize)));
+    // The callback reads the frame where it lies in the connection's buffer.
+    OrvoSmartPointer<OrvoConnection> spConnection(new OrvoPayloadConnection(pPayload, nSize));
     try {
         spCallback->callback(spConnection);
     } catch (const OrvoException& e) {

@@ -8,7 +8,11 @@
 
 namespace OrvoNet {
 
-OrvoPayloadConnection::OrvoPayloadConnection(OrvoString sPayload) : m_sPayload(std::move(sPayload)), m_nPos(0) {}
+OrvoPayloadConnection::OrvoPayloadConnection(OrvoString sPayload)
+    : m_sPayload(std::move(sPayload)), m_pData(m_sPayload.data()), m_nSize(m_sPayload.size()), m_nPos(0) {}
+
+OrvoPayloadConnection::OrvoPayloadConnection(const char* pPayload, std::size_t nSize)
+    : m_pData(pPayload), m_nSize(nSize), m_nPos(0) {}
 
 OrvoPayloadConnection::~OrvoPayloadConnection() = default;
 
@@ -23,7 +27,7 @@ long OrvoPayloadConnection::receive(char* bufPtr, long toRead, long* error, bool
     if (error) *error = 0;
     if (toRead <= 0) return 0;
     const std::size_t nTake = std::min(remaining(), static_cast<std::size_t>(toRead));
-    std::memcpy(bufPtr, m_sPayload.data() + m_nPos, nTake);
+    std::memcpy(bufPtr, m_pData + m_nPos, nTake);
     m_nPos += nTake;
     // Asking past the payload is the end of this stream.
     if (nTake < static_cast<std::size_t>(toRead) && error) *error = ECONNRESET;
@@ -33,7 +37,7 @@ long OrvoPayloadConnection::receive(char* bufPtr, long toRead, long* error, bool
 int OrvoPayloadConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
     nErrorCode = 0;
     const std::size_t nCopy = std::min(remaining(), static_cast<std::size_t>(std::max(nSize, 0)));
-    std::memcpy(pBuffer, m_sPayload.data() + m_nPos, nCopy);
+    std::memcpy(pBuffer, m_pData + m_nPos, nCopy);
     nSize = static_cast<int>(nCopy);
     return 0;
 }

@@ -6,10 +6,12 @@
 namespace OrvoNet {
 
 // A connection over bytes in memory: reads come from the payload given at
-// construction (end of stream after it), writes collect in written().
+// construction (end of stream after it), writes collect in written(). Given
+// a pointer and a size, it reads them where they are: they must outlive it.
 class ORVO_NET_API OrvoPayloadConnection : public OrvoConnection {
 public:
     explicit OrvoPayloadConnection(OrvoString sPayload);
+    OrvoPayloadConnection(const char* pPayload, std::size_t nSize);
     ~OrvoPayloadConnection() override;
 
     using OrvoConnection::transfer;  // keep the typed overloads visible
@@ -18,10 +20,12 @@ public:
     int peekBytes(void* pBuffer, int& nSize, int& nErrorCode) override;
 
     const OrvoString& written() const { return m_sWritten; }
-    std::size_t remaining() const { return m_sPayload.size() - m_nPos; }
+    std::size_t remaining() const { return m_nSize - m_nPos; }
 
 private:
-    OrvoString m_sPayload;
+    OrvoString m_sPayload;  // empty when the bytes are not ours
+    const char* m_pData;
+    std::size_t m_nSize;
     std::size_t m_nPos;
     OrvoString m_sWritten;
 };

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "OrvoException.h"
 #include "OrvoLibraryCallbackSink.h"
@@ -105,6 +106,33 @@ TEST_P(SinkTest, EachFrameReachesTheCallbackOfItsIdOnEveryConnection) {
     EXPECT_EQ(m_seen.first(3).back(), std::to_string(b) + ":other/4");
     for (char c : slow.substr(7)) ASSERT_TRUE(first.send(std::string(1, c)));
     EXPECT_EQ(m_seen.first(4).back(), std::to_string(a) + ":" + std::string(1000, 'x') + "/3");
+}
+
+// Frames are read in bulk and dispatched where they lie: a burst longer than
+// one read, frames larger than the read buffer, and frames whose header and
+// payload straddle reads all arrive whole and in order.
+TEST_P(SinkTest, BurstsAndLargeFramesArriveWholeAndInOrder) {
+    const int a = add();
+    WireClient push;
+    ASSERT_TRUE(push.connect(m_sink->getCallbackAddress()));
+    std::string burst;
+    std::vector<std::string> expected;
+    for (int i = 0; i < 3000; ++i) {
+        // Mostly small, some larger than the 64 KiB read buffer, in between
+        // sizes that leave a partial frame at the end of many reads.
+        const std::size_t n = i % 500 == 7 ? 200 * 1024 + static_cast<std::size_t>(i) : 10 + static_cast<std::size_t>(i % 97);
+        const std::string text(n, static_cast<char>('a' + i % 26));
+        burst += kstest::encodeFrame(a, payload(text, i));
+        expected.push_back(std::to_string(a) + ":" + text + "/" + std::to_string(i));
+    }
+    // Written in odd slices, so that a header too is cut across reads.
+    std::thread writer([&] {
+        for (std::size_t at = 0; at < burst.size(); at += 4093) ASSERT_TRUE(push.send(burst.substr(at, 4093)));
+    });
+    const auto seen = m_seen.first(expected.size());
+    writer.join();
+    ASSERT_EQ(seen.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) ASSERT_EQ(seen[i], expected[i]) << "frame " << i;
 }
 
 TEST_P(SinkTest, BadFramesAndFailingCallbacksLeaveTheListenerServing) {

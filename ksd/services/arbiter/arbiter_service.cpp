@@ -39,7 +39,7 @@ ArbiterService::~ArbiterService() {
     // Pending timers and close handlers check `alive_` and stay away from us.
     alive_.reset();
     for (auto& [name, resource] : resources_)
-        for (Waiter& w : resource.waiters)
+        for (auto& [id, w] : resource.waiters)
             if (w.timer) w.timer->cancel();
     for (auto& [pid, handles] : byProcess_) monitor_->unwatch(pid);
 }
@@ -91,7 +91,7 @@ void ArbiterService::lock(Request& request) {
             waiterTimedOut(name, id);
         });
     }
-    resource.waiters.push_back(std::move(waiter));
+    resource.waiters.emplace_hint(resource.waiters.end(), id, std::move(waiter));
     // A waiter that hangs up leaves the queue (nobody would take the handle).
     request.responder->onClose([this, alive, name, id] {
         if (alive.expired()) return;
@@ -167,8 +167,8 @@ void ArbiterService::grantNext(const std::string& name) {
     if (it == resources_.end()) return;
     Resource& resource = it->second;
     while (!resource.holder && !resource.waiters.empty()) {
-        Waiter next = std::move(resource.waiters.front());
-        resource.waiters.pop_front();
+        Waiter next = std::move(resource.waiters.begin()->second);
+        resource.waiters.erase(resource.waiters.begin());
         if (next.timer) next.timer->cancel();
         if (!next.responder->isOpen()) continue;
         grant(name, resource, next.peer, *next.responder);
@@ -180,14 +180,12 @@ std::optional<ArbiterService::Waiter> ArbiterService::takeWaiter(const std::stri
     auto it = resources_.find(name);
     if (it == resources_.end()) return std::nullopt;
     auto& queue = it->second.waiters;
-    for (auto w = queue.begin(); w != queue.end(); ++w) {
-        if (w->id != waiterId) continue;
-        Waiter taken = std::move(*w);
-        queue.erase(w);
-        if (taken.timer) taken.timer->cancel();
-        return taken;
-    }
-    return std::nullopt;
+    auto w = queue.find(waiterId);
+    if (w == queue.end()) return std::nullopt;
+    Waiter taken = std::move(w->second);
+    queue.erase(w);
+    if (taken.timer) taken.timer->cancel();
+    return taken;
 }
 
 void ArbiterService::waiterTimedOut(const std::string& name, std::uint64_t waiterId) {

@@ -16,7 +16,6 @@
 #include <asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -84,7 +83,9 @@ private:
     };
     struct Resource {
         std::optional<Holder> holder;
-        std::deque<Waiter> waiters;
+        // By waiter id, which grows with every request: first come first
+        // out, and one that leaves is found without walking the queue.
+        std::map<std::uint64_t, Waiter> waiters;
     };
 
     void lock(Request& request);
