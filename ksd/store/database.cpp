@@ -7,7 +7,8 @@
 
 namespace ksd::store {
 
-Database::Database(const std::filesystem::path& file, Durability durability, std::chrono::milliseconds busyTimeout)
+Database::Database(const std::filesystem::path& file, Durability durability, std::chrono::milliseconds busyTimeout,
+                   Locking locking)
     : file_(file) {
     // NOMUTEX: the loop's thread is the only user, SQLite need not lock for us.
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
@@ -21,6 +22,8 @@ Database::Database(const std::filesystem::path& file, Durability durability, std
     try {
         sqlite3_busy_timeout(db_, static_cast<int>(busyTimeout.count()));
         sqlite3_extended_result_codes(db_, 1);
+        // Before WAL is entered, so that no shared-memory index is ever made.
+        if (locking == Locking::Exclusive) exec("PRAGMA locking_mode=EXCLUSIVE");
         // Reading the journal mode also proves the file is a database.
         const std::string mode = pragma("journal_mode=WAL");
         if (mode != "wal") throw StoreError("database " + file_.string() + " refuses WAL mode (" + mode + ")", 0);
@@ -60,7 +63,6 @@ Statement& Database::cached(std::string_view sql) {
     }
     return *it->second;
 }
-
 
 std::string Database::pragma(std::string_view name) {
     Statement s(db_, "PRAGMA " + std::string(name));

@@ -25,12 +25,20 @@ namespace ksd::store {
 // the database stays consistent either way. Full: an fsync per commit.
 enum class Durability { Normal, Full };
 
+// Who else may use the file. Shared: every transaction takes and drops the
+// file's locks (several fcntl calls each). Exclusive (locking_mode=EXCLUSIVE):
+// the first transaction takes the lock and the connection keeps it until it
+// closes, and the WAL index lives in this process's memory; for a file one
+// process alone uses, a transaction then costs only its writes to the log.
+enum class Locking { Shared, Exclusive };
+
 class Database {
 public:
     // Two daemons wrongly sharing one state directory wait `busyTimeout` for
     // each other's short transactions instead of failing at once.
     explicit Database(const std::filesystem::path& file, Durability durability = Durability::Normal,
-                      std::chrono::milliseconds busyTimeout = std::chrono::milliseconds(2000));
+                      std::chrono::milliseconds busyTimeout = std::chrono::milliseconds(2000),
+                      Locking locking = Locking::Shared);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;

@@ -20,9 +20,14 @@ int latestSchemaVersion();
 // Upgrades `db`; returns the version it had before (0 for a new file).
 int migrate(Database& db);
 
-std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir,
+// One connection per file in this process, shared by every service that asks
+// for it (the first caller's settings hold): with exclusive locking, ksd keeps
+// the file's lock for its whole life, so a second connection could not write.
+// Like every connection, it is used on one thread only.
+std::shared_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir,
                                             Durability durability = Durability::Normal,
-                                            std::chrono::milliseconds busyTimeout = std::chrono::milliseconds(2000));
+                                            std::chrono::milliseconds busyTimeout = std::chrono::milliseconds(2000),
+                                            Locking locking = Locking::Exclusive);
 
 }  // namespace ksd::store
 

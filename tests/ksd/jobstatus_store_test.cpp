@@ -30,13 +30,14 @@ protected:
     Jobs() { reopen(); }
     void reopen() {
         book_.reset(), store_.reset(), db_.reset();
-        // A short busy wait: one test holds the write lock from another connection.
-        db_ = ksd::store::openStateDatabase(dir_.path(), ksd::store::Durability::Normal, std::chrono::milliseconds(20));
+        // A short busy wait and shared locking: one test holds the write lock from another connection.
+        db_ = ksd::store::openStateDatabase(dir_.path(), ksd::store::Durability::Normal, std::chrono::milliseconds(20),
+                                            ksd::store::Locking::Shared);
         store_ = std::make_unique<ksd::jobs::JobStore>(*db_);
         book_ = std::make_unique<ksd::jobs::JobBook>(*store_, ksd::jobs::JobLimits{});
     }
     kstest::ScopedTempDir dir_{"kstest-jobs"};
-    std::unique_ptr<Database> db_;
+    std::shared_ptr<Database> db_;
     std::unique_ptr<ksd::jobs::JobStore> store_;
     std::unique_ptr<ksd::jobs::JobBook> book_;
 };
@@ -54,6 +55,32 @@ TEST(StateDatabase, IsCreatedAtTheLatestSchemaInWalModeAndRefusesNewerOrForeignF
     kstest::ScopedTempDir foreign("kstest-db");
     std::ofstream(fs::path(foreign.path()) / ksd::store::kDatabaseFileName) << std::string(4096, 'x');
     EXPECT_THROW(ksd::store::openStateDatabase(foreign.path()), ksd::store::StoreError);
+}
+
+// ksd keeps the file's lock for its life: every service must write through
+// the one connection, nobody else may open the file meanwhile, and the lock
+// goes with the last user.
+TEST(StateDatabase, OneKeptLockAndOneConnectionSharedByEveryServiceUntilTheLastLetsGo) {
+    kstest::ScopedTempDir dir("kstest-db");
+    const fs::path file = fs::path(dir.path()) / ksd::store::kDatabaseFileName;
+    {
+        auto jobs = ksd::store::openStateDatabase(dir.path());
+        auto locks = ksd::store::openStateDatabase(dir.path());
+        ASSERT_EQ(jobs.get(), locks.get()) << "a second connection would wait for the kept lock forever";
+        for (auto* db : {jobs.get(), locks.get()}) {
+            ksd::store::Transaction t(*db);
+            db->exec("CREATE TABLE IF NOT EXISTS t(x); INSERT INTO t VALUES (1);");
+            t.commit();
+        }
+        EXPECT_FALSE(fs::exists(file.string() + "-shm")) << "the WAL index lives in memory, without file locks";
+        EXPECT_THROW(Database(file, ksd::store::Durability::Normal, std::chrono::milliseconds(20)),
+                     ksd::store::StoreError)
+            << "the lock is kept between transactions";
+    }
+    auto again = ksd::store::openStateDatabase(dir.path());
+    auto& count = again->cached("SELECT count(*) FROM t");
+    ASSERT_TRUE(count.step());
+    EXPECT_EQ(count.columnInt(0), 2) << "both writes stored; the file opens again once its users are gone";
 }
 
 TEST_F(Jobs, IdsAreFreshNamesUniqueAndNeitherIsLostOrReusedAcrossReopening) {

@@ -39,7 +39,7 @@ private:
     void answer(Request& request, const jobs::Outcome& outcome);
 
     EventPublisher& events_;
-    std::unique_ptr<store::Database> db_;
+    std::shared_ptr<store::Database> db_;
     std::unique_ptr<jobs::JobStore> store_;
     std::unique_ptr<jobs::JobBook> book_;
     FieldPlan stringPlan_, twoStringPlan_, idPlan_, twoLongPlan_, emptyPlan_, mapPlan_;
