@@ -83,16 +83,18 @@ bool peerCredentials(int fd, OrvoPeerCredentials& credentials) {
     sockaddr_storage local{};
     socklen_t nLocal = sizeof local;
     if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &nLocal) != 0) return false;
-    if (local.ss_family == AF_UNIX) {
-        ucred cred{};
-        socklen_t nLen = sizeof cred;
-        if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &nLen) != 0) return false;
-        credentials.m_nPid = cred.pid;
-        credentials.m_nUid = static_cast<long>(cred.uid);
-        return true;
-    }
+    if (local.ss_family == AF_UNIX) return unixPeerCredentials(fd, credentials);
     credentials.m_nPid = -1;
     return tcpPeerUid(fd, credentials.m_nUid);
+}
+
+bool unixPeerCredentials(int fd, OrvoPeerCredentials& credentials) {
+    ucred cred{};
+    socklen_t nLen = sizeof cred;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &nLen) != 0) return false;
+    credentials.m_nPid = cred.pid;
+    credentials.m_nUid = static_cast<long>(cred.uid);
+    return true;
 }
 
 long daemonUid() { return g_nDaemonUid.load(); }

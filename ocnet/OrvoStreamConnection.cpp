@@ -96,7 +96,7 @@ int OrvoStreamConnection::establishImpl(OrvoString& sExceptionMessage) {
     // The one who answers our requests is the daemon: pushes are accepted
     // only from its uid (or root).
     OrvoPeerCredentials peer;
-    if (peerCredentials(fd, peer)) noteDaemonUid(peer.m_nUid);
+    if (opensUnixSockets() ? unixPeerCredentials(fd, peer) : peerCredentials(fd, peer)) noteDaemonUid(peer.m_nUid);
     if (m_in.size() < kInputBufferSize) m_in.resize(kInputBufferSize);
     return 0;
 }

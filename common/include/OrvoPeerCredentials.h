@@ -16,6 +16,8 @@ struct OrvoPeerCredentials {
 // socket, asked of the kernel through NETLINK_SOCK_DIAG. False when it
 // cannot be learnt.
 ORVO_NET_API bool peerCredentials(int fd, OrvoPeerCredentials& credentials);
+// The same for a socket known to be a Unix one: no call to learn its family.
+ORVO_NET_API bool unixPeerCredentials(int fd, OrvoPeerCredentials& credentials);
 
 // The daemon's uid as seen on the library's own request connections (every
 // stream connection notes it when it opens); -1 until one was opened.

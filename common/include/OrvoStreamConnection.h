@@ -43,6 +43,8 @@ protected:
     // Opens a connected socket; returns the fd, or -1 with errno set and
     // sWhat describing the attempt.
     virtual int openSocket(OrvoString& sWhat) = 0;
+    // Whether openSocket gives Unix sockets (their peer is known without asking the family).
+    virtual bool opensUnixSockets() const { return false; }
 
 private:
     int sendBuffered(long* error);
@@ -75,6 +77,7 @@ public:
 
 protected:
     int openSocket(OrvoString& sWhat) override;
+    bool opensUnixSockets() const override { return true; }
 
 private:
     OrvoString m_sPipeName;

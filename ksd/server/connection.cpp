@@ -1,5 +1,7 @@
 #include "server/connection.h"
 
+#include <sys/socket.h>
+
 #include <asio/write.hpp>
 #include <cerrno>
 #include <exception>
@@ -34,34 +36,60 @@ Connection::Connection(GenericSocket socket, PeerInfo peer, ConnectionManager& m
       parser_(handler, limits.parser),
       timer_(socket_.get_executor()) {}
 
-void Connection::start() {
-    std::error_code ec;
-    socket_.non_blocking(true, ec);
-    waitReadable();
-}
+// The first receive is tried at once: a client's request often arrives with
+// its connection. Reads and writes made outside asio are non-blocking by their
+// flags, so the socket's own mode is left to asio.
+void Connection::start() { waitReadable(); }
 
 void Connection::stop() { close(); }
 
 void Connection::waitReadable() {
-    if (readWaiting_ || paused_ || mode_ == Mode::Closed) return;
-    const bool serving = mode_ == Mode::Serving || mode_ == Mode::Writing;
-    // While a request is served, read ahead only so far: a client that
-    // pipelines without reading its replies stops being read.
-    if (serving && in_.size() - inPos_ >= limits_.maxPipelinedBytes) return;
-    if (mode_ == Mode::Reading && !manager_.budget().mayRead(peer_.uid, isRoot(peer_), held_ > 0)) {
-        pauseForBudget();
+    if (readLooping_) {
+        readAgain_ = true;
         return;
     }
-    readWaiting_ = true;
-    socket_.async_wait(GenericSocket::wait_read, [self = shared_from_this()](const std::error_code& ec) {
-        self->readWaiting_ = false;
-        if (self->mode_ == Mode::Closed) return;
-        if (ec) {
-            self->close();
-            return;
+    readLooping_ = true;
+    do {
+        readAgain_ = false;
+        if (readWaiting_ || paused_ || mode_ == Mode::Closed) break;
+        const bool serving = mode_ == Mode::Serving || mode_ == Mode::Writing;
+        // While a request is served, read ahead only so far: a client that
+        // pipelines without reading its replies stops being read.
+        if (serving && in_.size() - inPos_ >= limits_.maxPipelinedBytes) break;
+        if (mode_ == Mode::Reading && !manager_.budget().mayRead(peer_.uid, isRoot(peer_), held_ > 0)) {
+            pauseForBudget();
+            break;
         }
-        self->onReadable();
-    });
+        if (mayHaveMore_) {
+            // A full read: the rest is likely there, taken in large pieces.
+            mayHaveMore_ = false;
+            const ssize_t n = ::recv(socket_.native_handle(), readBuffer_.data(), readBuffer_.size(), MSG_DONTWAIT);
+            if (n > 0) {
+                mayHaveMore_ = static_cast<std::size_t>(n) == readBuffer_.size();
+                onBytes(readBuffer_.data(), static_cast<std::size_t>(n));
+                continue;
+            }
+            if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+                close();
+                break;
+            }
+        }
+        // A receive rather than a readiness wait: it is tried at once when the
+        // socket may hold bytes, and otherwise waits without re-arming the poller.
+        readWaiting_ = true;
+        socket_.async_receive(asio::buffer(small_),
+                              [self = shared_from_this()](const std::error_code& ec, std::size_t n) {
+                                  self->readWaiting_ = false;
+                                  if (self->mode_ == Mode::Closed) return;
+                                  if (ec) {
+                                      self->close();
+                                      return;
+                                  }
+                                  self->mayHaveMore_ = n == self->small_.size();
+                                  self->onBytes(self->small_.data(), n);
+                              });
+    } while (readAgain_);
+    readLooping_ = false;
 }
 
 // Back-pressure instead of buffering: the request timer keeps running, so a
@@ -74,29 +102,19 @@ void Connection::pauseForBudget() {
     });
 }
 
-void Connection::onReadable() {
-    std::error_code ec;
-    const std::size_t n = socket_.read_some(asio::buffer(readBuffer_), ec);
-    if (ec == asio::error::would_block || ec == asio::error::try_again) {
-        waitReadable();
-        return;
-    }
-    if (ec || n == 0) {
-        close();
-        return;
-    }
+void Connection::onBytes(const char* data, std::size_t n) {
     switch (mode_) {
         case Mode::Reading:
             if (inPos_ < in_.size())
-                in_.append(readBuffer_.data(), n);
+                in_.append(data, n);
             else
-                consume(readBuffer_.data(), n, false);
+                consume(data, n, false);
             serveInput();
             return;
         case Mode::Serving:
         case Mode::Writing:
             // Keep watching (a client that leaves must be noticed) but bounded.
-            in_.append(readBuffer_.data(), n);
+            in_.append(data, n);
             waitReadable();
             return;
         case Mode::Failing:
@@ -164,7 +182,7 @@ void Connection::dispatch() {
         handler_.handle(request);
     } catch (const std::exception& e) {
         ORVO_LOG(4, "ksd: " << request.service.c_str() << " " << request.name.c_str() << " from " << peerText(peer_)
-                             << " failed: " << e.what());
+                            << " failed: " << e.what());
         responder->fail(EIO, "internal error");
     }
     inDispatch_ = false;
@@ -177,19 +195,18 @@ void Connection::sendReply(std::string encodedFields) {
     Codec::putShort(out_, OrvoNet::Protocol::kMagic);
     mode_ = Mode::Writing;
     // Nearly every reply fits the socket buffer: one send, no completion to wait for.
-    std::error_code ec;
-    const std::size_t n = socket_.write_some(asio::buffer(out_), ec);
-    if (!ec && n == out_.size()) {
+    const ssize_t sent = ::send(socket_.native_handle(), out_.data(), out_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0 && static_cast<std::size_t>(sent) == out_.size()) {
         replyWritten();
         return;
     }
-    if (ec && ec != asio::error::would_block && ec != asio::error::try_again) {
+    if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
         close();
         return;
     }
     // The client is slow to take its reply: it gets the request limit to do so.
     armTimer(limits_.requestTimeout, Deadline::Reply);
-    const std::size_t written = ec ? 0 : n;
+    const std::size_t written = sent > 0 ? static_cast<std::size_t>(sent) : 0;
     asio::async_write(socket_, asio::buffer(out_.data() + written, out_.size() - written),
                       [self = shared_from_this()](const std::error_code& writeEc, std::size_t) {
                           if (self->mode_ == Mode::Closed) return;

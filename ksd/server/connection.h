@@ -7,6 +7,7 @@
 // reply must be taken by the client in time. Memory per connection is bounded:
 // read-ahead while serving, one reply, and the user's budget for requests.
 
+#include <array>
 #include <asio/steady_timer.hpp>
 #include <cstdint>
 #include <memory>
@@ -14,10 +15,10 @@
 #include <string_view>
 #include <vector>
 
-#include "protocol/request_parser.h"
 #include "net/endpoints.h"
-#include "server/server_limits.h"
 #include "protocol/request_catalog.h"
+#include "protocol/request_parser.h"
+#include "server/server_limits.h"
 
 namespace ksd {
 
@@ -48,7 +49,7 @@ private:
 
     void waitReadable();
     void pauseForBudget();
-    void onReadable();
+    void onBytes(const char* data, std::size_t n);
     void serveInput();
     void consume(const char* data, std::size_t size, bool buffered);
     void dispatch();
@@ -71,8 +72,11 @@ private:
     std::uint64_t timerGeneration_ = 0;
     bool requestTimerArmed_ = false;
     bool readWaiting_ = false;
-    bool paused_ = false;      // waiting for the user's pending-bytes budget
-    bool inDispatch_ = false;  // a reply written at once lets dispatch() go on
+    bool readLooping_ = false;  // in waitReadable's loop: a nested call only asks for another turn
+    bool readAgain_ = false;
+    bool mayHaveMore_ = false;  // the last read filled its buffer
+    bool paused_ = false;       // waiting for the user's pending-bytes budget
+    bool inDispatch_ = false;   // a reply written at once lets dispatch() go on
     Mode mode_ = Mode::Reading;
     bool drainAfterError_ = false;
     std::size_t drained_ = 0;
@@ -83,6 +87,9 @@ private:
     // inPos_ on, so no request costs a copy of what follows it.
     std::string in_;
     std::size_t inPos_ = 0;
+    // Where the loop's reads land: a request's first bytes arrive here without
+    // a heap buffer per connection; bulk goes through the loop's shared buffer.
+    std::array<char, 1024> small_;
 };
 
 }  // namespace ksd

@@ -82,7 +82,6 @@ Statement& Database::cached(std::string_view sql) {
     return *it->second;
 }
 
-
 std::string Database::pragma(std::string_view name) {
     Statement s(db_, "PRAGMA " + std::string(name));
     return s.step() ? s.columnText(0) : std::string();

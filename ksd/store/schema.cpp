@@ -1,5 +1,7 @@
 #include "store/schema.h"
 
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -49,21 +51,28 @@ int migrate(Database& db) {
     for (int v = found; v < latest; ++v) db.exec(migrationSteps()[static_cast<std::size_t>(v)]);
     if (found != latest) db.setUserVersion(latest);
     transaction.commit();
-    if (found != latest) ORVO_LOG(4, "ksd: database " << db.file().string() << " upgraded from schema " << found
-                                                      << " to " << latest);
+    if (found != latest)
+        ORVO_LOG(4, "ksd: database " << db.file().string() << " upgraded from schema " << found << " to " << latest);
     return found;
 }
 
-std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir, Durability durability,
+std::shared_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir, Durability durability,
                                             std::chrono::milliseconds busyTimeout) {
+    static std::mutex mutex;
+    static std::map<std::filesystem::path, std::weak_ptr<Database>> open;
     const std::filesystem::path file = stateDir / kDatabaseFileName;
+    std::lock_guard<std::mutex> lock(mutex);
+    std::weak_ptr<Database>& slot = open[file.lexically_normal()];
+    if (auto db = slot.lock()) return db;
     try {
-        auto db = std::make_unique<Database>(file, durability, busyTimeout);
+        auto db = std::make_shared<Database>(file, durability, busyTimeout);
         migrate(*db);
+        slot = db;
         return db;
     } catch (const StoreError& e) {
         // SQLITE_NOTADB, also as an extended code: say it in the operator's words.
-        if ((e.sqliteCode() & 0xff) == 26) throw StoreError("state database " + file.string() + " is not a database", 26);
+        if ((e.sqliteCode() & 0xff) == 26)
+            throw StoreError("state database " + file.string() + " is not a database", 26);
         throw;
     }
 }

@@ -20,7 +20,13 @@ int latestSchemaVersion();
 // Upgrades `db`; returns the version it had before (0 for a new file).
 int migrate(Database& db);
 
-std::unique_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir,
+// One connection per file in this process, shared by every service that asks
+// for it (the first caller's settings hold). Its locking stays shared
+// (locking_mode=EXCLUSIVE would save SQLite's fcntl calls per transaction):
+// the job list is read on a worker thread through a read-only connection of
+// its own, which an exclusively locked file would shut out. Like every
+// connection, it is used on one thread only.
+std::shared_ptr<Database> openStateDatabase(const std::filesystem::path& stateDir,
                                             Durability durability = Durability::Normal,
                                             std::chrono::milliseconds busyTimeout = std::chrono::milliseconds(2000));
 

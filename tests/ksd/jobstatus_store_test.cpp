@@ -36,7 +36,7 @@ protected:
         book_ = std::make_unique<ksd::jobs::JobBook>(*store_, ksd::jobs::JobLimits{});
     }
     kstest::ScopedTempDir dir_{"kstest-jobs"};
-    std::unique_ptr<Database> db_;
+    std::shared_ptr<Database> db_;
     std::unique_ptr<ksd::jobs::JobStore> store_;
     std::unique_ptr<ksd::jobs::JobBook> book_;
 };
@@ -54,6 +54,31 @@ TEST(StateDatabase, IsCreatedAtTheLatestSchemaInWalModeAndRefusesNewerOrForeignF
     kstest::ScopedTempDir foreign("kstest-db");
     std::ofstream(fs::path(foreign.path()) / ksd::store::kDatabaseFileName) << std::string(4096, 'x');
     EXPECT_THROW(ksd::store::openStateDatabase(foreign.path()), ksd::store::StoreError);
+}
+
+// Every service writes through one connection, and a reader of its own (the
+// job list's worker) sees the last commit while that connection stays open.
+TEST(StateDatabase, OneConnectionSharedByEveryServiceAndAReaderBesideIt) {
+    kstest::ScopedTempDir dir("kstest-db");
+    const fs::path file = fs::path(dir.path()) / ksd::store::kDatabaseFileName;
+    const auto rows = [](Database& db) {
+        auto& count = db.cached("SELECT count(*) FROM t");
+        return count.step() ? count.columnInt(0) : -1;
+    };
+    {
+        auto jobs = ksd::store::openStateDatabase(dir.path());
+        auto locks = ksd::store::openStateDatabase(dir.path());
+        ASSERT_EQ(jobs.get(), locks.get());
+        for (auto* db : {jobs.get(), locks.get()}) {
+            ksd::store::Transaction t(*db);
+            db->exec("CREATE TABLE IF NOT EXISTS t(x); INSERT INTO t VALUES (1);");
+            t.commit();
+        }
+        Database reader(file, Database::ReadOnly{});
+        EXPECT_EQ(rows(reader), 2) << "the writer's lock must not shut the reader out";
+    }
+    auto again = ksd::store::openStateDatabase(dir.path());
+    EXPECT_EQ(rows(*again), 2) << "both writes stored; the file opens again once its users are gone";
 }
 
 TEST_F(Jobs, IdsAreFreshNamesUniqueAndNeitherIsLostOrReusedAcrossReopening) {

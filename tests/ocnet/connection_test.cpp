@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "OrvoException.h"
+#include "OrvoPeerCredentials.h"
 #include "OrvoStreamConnection.h"
 #include "fake_daemon.h"
 
@@ -214,6 +215,7 @@ TEST_P(Exchange, RequestsSurviveACutReplyAndADaemonRestart) {
         {.service = "JobStatus", .fields = {kstest::Field::Long()}, .replyFn = echo, .closeAfterReplyBytes = 4});
     daemon.expect({.service = "JobStatus", .fields = {kstest::Field::Long()}, .replyFn = echo, .persistent = true});
     ASSERT_TRUE(daemon.start());
+    OrvoNet::noteDaemonUid(-7);
     std::unique_ptr<OrvoNet::OrvoStreamConnection> conn;
     if (GetParam() == kstest::Transport::pipe)
         conn = std::make_unique<OrvoNet::OrvoPipeConnection>(daemon.pipeName());
@@ -232,6 +234,9 @@ TEST_P(Exchange, RequestsSurviveACutReplyAndADaemonRestart) {
     };
     EXPECT_EQ(codeOf([&] { request("JobStatus", 1); }), ECONNRESET);  // reply cut after 4 bytes
     EXPECT_EQ(request("JobStatus", 20), 20);
+    if (GetParam() == kstest::Transport::pipe) {
+        EXPECT_EQ(OrvoNet::daemonUid(), static_cast<long>(::getuid())) << "pushes are checked against who answers";
+    }
     EXPECT_EQ(request("JobStatus", 30), 30);
     EXPECT_EQ(conn->sendCalls(), 3);  // one send per request
     const std::string sHeader =

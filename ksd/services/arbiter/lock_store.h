@@ -38,7 +38,7 @@ public:
     void erase(std::int64_t handle);
 
 private:
-    std::unique_ptr<store::Database> db_;
+    std::shared_ptr<store::Database> db_;
     std::unique_ptr<store::HandleReserve> handles_;
 };
 

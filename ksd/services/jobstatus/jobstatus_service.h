@@ -46,7 +46,7 @@ private:
     void answer(Request& request, const jobs::Outcome& outcome);
 
     EventPublisher& events_;
-    std::unique_ptr<store::Database> db_;
+    std::shared_ptr<store::Database> db_;
     std::unique_ptr<jobs::JobStore> store_;
     std::unique_ptr<jobs::JobBook> book_;
     std::unique_ptr<jobs::JobLister> lister_;

@@ -34,7 +34,7 @@ public:
     void eraseAddress(const std::string& address);
 
 private:
-    std::unique_ptr<store::Database> db_;
+    std::shared_ptr<store::Database> db_;
 };
 
 }  // namespace ksd

@@ -68,7 +68,7 @@ private:
     EventPublisher& events_;
     Clock clock_;
     SchedulerLimits limits_;
-    std::unique_ptr<store::Database> db_;
+    std::shared_ptr<store::Database> db_;
     std::unique_ptr<sched::TaskStore> store_;
     std::map<std::int64_t, sched::Task> tasks_;  // handle order, cancelled ones included
     std::unordered_map<std::string, std::int64_t> byName_;
