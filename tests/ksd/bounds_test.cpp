@@ -106,8 +106,11 @@ TEST(Bounds, UnfinishedRequestsOfOneUserAreNotBufferedAndOthersAreStillServed) {
     const std::size_t during = residentBytes(ksd.pid());
     std::cout << "ksd resident: " << before / kMiB << " MiB before the flood, " << during / kMiB << " MiB during it ("
               << pushed / kMiB << " MiB pushed)\n";
-    EXPECT_LT(pushed, 16 * 60 * kMiB) << "the daemon stopped reading the flood";
-    EXPECT_LT(during, before + 128 * kMiB) << "held " << (during - before) / kMiB << " MiB for one user";
+    // The user's 64 MiB budget, a read of 64 KiB per connection, and what the
+    // kernel's socket buffers hold; unbounded, all 960 MiB would go in.
+    EXPECT_LT(pushed, 96 * kMiB) << "the daemon stopped reading the flood";
+    // Loose: an allocator may keep freed buffers (AddressSanitizer's quarantine does).
+    EXPECT_LT(during, before + 512 * kMiB) << "held " << (during - before) / kMiB << " MiB for one user";
 
     auto bystander = OtherUser::start(
         [&](OtherUser::Keep&) { return kstest::operatorQuery(address, "status").empty() ? "silent" : "served"; },

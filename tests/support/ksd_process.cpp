@@ -144,6 +144,13 @@ std::string KsdProcess::log() const {
     return s.str();
 }
 
+int KsdProcess::tcpPort() const {
+    const std::string text = log();
+    const std::string marker = "127.0.0.1:";
+    const auto at = text.rfind(marker);
+    return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + marker.size());
+}
+
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
                            const std::map<std::string, std::string>& env) {
     // A write to a child that already ended must fail, not kill the test.
