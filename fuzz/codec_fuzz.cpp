@@ -55,6 +55,52 @@ std::string encodeAgain(const Codec::Value& v) {
     return out;
 }
 
+// What the wire format says of the bytes at the front of [p, p + n): the
+// result, the error of a refusal and the size of a whole value.
+Codec::Result expectedResult(const char* p, std::size_t n, std::uint32_t maxString, int& error, std::size_t& size) {
+    if (n == 0) return Codec::Result::indeterminate;
+    std::size_t fixed = 0, lengthAt = 0;
+    switch (p[0]) {
+        case Codec::kTagShort:
+            fixed = 2;
+            break;
+        case Codec::kTagInt:
+            fixed = 4;
+            break;
+        case Codec::kTagLong:
+            fixed = 8;
+            break;
+        case Codec::kTagBool:
+            fixed = 1;
+            break;
+        case Codec::kTagString:
+            fixed = 4, lengthAt = 1;
+            break;
+        case Codec::kTagError:
+            fixed = 8, lengthAt = 5;
+            break;
+        default:
+            error = EPROTO;
+            return Codec::Result::bad;
+    }
+    if (n < 1 + fixed) return Codec::Result::indeterminate;
+    size = 1 + fixed;
+    if (lengthAt != 0) {
+        const std::int64_t len = static_cast<std::int32_t>(Codec::loadBE32(p + lengthAt));
+        if (len < 0 || len > static_cast<std::int64_t>(maxString)) {
+            error = EMSGSIZE;
+            return Codec::Result::bad;
+        }
+        size += static_cast<std::size_t>(len);
+        if (n < size) return Codec::Result::indeterminate;
+    }
+    if (p[0] == Codec::kTagBool && static_cast<unsigned char>(p[1]) > 1) {
+        error = EPROTO;
+        return Codec::Result::bad;
+    }
+    return Codec::Result::good;
+}
+
 // Reads the value the connection would read for this tag; false when it
 // throws, with the exception's code and message.
 bool receive(OrvoNet::OrvoConnection& c, char tag, Codec::Value& v, int& nCode, std::string& sMessage) {
@@ -103,6 +149,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         std::size_t consumed = 7;
         int error = 0;
         const Codec::Result r = Codec::decode(data + at, n - at, v, consumed, error, maxString);
+        int wantError = 0;
+        std::size_t wantSize = 0;
+        const Codec::Result want = expectedResult(data + at, n - at, maxString, wantError, wantSize);
+        check(r == want && (r != Codec::Result::bad || error == wantError) &&
+                  (r != Codec::Result::good || consumed == wantSize),
+              "decode differs from the wire format");
         const char tag = data[at];
         // The connection reads a value of the tag it expects; an error value
         // or an unknown tag stands in for any, so a short is asked then.

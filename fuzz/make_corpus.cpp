@@ -114,6 +114,14 @@ void requestSeeds() {
     }
     write("request_parser", "stream_chunks_1_3_7", parserInput(0, {1, 3, 7}, all));
     write("request_parser", "stream_small_limits", parserInput(1, {5, 64}, all));
+    // At the small limits exactly: a 48-byte string and a 64-byte raw run.
+    r = request("Notifier", "TRVX_NN_NOTIFY");
+    Codec::putString(r, "udp:127.0.0.1:0");
+    Codec::putString(r, std::string(48, 'e'));
+    Codec::putString(r, "");
+    Codec::putLong(r, 64);
+    r += std::string(64, 'p');
+    write("request_parser", "at_small_limits", parserInput(1, {16, 64}, r));
     write("request_parser", "bad_magic", parserInput(0, {2}, request("Arbiter", "TRVX_RA_UNLOCK", 7)));
     write("request_parser", "unknown_service", parserInput(0, {3}, request("Nobody", "TRVX_RA_UNLOCK")));
     r = request("Arbiter", "TRVX_RA_LOCK");
@@ -136,6 +144,9 @@ void codecSeeds() {
     std::string longString(1, '\1');
     Codec::putString(longString, std::string(100, 'x'));
     write("codec", "over_small_limit", longString);
+    std::string atLimit(1, '\1');
+    Codec::putString(atLimit, std::string(64, 'x'));
+    write("codec", "at_small_limit", atLimit);
 }
 
 std::string frame(std::int32_t id, const std::string& payload) {

@@ -95,12 +95,23 @@ void dump(const char* title, const std::vector<Outcome>& outcomes) {
                      o.service.c_str(), o.request.c_str(), o.fields.size(), o.errorCode, o.errorMessage.c_str());
 }
 
-Outcome record(RequestParser& p, Result r, std::size_t end) {
+// An accepted request stays within the limits, whatever its plan asked for.
+void checkLimits(const ksd::ParserLimits& limits, const Outcome& o) {
+    check(o.service.size() <= limits.maxNameLength && o.request.size() <= limits.maxNameLength,
+          "a name over the limit was accepted");
+    for (const ksd::Value& v : o.fields) {
+        if (v.tag == OrvoNet::Codec::kTagString) check(v.text.size() <= limits.maxString, "a string over the limit");
+        if (v.tag == 0) check(v.text.size() <= limits.maxRaw, "a raw run over the limit");
+    }
+}
+
+Outcome record(const ksd::ParserLimits& limits, RequestParser& p, Result r, std::size_t end) {
     Outcome o{r, end, {}, {}, {}, p.errorCode(), p.errorMessage()};
     if (r == Result::good) {
         o.service = p.service();
         o.request = p.request();
         o.fields = p.fields();
+        checkLimits(limits, o);
     } else if (r == Result::bad) {
         check(p.errorCode() != 0, "a refused request has no error code");
     }
@@ -129,7 +140,7 @@ std::vector<Outcome> parseWhole(const ksd::ParserLimits& limits, const char* dat
             out.push_back({r, at, {}, {}, {}, 0, {}});
             break;
         }
-        out.push_back(record(p, r, at));
+        out.push_back(record(limits, p, r, at));
         checkSettled(p, r, data + at, size - at);
         if (r == Result::bad) break;  // the daemon drops the connection here
     }
@@ -138,8 +149,8 @@ std::vector<Outcome> parseWhole(const ksd::ParserLimits& limits, const char* dat
 
 // The same stream in the given chunk sizes (cycled), with one parser reset
 // between requests, as a connection does.
-std::vector<Outcome> parseSplit(RequestParser& p, const std::vector<std::size_t>& chunks, const char* data,
-                                std::size_t size) {
+std::vector<Outcome> parseSplit(const ksd::ParserLimits& limits, RequestParser& p,
+                                const std::vector<std::size_t>& chunks, const char* data, std::size_t size) {
     std::vector<Outcome> out;
     std::size_t at = 0, next = 0;
     std::size_t chunkEnd = std::min(size, chunks[0]);
@@ -160,7 +171,7 @@ std::vector<Outcome> parseSplit(RequestParser& p, const std::vector<std::size_t>
             chunkEnd = std::min(size, at + chunks[next]);
             continue;
         }
-        out.push_back(record(p, r, at));
+        out.push_back(record(limits, p, r, at));
         p.reset();
         check(!p.started(), "reset left the parser started");
         if (r == Result::bad) break;
@@ -195,7 +206,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     }
     const std::vector<Outcome> whole = parseWhole(limits, data, n);
     RequestParser p(catalog().registry, limits);
-    const std::vector<Outcome> split = parseSplit(p, chunks, data, n);
+    const std::vector<Outcome> split = parseSplit(limits, p, chunks, data, n);
     if (whole != split) {
         dump("whole", whole);
         dump("chunked", split);
