@@ -15,13 +15,23 @@ typedef struct {
     int iProgress;
 } OrvoJSEJob;
 
-typedef enum {
+/* In C++ the underlying type is fixed, so that any event code the daemon
+   sends is a valid tOrvoJSEEvent (C enums take every int value anyway). */
+#ifdef __cplusplus
+#define ORVO_JSE_ENUM_BASE : int
+#else
+#define ORVO_JSE_ENUM_BASE
+#endif
+
+typedef enum ORVO_JSE_ENUM_BASE {
     TRVX_JSE_EXIT = -1,
     TRVX_JSE_COMPLETED = 0,
     TRVX_JSE_CANCELLED = 1,
     TRVX_JSE_CREATED = 2,
     TRVX_JSE_UPDATED = 3
 } tOrvoJSEEvent;
+
+#undef ORVO_JSE_ENUM_BASE
 
 /* Called on the library's callback thread with the event's text (valid
    during the call only) and the event. */

@@ -15,7 +15,7 @@ TEST(KsctlJson, ReadsDaemonAnswersExactly) {
     auto v = parseJson(R"( {"n": -1, "big": 9007199254740993, "f": 0.5e1, "ok": true, "none": null,
                            "jobs": [{"name": "b\u00e9\"x\\\ud83d\ude00", "apps": []}]} )");
     ASSERT_TRUE(v);
-    EXPECT_EQ(v->members[0].first, "n");  // document order is kept
+    EXPECT_EQ(v->members[0].name, "n");  // document order is kept
     EXPECT_EQ(v->find("n")->asInt(), -1);
     EXPECT_EQ(v->find("big")->asInt(), 9007199254740993LL);  // 2^53 + 1: lost by a double
     EXPECT_EQ(v->find("f")->asInt(), std::nullopt);

@@ -83,7 +83,7 @@ private:
             skipSpace();
             JsonValue member;
             if (!parseValue(member, depth + 1)) return false;
-            out.members.emplace_back(std::move(key), std::move(member));
+            out.members.push_back({std::move(key), std::move(member)});
             skipSpace();
             if (atEnd()) return false;
             if (peek() == ',') {

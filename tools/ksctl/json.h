@@ -13,6 +13,8 @@
 
 namespace ksctl {
 
+struct JsonMember;
+
 struct JsonValue {
     enum class Kind { Null, Bool, Number, String, Array, Object };
 
@@ -20,13 +22,21 @@ struct JsonValue {
     bool boolean = false;
     // String: the decoded text. Number: the literal as written, so integers stay exact.
     std::string text;
-    std::vector<JsonValue> items;                            // Array
-    std::vector<std::pair<std::string, JsonValue>> members;  // Object, in document order
+    std::vector<JsonValue> items;     // Array
+    std::vector<JsonMember> members;  // Object, in document order
 
     // The member named `key` of an object, or null (also for non-objects).
     const JsonValue* find(std::string_view key) const;
     // The number as a 64-bit integer when it is one (no fraction, no exponent, in range).
     std::optional<std::int64_t> asInt() const;
+};
+
+// Not a std::pair: the constraints of pair's default constructor ask whether
+// JsonValue is default-constructible while pair<..., JsonValue> is still
+// incomplete, which clang rejects.
+struct JsonMember {
+    std::string name;
+    JsonValue value;
 };
 
 std::optional<JsonValue> parseJson(std::string_view input);

@@ -144,7 +144,7 @@ std::string renderTable(const JsonValue& array) {
     };
     for (const auto& item : array.items) {
         if (item.kind == JsonValue::Kind::Object) {
-            for (const auto& member : item.members) addColumn(member.first);
+            for (const auto& member : item.members) addColumn(member.name);
         } else {
             addColumn("value");
         }

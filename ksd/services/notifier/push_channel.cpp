@@ -142,8 +142,8 @@ void PushChannel::writeQueued() {
         ++inFlight_;
         ++it;
     }
-    for (auto [id, owner] : refused)
-        report([id, owner](PushChannelOwner& o, PushChannel& c) { o.subscriberRefused(c, id, owner); });
+    for (const auto& entry : refused)
+        report([entry](PushChannelOwner& o, PushChannel& c) { o.subscriberRefused(c, entry.first, entry.second); });
     if (inFlight_ == 0) {
         report([](PushChannelOwner& o, PushChannel& c) { o.channelIdle(c); });
         return;

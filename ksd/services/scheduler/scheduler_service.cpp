@@ -68,8 +68,7 @@ FieldPlan blobPlan(std::uint32_t maxBlob) {
 
 SchedulerService::SchedulerService(asio::io_context& io, EventPublisher& events, const std::filesystem::path& stateDir,
                                    SchedulerLimits limits, Clock clock)
-    : io_(io),
-      events_(events),
+    : events_(events),
       clock_(clock ? std::move(clock) : [] { return std::time(nullptr); }),
       limits_(limits),
       db_(store::openStateDatabase(stateDir)),

@@ -64,7 +64,6 @@ private:
     void setState(sched::Task& task, sched::TaskState state);
     void save(const sched::Task& task);
 
-    asio::io_context& io_;
     EventPublisher& events_;
     Clock clock_;
     SchedulerLimits limits_;
