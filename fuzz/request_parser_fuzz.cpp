@@ -2,7 +2,8 @@
 // catalog (every service's field plans). The input is a header that chooses
 // the limits and the chunk sizes, then a stream of requests. The stream is
 // parsed once whole and once in those chunks, and both must agree request by
-// request: result, end offset, names, fields and error.
+// request: result, end offset, names, fields and error; an accepted request
+// must stay within the limits.
 #include <unistd.h>
 
 #include <asio/io_context.hpp>
