@@ -226,7 +226,7 @@ TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) 
 
 TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
     kstest::KsdProcess tcp;
-    ASSERT_TRUE(tcp.start({"--tcp-port", "0"}));
+    ASSERT_TRUE(tcp.start({"--tcp-port", "0", "--log-level", "error"}));  // the ready line names the port
     const std::string port = std::to_string(tcp.tcpPort());
     namespace Codec = OrvoNet::Codec;
     auto request = [&](const kstest::Wire& fields, const char* name) {

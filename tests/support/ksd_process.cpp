@@ -145,8 +145,13 @@ std::string KsdProcess::log() const {
 }
 
 int KsdProcess::tcpPort() const {
-    const std::string text = log();
+    // The pipe may accept a moment before the ready line is written.
     const std::string marker = "127.0.0.1:";
+    std::string text;
+    waitUntil([&] {
+        text = log();
+        return text.find(marker) != std::string::npos && text.find('\n', text.rfind(marker)) != std::string::npos;
+    });
     const auto at = text.rfind(marker);
     return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + marker.size());
 }

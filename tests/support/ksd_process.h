@@ -47,7 +47,8 @@ public:
     const std::string& stateDir() const { return stateDir_; }
     // Everything ksd wrote to stderr since its last start.
     std::string log() const;
-    // The loopback port of the last start with --tcp-port (0 picks one), from its ready line; -1 if none.
+    // The loopback port of the last start with --tcp-port (0 picks one), from its
+    // ready line (logged at --log-level error and above); -1 if none.
     int tcpPort() const;
 
 private:
