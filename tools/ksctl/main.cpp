@@ -158,7 +158,7 @@ int main(int argc, char** argv) {
 
     auto* status = app.add_subcommand("status", "Connections, subscriptions, queue drops, locks held and jobs");
     auto* locks = app.add_subcommand("locks", "List the locks held and their waiters");
-    auto* subscriptions = app.add_subcommand("subscriptions", "List every subscription: event, address, id, owner");
+    auto* subscriptions = app.add_subcommand("subscriptions", "List subscriptions (your own; root sees all): event, address, id, owner");
 
     try {
         app.parse(argc, argv);
