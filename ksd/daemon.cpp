@@ -1,7 +1,5 @@
 #include "daemon.h"
 
-#include <sys/resource.h>
-
 #include <asio/post.hpp>
 #include <string>
 #include <utility>
@@ -12,13 +10,6 @@
 #include "services/service_context.h"
 
 namespace ksd {
-
-namespace {
-unsigned long descriptorLimit() {
-    rlimit rl{};
-    return ::getrlimit(RLIMIT_NOFILE, &rl) == 0 ? static_cast<unsigned long>(rl.rlim_cur) : 0;
-}
-}  // namespace
 
 Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     if (options_.stateDir.empty()) options_.stateDir = defaultStateDir();
@@ -59,8 +50,10 @@ void Daemon::run() {
                     << (options_.tcpPort >= 0 ? " and 127.0.0.1:" + std::to_string(server_->tcpPort()) : std::string())
                     << "; at most " << static_cast<unsigned long>(limits.maxConnections) << " connections ("
                     << static_cast<unsigned long>(limits.maxConnectionsPerUser) << " per user, "
-                    << static_cast<unsigned long>(limits.rootReserve) << " kept for root) under a descriptor limit of "
-                    << static_cast<unsigned long>(descriptorLimit()));
+                    << static_cast<unsigned long>(limits.rootReserve) << " kept for root)"
+                    << (limits.descriptorLimit != 0
+                            ? " under a descriptor limit of " + std::to_string(limits.descriptorLimit)
+                            : std::string()));
     io_.run();
 }
 

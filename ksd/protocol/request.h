@@ -29,6 +29,10 @@ struct PeerInfo {
     std::uint64_t connectionId = 0;  // unique per accepted connection
 };
 
+// Root on a Unix socket: trusted, and bound by none of the per-user limits.
+// A TCP client is never root, whatever its uid field says.
+inline bool isRoot(const PeerInfo& peer) { return peer.isUnix && peer.uid == 0; }
+
 // "pid P uid U" for a Unix client, "a TCP client" otherwise: log lines about a
 // client say who it is.
 std::string peerText(const PeerInfo& peer);

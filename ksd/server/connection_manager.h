@@ -41,9 +41,6 @@ private:
     std::unordered_map<uid_t, std::size_t> perUser_;
 };
 
-// Root on a Unix socket: trusted, and bound by none of the per-user limits.
-inline bool isRoot(const PeerInfo& peer) { return peer.isUnix && peer.uid == 0; }
-
 }  // namespace ksd
 
 #endif

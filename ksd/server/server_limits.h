@@ -33,6 +33,8 @@ struct ServerLimits {
     // the client does not read within requestTimeout closes the connection.
     std::size_t maxPipelinedBytes = 64u * 1024u;
     ParserLimits parser;
+    // The descriptor limit the caps were fitted under (0: not fitted).
+    std::size_t descriptorLimit = 0;
 };
 
 // Descriptors the daemon keeps for itself: its database, listeners, the
@@ -42,6 +44,7 @@ inline constexpr std::size_t kDescriptorsKept = 256;
 // Lowers the connection caps so that they fit under the descriptor limit:
 // running out of descriptors would refuse root and stall pushes alike.
 inline void fitToDescriptors(ServerLimits& limits, std::size_t descriptorLimit) {
+    limits.descriptorLimit = descriptorLimit;
     const std::size_t room = descriptorLimit > 2 * kDescriptorsKept ? descriptorLimit - kDescriptorsKept
                                                                     : descriptorLimit / 2;
     if (limits.maxConnections > room) limits.maxConnections = room;

@@ -19,7 +19,7 @@ constexpr std::int64_t kTimedOut = -ETIMEDOUT;  // -110
 // Whether `caller` may free a lock taken by `holder`: the same user, or root.
 // A TCP client has no user: it may free only what a TCP client took.
 bool mayUnlock(const PeerInfo& caller, const PeerInfo& holder) {
-    if (caller.isUnix && caller.uid == 0) return true;
+    if (isRoot(caller)) return true;
     if (caller.isUnix != holder.isUnix) return false;
     return !caller.isUnix || caller.uid == holder.uid;
 }
@@ -63,10 +63,8 @@ void ArbiterService::lock(Request& request) {
     if (name.size() > limits_.maxNameLength)
         return responder.fail(EMSGSIZE, "resource name longer than " + std::to_string(limits_.maxNameLength) + " bytes");
     if (name.empty()) return responder.reply(longReply(-EINVAL));
-    // Root is trusted and bound by no per-user quota.
-    const bool root = request.peer.isUnix && request.peer.uid == 0;
     const auto held = heldByUser_.find(request.peer.uid);
-    if (!root && held != heldByUser_.end() && held->second >= limits_.maxLocksPerUser)
+    if (!isRoot(request.peer) && held != heldByUser_.end() && held->second >= limits_.maxLocksPerUser)
         return responder.fail(EDQUOT, "too many locks held by this user (limit " +
                                           std::to_string(limits_.maxLocksPerUser) + ")");
 

@@ -119,13 +119,13 @@ void NotifierService::handleRegister(Request& request) {
     }
     // Each user's keys are its own: nobody's registration can block or replace another's.
     SubscriptionKey key{address, callbackId, uid};
-    const bool isRoot = request.peer.isUnix && uid == 0;
-    if (!isRoot && table_.find(key) == nullptr && table_.countForOwner(uid) >= limits_.maxSubscriptionsPerUser) {
+    const bool root = isRoot(request.peer);
+    if (!root && table_.find(key) == nullptr && table_.countForOwner(uid) >= limits_.maxSubscriptionsPerUser) {
         request.responder->fail(EDQUOT, "too many subscriptions for this user (limit " +
                                             std::to_string(limits_.maxSubscriptionsPerUser) + ")");
         return;
     }
-    if (isRoot) return commitRegister(*request.responder, key, std::move(event));
+    if (root) return commitRegister(*request.responder, key, std::move(event));
     if (parsed.kind == CallbackAddress::Kind::Tcp) {
         // The daemon must not push, for this user, to a port another user listens on.
         // A TCP client has no identity to check: it may subscribe (it could reach that port itself).
@@ -330,7 +330,7 @@ std::string NotifierService::listSubscriptions(std::string_view what, const Peer
         after = std::stoull(std::string(cursor));
     }
     // Callback addresses and ids are what a forger needs: only their owner sees them.
-    const bool seesAll = asker == nullptr || (asker->isUnix && asker->uid == 0);
+    const bool seesAll = asker == nullptr || isRoot(*asker);
     std::string out = "[";
     table_.forEachAfter(after, [&](const SubscriptionKey& key, const Subscription& sub) {
         if (!seesAll && (!asker->isUnix || key.owner != asker->uid)) return true;

@@ -42,7 +42,7 @@ std::string listField(std::string s) {
 // Owner rules: root reads and cancels any task; a user only its own; a TCP
 // client (no identity) only what a TCP client scheduled.
 bool mayTouch(const PeerInfo& peer, const Task& task) {
-    if (peer.isUnix && peer.uid == 0) return true;
+    if (isRoot(peer)) return true;
     if (peer.isUnix != task.ownerIsUnix) return false;
     return !peer.isUnix || peer.uid == task.owner;
 }
