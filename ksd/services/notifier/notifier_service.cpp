@@ -16,6 +16,7 @@
 #include "net/tcp_listeners.h"
 #include "services/notifier/callback_address.h"
 #include "services/notifier/push_frame.h"
+#include "services/list_page.h"
 #include "store/write_or_log.h"
 
 namespace ksd {
@@ -29,8 +30,6 @@ constexpr std::string_view kUnregister = "TRVX_NN_UNREGISTER";
 constexpr std::string_view kNotify = "TRVX_NN_NOTIFY";
 constexpr std::string_view kDaemonSender = "ksd";
 
-// Event names only the daemon publishes (clients may subscribe to them). The
-// client library reserves these by their first 11 characters.
 // Unix connects complete at once: the answer (0, EAGAIN for a full backlog,
 // ECONNREFUSED, ENOENT) never waits for the listener.
 int probePipe(const GenericEndpoint& endpoint) {
@@ -41,6 +40,8 @@ int probePipe(const GenericEndpoint& endpoint) {
     return result;
 }
 
+// Event names only the daemon publishes (clients may subscribe to them). The
+// client library reserves these by their first 11 characters.
 bool isDaemonEventName(std::string_view event) {
     for (std::string_view prefix : {"OrvoRAEvent", "OrvoJSEvent", "OrvoTSEvent"})
         if (event.substr(0, prefix.size()) == prefix) return true;
@@ -120,11 +121,8 @@ void NotifierService::handleRegister(Request& request) {
     // Each user's keys are its own: nobody's registration can block or replace another's.
     SubscriptionKey key{address, callbackId, uid};
     const bool root = isRoot(request.peer);
-    if (!root && table_.find(key) == nullptr && table_.countForOwner(uid) >= limits_.maxSubscriptionsPerUser) {
-        request.responder->fail(EDQUOT, "too many subscriptions for this user (limit " +
-                                            std::to_string(limits_.maxSubscriptionsPerUser) + ")");
-        return;
-    }
+    if (!root && table_.find(key) == nullptr && table_.countForOwner(uid) >= limits_.maxSubscriptionsPerUser)
+        return refuseOverQuota(*request.responder);
     if (root) return commitRegister(*request.responder, key, std::move(event));
     if (parsed.kind == CallbackAddress::Kind::Tcp) {
         // The daemon must not push, for this user, to a port another user listens on.
@@ -154,15 +152,17 @@ void NotifierService::handleRegister(Request& request) {
 }
 
 void NotifierService::commitRegister(Responder& responder, const SubscriptionKey& key, std::string event) {
-    if (table_.add(key, event) == SubscriptionTable::AddResult::OverLimit) {
-        responder.fail(EDQUOT, "too many subscriptions for this user (limit " +
-                                   std::to_string(limits_.maxSubscriptionsPerUser) + ")");
-        return;
-    }
+    // Checked again: the quota may have filled while the address was being checked.
+    if (table_.add(key, event) == SubscriptionTable::AddResult::OverLimit) return refuseOverQuota(responder);
     persist([&] { store_->put(key, event); });
     ORVO_LOG(9, "ksd: notifier: subscribed " << key.address << " id " << key.callbackId << " of uid "
                                              << static_cast<long>(key.owner) << " to '" << event << "'");
     responder.reply(intReply(0));
+}
+
+void NotifierService::refuseOverQuota(Responder& responder) {
+    responder.fail(EDQUOT, "too many subscriptions for this user (limit " +
+                               std::to_string(limits_.maxSubscriptionsPerUser) + ")");
 }
 
 void NotifierService::refuseUnreachable(Responder& responder, const SubscriptionKey& key, const std::string& why) {
@@ -316,23 +316,13 @@ std::string NotifierService::queryFor(std::string_view what, const PeerInfo& ask
 }
 
 std::string NotifierService::listSubscriptions(std::string_view what, const PeerInfo* asker) const {
-    // "subscriptions" is the first page, "subscriptions>SEQ" the page after
-    // the one numbered SEQ: every answer fits its frame at any count.
-    constexpr std::string_view kSubscriptions = "subscriptions";
-    constexpr std::size_t kPageBytes = 1 << 20;
-    if (what.substr(0, kSubscriptions.size()) != kSubscriptions) return {};
-    std::uint64_t after = 0;
-    if (what.size() > kSubscriptions.size()) {
-        const std::string_view cursor = what.substr(kSubscriptions.size() + 1);
-        if (what[kSubscriptions.size()] != '>' || cursor.empty() || cursor.size() > 18 ||
-            cursor.find_first_not_of("0123456789") != std::string_view::npos)
-            return {};
-        after = std::stoull(std::string(cursor));
-    }
+    // Paged by registration number: "subscriptions>SEQ" is the page after SEQ.
+    const auto after = pageAfter(what, "subscriptions");
+    if (!after) return {};
     // Callback addresses and ids are what a forger needs: only their owner sees them.
     const bool seesAll = asker == nullptr || isRoot(*asker);
     std::string out = "[";
-    table_.forEachAfter(after, [&](const SubscriptionKey& key, const Subscription& sub) {
+    table_.forEachAfter(static_cast<std::uint64_t>(*after), [&](const SubscriptionKey& key, const Subscription& sub) {
         if (!seesAll && (!asker->isUnix || key.owner != asker->uid)) return true;
         if (out.size() > 1) out.push_back(',');
         out += "{\"seq\":" + std::to_string(sub.sequence) + ",\"event\":";
@@ -341,7 +331,7 @@ std::string NotifierService::listSubscriptions(std::string_view what, const Peer
         jsontext::appendString(out, key.address);
         out += ",\"id\":" + std::to_string(key.callbackId);
         out += ",\"uid\":" + std::to_string(static_cast<long>(static_cast<std::int32_t>(key.owner))) + "}";
-        return out.size() < kPageBytes;
+        return out.size() < kListPageBytes;
     });
     out.push_back(']');
     return out;

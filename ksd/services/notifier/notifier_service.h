@@ -55,6 +55,7 @@ private:
     void handleRegister(Request& request);
     // Adds a subscription whose address the registrant was found to reach.
     void commitRegister(Responder& responder, const SubscriptionKey& key, std::string event);
+    void refuseOverQuota(Responder& responder);
     void refuseUnreachable(Responder& responder, const SubscriptionKey& key, const std::string& why);
     void scheduleSweep();
     // Checks a batch of pipe addresses nobody pushes to, from `from` on.
