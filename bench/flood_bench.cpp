@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -28,13 +27,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using kstest::OtherUser;
 using kstest::WireClient;
-
-long rssMiB(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6)) / 1024;
-    return -1;
-}
 
 // "p50 p99" in microseconds of `calls` status queries, each on a new connection.
 std::string bystander(const std::string& address, int calls) {
@@ -153,14 +145,14 @@ int main() {
         return b->result();
     };
     std::printf("%-44s %10s %10s %10s\n", "bystander status query (connect per call)", "p50 us", "p99 us", "ksd RSS");
-    const long rss0 = rssMiB(ksd.pid());
+    const long rss0 = kstest::residentKiB(ksd.pid()) / 1024;
     std::string alone = measure();
     std::printf("%-44s %10s %10s %7ld MiB\n", "alone", alone.substr(0, alone.find(' ')).c_str(),
                 alone.substr(alone.find(' ') + 1).c_str(), rss0);
 
     auto flood = OtherUser::start([&](OtherUser::Keep&) { return connectionFlood(address, 4); });
     std::string during = measure();
-    const long rss1 = rssMiB(ksd.pid());
+    const long rss1 = kstest::residentKiB(ksd.pid()) / 1024;
     std::printf("%-44s %10s %10s %7ld MiB  (%s connections opened)\n", "during a 10,000-connection flood",
                 during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss1,
                 flood->result().c_str());
@@ -169,7 +161,7 @@ int main() {
     auto unfinished = OtherUser::start([&](OtherUser::Keep&) { return unfinishedFlood(address, 4); });
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     during = measure();
-    const long rss2 = rssMiB(ksd.pid());
+    const long rss2 = kstest::residentKiB(ksd.pid()) / 1024;
     std::printf("%-44s %10s %10s %7ld MiB  (%s taken by ksd)\n", "during 16 unfinished 60 MiB notifications",
                 during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss2,
                 unfinished->result().c_str());
@@ -178,7 +170,7 @@ int main() {
     auto greedy = OtherUser::start([&](OtherUser::Keep&) { return pipelineWithoutReading(address, 4); });
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     during = measure();
-    const long rss3 = rssMiB(ksd.pid());
+    const long rss3 = kstest::residentKiB(ksd.pid()) / 1024;
     std::printf("%-44s %10s %10s %7ld MiB  (%s taken by ksd)\n", "during a client that never reads its replies",
                 during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss3,
                 greedy->result().c_str());

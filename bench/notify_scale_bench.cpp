@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -31,13 +30,6 @@ namespace Codec = OrvoNet::Codec;
 using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
-
-long rssKiB(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-    return -1;
-}
 
 void row(const std::string& what, const std::string& value) {
     std::printf("| %-62s | %14s |\n", what.c_str(), value.c_str());
@@ -65,7 +57,7 @@ void idleConnections(int connections, int subscriptions) {
     if (!ksd.start(kManyClients)) return row("ksd did not start", "-");
     ::setenv("KSINTF_CONN_TYPE", ksd.connType().c_str(), 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const long base = rssKiB(ksd.pid());
+    const long base = kstest::residentKiB(ksd.pid());
     std::vector<std::unique_ptr<kstest::WireClient>> clients;
     for (int i = 0; i < connections; ++i) {
         auto c = std::make_unique<kstest::WireClient>();
@@ -75,7 +67,7 @@ void idleConnections(int connections, int subscriptions) {
     // Accepted once the daemon answers a request queued behind them.
     const std::string status = kstest::operatorQuery(ksd.connType(), "status");
     const long open = jsonNumber(status, "connections");
-    const long withConnections = rssKiB(ksd.pid());
+    const long withConnections = kstest::residentKiB(ksd.pid());
     // Spread over 100 events, each published once so that the push connection is live.
     int subscribed = 0;
     for (int i = 0; i < subscriptions; ++i) {
@@ -88,7 +80,7 @@ void idleConnections(int connections, int subscriptions) {
         OrvoNNNotify(event.c_str(), &n);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    const long withAll = rssKiB(ksd.pid());
+    const long withAll = kstest::residentKiB(ksd.pid());
     row("ksd RSS at start (MiB)", fmt("%.1f", base / 1024.0));
     row("idle client connections opened / counted by ksd",
         std::to_string(clients.size()) + " / " + std::to_string(open));
@@ -193,7 +185,7 @@ void storedJobs(int jobs) {
     row("stop and start again with them, until the pipe answers (ms)", fmt("%.0f", secondsSince(restart) * 1e3));
     const std::string first = kstest::operatorQuery(ksd.connType(), "status");
     row("  ... until its first answer (ms)", fmt("%.0f", secondsSince(restart) * 1e3));
-    row("ksd RSS with them (MiB)", fmt("%.1f", rssKiB(ksd.pid()) / 1024.0));
+    row("ksd RSS with them (MiB)", fmt("%.1f", kstest::residentKiB(ksd.pid()) / 1024.0));
     const auto list = Clock::now();
     long listed = 0;
     std::string what = "jobs";

@@ -32,13 +32,6 @@ kstest::KsdProcess& daemon() {
     return ksd;
 }
 
-long rssKiB(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-    return -1;
-}
-
 // User plus system CPU time of `pid`, in clock ticks.
 long cpuTicks(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
@@ -63,7 +56,7 @@ void BM_ScheduleDailyTask(benchmark::State& state) {
             break;
         }
     }
-    state.counters["ksd_rss_KiB"] = static_cast<double>(rssKiB(pid));
+    state.counters["ksd_rss_KiB"] = static_cast<double>(kstest::residentKiB(pid));
 }
 BENCHMARK(BM_ScheduleDailyTask)->Iterations(kTasks)->Unit(benchmark::kMicrosecond);
 

@@ -6,9 +6,9 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -28,18 +28,8 @@ using kstest::WireClient;
 
 constexpr std::size_t kMiB = 1024 * 1024;
 
-std::size_t residentBytes(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string key;
-    std::size_t kib = 0;
-    while (status >> key) {
-        if (key == "VmRSS:") {
-            status >> kib;
-            return kib * 1024;
-        }
-        status.ignore(4096, '\n');
-    }
-    return 0;
+std::size_t residentBytes(const KsdProcess& ksd) {
+    return static_cast<std::size_t>(std::max(0L, kstest::residentKiB(ksd.pid()))) * 1024;
 }
 
 kstest::Wire request(std::string_view service, std::string_view name) {
@@ -84,7 +74,7 @@ TEST(Bounds, UnfinishedRequestsOfOneUserAreNotBufferedAndOthersAreStillServed) {
     KsdProcess ksd;
     ASSERT_TRUE(ksd.start());
     const std::string address = "pipe:" + ksd.pipeName();
-    const std::size_t before = residentBytes(ksd.pid());
+    const std::size_t before = residentBytes(ksd);
     auto attacker = OtherUser::start([&](OtherUser::Keep& keep) {
         // 16 notifications announcing 60 MiB each, none ever finished.
         std::vector<std::shared_ptr<WireClient>> clients;
@@ -103,7 +93,7 @@ TEST(Bounds, UnfinishedRequestsOfOneUserAreNotBufferedAndOthersAreStillServed) {
     });
     if (!attacker) GTEST_SKIP() << "needs root to run a second user";
     const std::size_t pushed = std::stoul("0" + attacker->result());
-    const std::size_t during = residentBytes(ksd.pid());
+    const std::size_t during = residentBytes(ksd);
     std::cout << "ksd resident: " << before / kMiB << " MiB before the flood, " << during / kMiB << " MiB during it ("
               << pushed / kMiB << " MiB pushed)\n";
     // The user's 64 MiB budget, a read of 64 KiB per connection, and what the
@@ -125,7 +115,7 @@ TEST(Bounds, AClientThatPipelinesAndNeverReadsIsNotBufferedAndIsClosedAtTheReque
     KsdProcess ksd;
     ASSERT_TRUE(ksd.start({"--request-timeout", "1000", "--log-level", "warning"}));
     const std::string address = "pipe:" + ksd.pipeName();
-    const std::size_t before = residentBytes(ksd.pid());
+    const std::size_t before = residentBytes(ksd);
 
     std::string many;
     for (int i = 0; i < 20000; ++i) many += statusQuery();
@@ -134,7 +124,7 @@ TEST(Bounds, AClientThatPipelinesAndNeverReadsIsNotBufferedAndIsClosedAtTheReque
     std::vector<std::shared_ptr<WireClient>> one{greedy};
     const std::size_t pushed = pushUntilBlocked(one, many.substr(0, 1), std::string_view(many).substr(1));
     EXPECT_LT(pushed, many.size() - 1) << "the daemon stopped reading ahead";
-    EXPECT_LT(residentBytes(ksd.pid()), before + 16 * kMiB);
+    EXPECT_LT(residentBytes(ksd), before + 16 * kMiB);
     EXPECT_FALSE(kstest::operatorQuery(address, "status").empty()) << "others are served meanwhile";
 
     EXPECT_TRUE(kstest::waitUntil([&] { return ksd.log().find("reply not taken in time, closed") != std::string::npos; },

@@ -144,6 +144,13 @@ std::string KsdProcess::log() const {
     return s.str();
 }
 
+long residentKiB(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+    return -1;
+}
+
 int KsdProcess::tcpPort() const {
     // The pipe may accept a moment before the ready line is written.
     const std::string marker = "127.0.0.1:";

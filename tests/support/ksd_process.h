@@ -15,6 +15,9 @@ namespace kstest {
 // Directory of the build tree: $KS_TEST_BINARY_DIR, else the one this
 // support library was configured in.
 std::string testBinaryDir();
+// Resident memory of a process in KiB (VmRSS), -1 when it cannot be read.
+long residentKiB(pid_t pid);
+
 // Full paths of the programs tests run.
 std::string ksdProgram();            // <binary dir>/ksd/ksd
 std::string clientHelperProgram();   // <binary dir>/tests/support/ks_client_helper
