@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -144,36 +145,26 @@ int main() {
         auto b = OtherUser::start([&](OtherUser::Keep&) { return bystander(address, kCalls); }, kBystander);
         return b->result();
     };
+    // One row: the bystander's figures while `attacker` (none for the first
+    // row) runs as another user, then what the attacker says it did.
+    const auto row = [&](const char* label, std::function<std::string()> attacker, const char* unit) {
+        std::unique_ptr<OtherUser> other;
+        if (attacker) {
+            other = OtherUser::start([&](OtherUser::Keep&) { return attacker(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+        const std::string figures = measure();
+        const long rssMiB = kstest::residentKiB(ksd.pid()) / 1024;
+        std::printf("%-44s %10s %10s %7ld MiB", label, figures.substr(0, figures.find(' ')).c_str(),
+                    figures.substr(figures.find(' ') + 1).c_str(), rssMiB);
+        if (other) std::printf("  (%s %s)", other->result().c_str(), unit);
+        std::printf("\n");
+    };
     std::printf("%-44s %10s %10s %10s\n", "bystander status query (connect per call)", "p50 us", "p99 us", "ksd RSS");
-    const long rss0 = kstest::residentKiB(ksd.pid()) / 1024;
-    std::string alone = measure();
-    std::printf("%-44s %10s %10s %7ld MiB\n", "alone", alone.substr(0, alone.find(' ')).c_str(),
-                alone.substr(alone.find(' ') + 1).c_str(), rss0);
-
-    auto flood = OtherUser::start([&](OtherUser::Keep&) { return connectionFlood(address, 4); });
-    std::string during = measure();
-    const long rss1 = kstest::residentKiB(ksd.pid()) / 1024;
-    std::printf("%-44s %10s %10s %7ld MiB  (%s connections opened)\n", "during a 10,000-connection flood",
-                during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss1,
-                flood->result().c_str());
-    flood->finish();
-
-    auto unfinished = OtherUser::start([&](OtherUser::Keep&) { return unfinishedFlood(address, 4); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    during = measure();
-    const long rss2 = kstest::residentKiB(ksd.pid()) / 1024;
-    std::printf("%-44s %10s %10s %7ld MiB  (%s taken by ksd)\n", "during 16 unfinished 60 MiB notifications",
-                during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss2,
-                unfinished->result().c_str());
-    unfinished->finish();
-
-    auto greedy = OtherUser::start([&](OtherUser::Keep&) { return pipelineWithoutReading(address, 4); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    during = measure();
-    const long rss3 = kstest::residentKiB(ksd.pid()) / 1024;
-    std::printf("%-44s %10s %10s %7ld MiB  (%s taken by ksd)\n", "during a client that never reads its replies",
-                during.substr(0, during.find(' ')).c_str(), during.substr(during.find(' ') + 1).c_str(), rss3,
-                greedy->result().c_str());
-    greedy->finish();
+    row("alone", nullptr, "");
+    row("during a 10,000-connection flood", [&] { return connectionFlood(address, 4); }, "connections opened");
+    row("during 16 unfinished 60 MiB notifications", [&] { return unfinishedFlood(address, 4); }, "taken by ksd");
+    row("during a client that never reads its replies", [&] { return pipelineWithoutReading(address, 4); },
+        "taken by ksd");
     return 0;
 }
