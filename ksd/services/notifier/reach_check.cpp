@@ -1,12 +1,9 @@
 #include "services/notifier/reach_check.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
 #include <cerrno>
 #include <fstream>
@@ -37,20 +34,10 @@ UserIdentity identityOf(const PeerInfo& peer) {
     return who;
 }
 
-struct ReachCheck::Child {
-    Child(asio::io_context& io, int pidfd) : pidfd(io, pidfd) {}
-    asio::posix::stream_descriptor pidfd;
-    std::function<void(int)> done;
-};
+ReachCheck::ReachCheck(asio::io_context& io) : io_(io), children_(io) {}
 
-ReachCheck::ReachCheck(asio::io_context& io) : io_(io) {}
-
-ReachCheck::~ReachCheck() {
-    for (auto& [pid, child] : children_) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-    }
-}
+// A check nobody waits for any more need not finish.
+ReachCheck::~ReachCheck() { children_.killAll(); }
 
 void ReachCheck::run(const std::string& path, const UserIdentity& who, std::function<void(int)> done) {
     const bool switchUser = ::geteuid() != who.uid;
@@ -72,36 +59,9 @@ void ReachCheck::run(const std::string& path, const UserIdentity& who, std::func
         // Connecting needs search on every directory and write on the socket.
         ::_exit(::access(path.c_str(), W_OK) == 0 ? 0 : errno);
     }
-    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-    if (pidfd < 0) {
-        const int error = errno;
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        asio::post(io_, [done = std::move(done), error] { done(error); });
-        return;
-    }
-    auto child = std::make_unique<Child>(io_, pidfd);
-    child->done = std::move(done);
-    std::weak_ptr<char> alive = alive_;
-    child->pidfd.async_wait(asio::posix::stream_descriptor::wait_read, [this, alive, pid](const std::error_code& ec) {
-        if (ec || alive.expired()) return;
-        finished(pid);
-    });
-    children_.emplace(pid, std::move(child));
-}
-
-void ReachCheck::finished(pid_t pid) {
-    auto it = children_.find(pid);
-    if (it == children_.end()) return;
-    std::unique_ptr<Child> child = std::move(it->second);
-    children_.erase(it);
-    siginfo_t info{};
-    int result = EIO;
-    // The pidfd is readable: the child has ended, so this does not wait.
-    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG) == 0 && info.si_pid == pid &&
-        info.si_code == CLD_EXITED)
-        result = info.si_status;
-    child->done(result);
+    // The child's exit status is the answer: 0, or the errno of the check.
+    auto onExit = [done](const siginfo_t& info) { done(info.si_code == CLD_EXITED ? info.si_status : EIO); };
+    if (!children_.watch(pid, std::move(onExit))) asio::post(io_, [done = std::move(done), e = errno] { done(e); });
 }
 
 }  // namespace ksd

@@ -10,12 +10,11 @@
 
 #include <asio/io_context.hpp>
 #include <functional>
-#include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "protocol/request.h"
+#include "services/child_watch.h"
 
 namespace ksd {
 
@@ -41,12 +40,8 @@ public:
     void run(const std::string& path, const UserIdentity& who, std::function<void(int)> done);
 
 private:
-    struct Child;
-    void finished(pid_t pid);
-
     asio::io_context& io_;
-    std::map<pid_t, std::unique_ptr<Child>> children_;
-    std::shared_ptr<char> alive_ = std::make_shared<char>();
+    ChildWatch children_;
 };
 
 }  // namespace ksd

@@ -10,9 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <asio/posix/stream_descriptor.hpp>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 namespace ksd::sched {
 
@@ -83,17 +83,7 @@ std::string locate(const std::string& program, const std::string& path) {
 
 }  // namespace
 
-struct ProgramRunner::Child {
-    Child(asio::io_context& io, int pidfd, int reportFd) : pidfd(io, pidfd), reportFd(reportFd) {}
-    ~Child() {
-        if (reportFd >= 0) ::close(reportFd);
-    }
-    asio::posix::stream_descriptor pidfd;
-    int reportFd;
-    std::function<void(const RunResult&)> done;
-};
-
-ProgramRunner::ProgramRunner(asio::io_context& io) : io_(io) {}
+ProgramRunner::ProgramRunner(asio::io_context& io) : children_(io) {}
 
 ProgramRunner::~ProgramRunner() = default;
 
@@ -155,44 +145,29 @@ pid_t ProgramRunner::start(const RunSpec& spec, std::function<void(const RunResu
     }
     ::close(report[1]);
     ::fcntl(report[0], F_SETFL, O_NONBLOCK);
-    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-    if (pidfd < 0) {
-        // Cannot watch it: it must not become a zombie we never reap.
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        ::close(report[0]);
+    // The report pipe says how far the child got before exec; it is closed
+    // with the callback, whether or not the child ever ends while watched.
+    auto reportFd = std::shared_ptr<int>(new int(report[0]), [](int* fd) {
+        ::close(*fd);
+        delete fd;
+    });
+    auto onExit = [reportFd, done = std::move(done)](const siginfo_t& info) {
+        RunResult result;
+        if (info.si_pid != 0) result.exitCode = info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
+        int fields[2] = {0, 0};
+        if (::read(*reportFd, fields, sizeof fields) == static_cast<ssize_t>(sizeof fields)) {
+            result.stage = stageName(fields[0]);
+            result.error = fields[1];
+        } else {
+            result.started = true;
+        }
+        done(result);
+    };
+    if (!children_.watch(pid, std::move(onExit))) {
         failure = std::string("pidfd_open: ") + std::strerror(errno);
         return -1;
     }
-    auto child = std::make_unique<Child>(io_, pidfd, report[0]);
-    child->done = std::move(done);
-    std::weak_ptr<char> alive = alive_;
-    child->pidfd.async_wait(asio::posix::stream_descriptor::wait_read, [this, alive, pid](const std::error_code& ec) {
-        if (ec || alive.expired()) return;
-        finished(pid);
-    });
-    children_.emplace(pid, std::move(child));
     return pid;
-}
-
-void ProgramRunner::finished(pid_t pid) {
-    auto it = children_.find(pid);
-    if (it == children_.end()) return;
-    std::unique_ptr<Child> child = std::move(it->second);
-    children_.erase(it);
-    RunResult result;
-    siginfo_t info{};
-    // The pidfd is readable: the child has ended, so this does not wait.
-    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG) == 0 && info.si_pid == pid)
-        result.exitCode = info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
-    int report[2] = {0, 0};
-    if (::read(child->reportFd, report, sizeof report) == static_cast<ssize_t>(sizeof report)) {
-        result.stage = stageName(report[0]);
-        result.error = report[1];
-    } else {
-        result.started = true;
-    }
-    child->done(result);
 }
 
 }  // namespace ksd::sched

@@ -10,10 +10,10 @@
 
 #include <asio/io_context.hpp>
 #include <functional>
-#include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
+
+#include "services/child_watch.h"
 
 namespace ksd::sched {
 
@@ -43,12 +43,8 @@ public:
     std::size_t running() const { return children_.size(); }
 
 private:
-    struct Child;
-    void finished(pid_t pid);
-
-    asio::io_context& io_;
-    std::unordered_map<pid_t, std::unique_ptr<Child>> children_;
-    std::shared_ptr<char> alive_ = std::make_shared<char>();
+    // Programs go on when the daemon stops: they are not killed here.
+    ChildWatch children_;
 };
 
 }  // namespace ksd::sched
