@@ -10,6 +10,7 @@
 
 #include "OrvoTaskScheduler.h"
 #include "commands.h"
+#include "daemon_events.h"
 #include "failure.h"
 #include "json.h"
 #include "output.h"
@@ -171,7 +172,6 @@ int show(const GlobalOptions& options, const TaskArgs& args) {
     if (state < -1) return taskFailure(taskSubject(args.handle), state);
     // State -1 is also cExit; the exit code, never -1 for a real run, tells them apart.
     if (state == -1 && exitCode == -1) return taskFailure(taskSubject(args.handle), -1);
-    const char* const kStates[] = {"exit", "in-progress", "completed", "waiting"};
     char last[64] = "";
     int lastSize = sizeof last;
     OrvoTSExecutionInformation(args.handle, last, &lastSize);
@@ -181,7 +181,7 @@ int show(const GlobalOptions& options, const TaskArgs& args) {
     const char* const kFrequencies[] = {"daily", "weekly", "monthly", "once", "boot"};
     const std::string freq = frequency >= 0 && frequency <= 4 ? kFrequencies[frequency] : "unknown";
     std::string json = "{\"handle\":" + std::to_string(args.handle) +
-                       ",\"state\":" + jsonQuote(state >= -1 && state <= 2 ? kStates[state + 1] : "unknown") +
+                       ",\"state\":" + jsonQuote(taskStateWord(state)) +
                        ",\"frequency\":" + jsonQuote(freq) + ",\"next_run\":" + jsonQuote(next) +
                        ",\"last_run\":" + jsonQuote(last) +
                        ",\"exit_code\":" + (exitCode == -61 ? std::string("null") : std::to_string(exitCode)) + "}";

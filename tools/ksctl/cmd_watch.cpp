@@ -13,6 +13,7 @@
 
 #include "OrvoJobStatus.h"
 #include "commands.h"
+#include "daemon_events.h"
 #include "failure.h"
 #include "json.h"
 #include "operator_query.h"
@@ -41,17 +42,6 @@ void onJobEvent(const char*, tOrvoJSEEvent event) {
         box.events.push_back(event);
     }
     box.wake.notify_one();
-}
-
-const char* eventWord(tOrvoJSEEvent event) {
-    switch (event) {
-        case TRVX_JSE_CREATED: return "created";
-        case TRVX_JSE_UPDATED: return "updated";
-        case TRVX_JSE_COMPLETED: return "completed";
-        case TRVX_JSE_CANCELLED: return "cancelled";
-        case TRVX_JSE_EXIT: return "deleted";
-    }
-    return "unknown";
 }
 
 // Job `id` as the operator's job list shows it: its name and state ("running",
@@ -144,12 +134,12 @@ int runJobWatch(const GlobalOptions& options, const JobArgs& args) {
         lock.unlock();
 
         if (event == TRVX_JSE_EXIT) {
-            display.show(eventWord(event), progress);
+            display.show(jobEventWord(event), progress);
             result = kExitJobDeleted;
             break;
         }
         if (event == TRVX_JSE_CANCELLED) {
-            display.show(eventWord(event), progress);
+            display.show(jobEventWord(event), progress);
             result = kExitJobCancelled;
             break;
         }
@@ -166,7 +156,7 @@ int runJobWatch(const GlobalOptions& options, const JobArgs& args) {
         } else if (woken || now != progress) {
             progress = now;
             const bool done = event == TRVX_JSE_COMPLETED || now == 100;
-            display.show(done ? "completed" : eventWord(event), now);
+            display.show(done ? "completed" : jobEventWord(event), now);
             if (done) result = kExitOk;
         }
     }

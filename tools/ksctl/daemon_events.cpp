@@ -4,6 +4,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "OrvoJobStatus.h"
+#include "OrvoTaskScheduler.h"
 #include "json.h"
 #include "output.h"
 
@@ -13,23 +15,6 @@ namespace {
 constexpr std::string_view kJobs = "OrvoJSEvent:*";
 constexpr std::string_view kLocks = "OrvoRAEvent:*";
 constexpr std::string_view kTasks = "OrvoTSEvent:*";
-
-// The payload codes of each family, as the client library's families define them.
-const char* jobWord(std::int32_t code) {
-    switch (code) {
-        case 2:
-            return "created";
-        case 3:
-            return "updated";
-        case 0:
-            return "completed";
-        case 1:
-            return "cancelled";
-        case -1:
-            return "deleted";
-    }
-    return "unknown";
-}
 
 const char* lockWord(std::int32_t code) {
     switch (code) {
@@ -43,20 +28,6 @@ const char* lockWord(std::int32_t code) {
     return "unknown";
 }
 
-const char* taskWord(std::int32_t code) {
-    switch (code) {
-        case 2:
-            return "waiting";
-        case 0:
-            return "in-progress";
-        case 1:
-            return "completed";
-        case -1:
-            return "exit";
-    }
-    return "unknown";
-}
-
 // A task handle as ksd writes it: decimal, no sign, no leading zero.
 bool allDigits(const std::string& s) {
     return !s.empty() && s.size() <= 10 && (s[0] != '0' || s.size() == 1) &&
@@ -64,6 +35,36 @@ bool allDigits(const std::string& s) {
 }
 
 }  // namespace
+
+const char* jobEventWord(int code) {
+    switch (code) {
+        case TRVX_JSE_CREATED:
+            return "created";
+        case TRVX_JSE_UPDATED:
+            return "updated";
+        case TRVX_JSE_COMPLETED:
+            return "completed";
+        case TRVX_JSE_CANCELLED:
+            return "cancelled";
+        case TRVX_JSE_EXIT:
+            return "deleted";
+    }
+    return "unknown";
+}
+
+const char* taskStateWord(int state) {
+    switch (state) {
+        case cWaiting:
+            return "waiting";
+        case cInProgress:
+            return "in-progress";
+        case cCompleted:
+            return "completed";
+        case cExit:
+            return "exit";
+    }
+    return "unknown";
+}
 
 std::vector<std::string> familyEventNames(EventFamilies families) {
     const bool all = !families.jobs && !families.locks && !families.tasks;
@@ -82,11 +83,11 @@ std::optional<std::string> formatDaemonEvent(const Notification& n, bool json) {
     const char* kind = nullptr;
     const char* word = nullptr;
     if (n.event == kJobs) {
-        kind = "job", word = jobWord(code);
+        kind = "job", word = jobEventWord(code);
     } else if (n.event == kLocks) {
         kind = "lock", word = lockWord(code);
     } else if (n.event == kTasks && allDigits(n.text)) {
-        kind = "task", word = taskWord(code);
+        kind = "task", word = taskStateWord(code);
     } else {
         return std::nullopt;
     }

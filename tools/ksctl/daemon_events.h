@@ -18,6 +18,10 @@ struct EventFamilies {
     bool tasks = false;
 };
 
+// The words for a job event's and a task state's code, as every command shows them.
+const char* jobEventWord(int code);
+const char* taskStateWord(int state);
+
 // The aggregate event names of the families asked for; all three when none is.
 std::vector<std::string> familyEventNames(EventFamilies families);
 
