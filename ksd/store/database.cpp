@@ -7,25 +7,22 @@
 
 namespace ksd::store {
 
-Database::Database(const std::filesystem::path& file, Durability durability, std::chrono::milliseconds busyTimeout)
-    : file_(file) {
-    // NOMUTEX: the loop's thread is the only user, SQLite need not lock for us.
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    const int rc = sqlite3_open_v2(file_.c_str(), &db_, flags, nullptr);
+void Database::open(int flags, std::chrono::milliseconds busyTimeout, const char* purpose) {
+    const int rc = sqlite3_open_v2(file_.c_str(), &db_, flags | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         const std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
         sqlite3_close(db_);
         db_ = nullptr;
-        throw StoreError("cannot open database " + file_.string() + ": " + message, rc);
+        throw StoreError("cannot open database " + file_.string() + purpose + ": " + message, rc);
     }
+    sqlite3_busy_timeout(db_, static_cast<int>(busyTimeout.count()));
+    sqlite3_extended_result_codes(db_, 1);
+}
+
+template <typename Steps>
+void Database::setUp(Steps steps) {
     try {
-        sqlite3_busy_timeout(db_, static_cast<int>(busyTimeout.count()));
-        sqlite3_extended_result_codes(db_, 1);
-        // Reading the journal mode also proves the file is a database.
-        const std::string mode = pragma("journal_mode=WAL");
-        if (mode != "wal") throw StoreError("database " + file_.string() + " refuses WAL mode (" + mode + ")", 0);
-        exec(durability == Durability::Full ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
-        exec("PRAGMA foreign_keys=ON");
+        steps();
     } catch (...) {
         sqlite3_close(db_);
         db_ = nullptr;
@@ -33,25 +30,25 @@ Database::Database(const std::filesystem::path& file, Durability durability, std
     }
 }
 
+Database::Database(const std::filesystem::path& file, Durability durability, std::chrono::milliseconds busyTimeout)
+    : file_(file) {
+    open(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, busyTimeout, "");
+    setUp([&] {
+        // Reading the journal mode also proves the file is a database.
+        const std::string mode = pragma("journal_mode=WAL");
+        if (mode != "wal") throw StoreError("database " + file_.string() + " refuses WAL mode (" + mode + ")", 0);
+        exec(durability == Durability::Full ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+        exec("PRAGMA foreign_keys=ON");
+    });
+}
+
 Database::Database(const std::filesystem::path& file, ReadOnly) : file_(file) {
-    const int rc = sqlite3_open_v2(file_.c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
-    if (rc != SQLITE_OK) {
-        const std::string message = db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
-        sqlite3_close(db_);
-        db_ = nullptr;
-        throw StoreError("cannot open database " + file_.string() + " to read: " + message, rc);
-    }
-    try {
-        sqlite3_busy_timeout(db_, 2000);
-        sqlite3_extended_result_codes(db_, 1);
+    open(SQLITE_OPEN_READONLY, std::chrono::milliseconds(2000), " to read");
+    setUp([&] {
         // Without WAL a reader would block the writer on the loop.
         const std::string mode = pragma("journal_mode");
         if (mode != "wal") throw StoreError("database " + file_.string() + " is not in WAL mode (" + mode + ")", 0);
-    } catch (...) {
-        sqlite3_close(db_);
-        db_ = nullptr;
-        throw;
-    }
+    });
 }
 
 Database::~Database() {

@@ -54,6 +54,13 @@ public:
     sqlite3* handle() { return db_; }
 
 private:
+    // Opens file_ (one thread at a time per connection, so SQLite need not
+    // lock for us); throws StoreError naming the file, `purpose` appended.
+    void open(int flags, std::chrono::milliseconds busyTimeout, const char* purpose);
+    // Runs the first statements of a fresh connection; closes it if one throws.
+    template <typename Steps>
+    void setUp(Steps steps);
+
     sqlite3* db_ = nullptr;
     std::filesystem::path file_;
     std::unordered_map<std::string, std::unique_ptr<Statement>> statements_;
