@@ -75,6 +75,7 @@ OrvoStreamConnection::~OrvoStreamConnection() {
 void OrvoStreamConnection::disconnect() {
     if (m_fd >= 0) ::close(m_fd);
     m_fd = -1;
+    m_bUnverified = false;
     m_bFailed = false;
     m_bReadSinceWrite = false;
     m_bPeerClosed = false;
@@ -122,6 +123,7 @@ void OrvoStreamConnection::applyReceiveTimeout() {
 void OrvoStreamConnection::markFailed() {
     if (m_fd >= 0) ::close(m_fd);
     m_fd = -1;
+    m_bUnverified = false;
     m_bFailed = true;
     m_bPeerClosed = false;
     m_out.clear();
@@ -168,8 +170,13 @@ long OrvoStreamConnection::transfer(const char* buf, long bufLen, long* error) {
             *error = nCode;
             return 0;
         }
-    } else if (m_bReadSinceWrite && !reopenIfStale(error)) {
-        return 0;
+    } else if (m_bReadSinceWrite) {
+        // On a Unix socket the first send tells whether the daemon is still
+        // there (see sendOut); elsewhere only a look at the socket does.
+        if (opensUnixSockets() && m_inPos == m_inEnd)
+            m_bUnverified = true;
+        else if (!reopenIfStale(error))
+            return 0;
     }
     m_bReadSinceWrite = false;
 
@@ -185,13 +192,32 @@ long OrvoStreamConnection::transfer(const char* buf, long bufLen, long* error) {
         m_out.insert(m_out.end(), buf, buf + n);
         return bufLen;
     }
-    const int nCode = sendAll(m_fd, buf, n, m_nSendCalls);
+    const int nCode = sendOut(buf, n);
     if (nCode != 0) {
         failSending(nCode);
         *error = nCode;
         return 0;
     }
     return bufLen;
+}
+
+// A Unix peer that has closed fails a send with nothing delivered, so a
+// request whose first send fails that way goes out whole on a fresh socket:
+// a restarted daemon costs no probe before each request.
+int OrvoStreamConnection::sendOut(const char* p, std::size_t n) {
+    if (!m_bUnverified) return sendAll(m_fd, p, n, m_nSendCalls);
+    m_bUnverified = false;
+    ssize_t nSent;
+    do {
+        ++m_nSendCalls;
+        nSent = ::send(m_fd, p, n, MSG_NOSIGNAL);
+    } while (nSent < 0 && errno == EINTR);
+    if (nSent >= 0) return sendAll(m_fd, p + nSent, n - static_cast<std::size_t>(nSent), m_nSendCalls);
+    if (errno != EPIPE && errno != ECONNRESET) return errno;
+    const std::vector<char> request(p, p + n);  // establishImpl empties m_out
+    OrvoString sMessage;
+    if (const int nCode = OrvoStreamConnection::establishImpl(sMessage); nCode != 0) return nCode;
+    return sendAll(m_fd, request.data(), request.size(), m_nSendCalls);
 }
 
 // A daemon that refuses a connection writes its error value and closes at
@@ -218,7 +244,7 @@ int OrvoStreamConnection::sendBuffered(long* error) {
         *error = EPIPE;
         return -1;
     }
-    const int nCode = sendAll(m_fd, m_out.data(), m_out.size(), m_nSendCalls);
+    const int nCode = sendOut(m_out.data(), m_out.size());
     m_out.clear();
     if (nCode != 0) {
         failSending(nCode);

@@ -48,6 +48,7 @@ protected:
 
 private:
     int sendBuffered(long* error);
+    int sendOut(const char* p, std::size_t n);
     bool reopenIfStale(long* error);
     void markFailed();
     void failSending(int nCode);
@@ -60,6 +61,8 @@ private:
     // The peer closed while we wrote: what it sent before (an error value)
     // is still to be read, so the socket stays open for reading.
     bool m_bPeerClosed = false;
+    // The next send is the first on a socket kept from an earlier request.
+    bool m_bUnverified = false;
     long m_nSendCalls;
     std::vector<char> m_out;
     std::vector<char> m_in;
