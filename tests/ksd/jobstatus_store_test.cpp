@@ -32,9 +32,11 @@ protected:
         book_.reset(), store_.reset(), db_.reset();
         // A short busy wait: one test holds the write lock from another connection.
         db_ = ksd::store::openStateDatabase(dir_.path(), ksd::store::Durability::Normal, std::chrono::milliseconds(20));
-        store_ = std::make_unique<ksd::jobs::JobStore>(*db_);
+        store_ = std::make_unique<ksd::jobs::JobStore>(*db_, logged_ ? logFile() : fs::path());
         book_ = std::make_unique<ksd::jobs::JobBook>(*store_, ksd::jobs::JobLimits{});
     }
+    fs::path logFile() const { return fs::path(dir_.path()) / "progress.log"; }
+    bool logged_ = false;
     kstest::ScopedTempDir dir_{"kstest-jobs"};
     std::shared_ptr<Database> db_;
     std::unique_ptr<ksd::jobs::JobStore> store_;
@@ -146,6 +148,54 @@ TEST_F(Jobs, AFailedWriteChangesNothingAndSaysSo) {
     EXPECT_EQ(book_->remove(1, kAlice).reply, -EIO);
     EXPECT_EQ(book_->lookup("blocked"), -ENOENT);
     EXPECT_EQ(book_->progress(1), 0);
+}
+
+// Progress goes to a log first; a daemon killed before applying it to the
+// database finds it again at the next start.
+class LoggedJobs : public Jobs {
+protected:
+    LoggedJobs() {
+        logged_ = true;
+        reopen();
+    }
+};
+
+TEST_F(LoggedJobs, ProgressNotYetAppliedSurvivesARestartAndATornRecordAtTheEnd) {
+    ASSERT_EQ(book_->create("d", "job", kAlice).reply, 1);
+    ASSERT_EQ(book_->create("d", "other", kAlice).reply, 2);
+    ASSERT_EQ(book_->setProgress(1, 40, kAlice).reply, 0);
+    ASSERT_EQ(book_->setProgress(2, 100, kAlice).reply, 0);
+    ASSERT_TRUE(store_->hasLogged());
+    // The remains of a write cut short by a crash.
+    std::ofstream(logFile(), std::ios::app | std::ios::binary) << std::string(13, '\x7f');
+    reopen();
+    EXPECT_EQ(book_->progress(1), 40);
+    EXPECT_EQ(book_->find(2)->state, JobState::Completed);
+    EXPECT_FALSE(store_->hasLogged()) << "applied at the start";
+    // Records written after a start with an empty log are told from applied ones.
+    reopen();
+    ASSERT_EQ(book_->setProgress(1, 60, kAlice).reply, 0);
+    reopen();
+    EXPECT_EQ(book_->progress(1), 60);
+}
+
+TEST_F(LoggedJobs, ALaterChangeIsNeverUndoneByReplayingOlderProgress) {
+    ASSERT_EQ(book_->create("d", "job", kAlice).reply, 1);
+    ASSERT_EQ(book_->setProgress(1, 40, kAlice).reply, 0);
+    const fs::path copy = fs::path(dir_.path()) / "copy.log";
+    fs::copy_file(logFile(), copy);
+    ASSERT_EQ(book_->cancel(1, kAlice).reply, 0);
+    // As if the daemon died after the database took the log's records but
+    // before the log was emptied.
+    fs::copy_file(copy, logFile(), fs::copy_options::overwrite_existing);
+    reopen();
+    EXPECT_EQ(book_->find(1)->state, JobState::Cancelled);
+    EXPECT_EQ(book_->progress(1), 40);
+    ASSERT_EQ(book_->create("d", "two", kAlice).reply, 2);
+    ASSERT_EQ(book_->setProgress(2, 30, kAlice).reply, 0);
+    ASSERT_EQ(book_->remove(1, kAlice).reply, 0);
+    reopen();
+    EXPECT_EQ(std::make_pair(book_->size(), book_->progress(2)), std::make_pair(std::size_t{1}, std::int64_t{30}));
 }
 
 TEST_F(Jobs, TheLiveJobLimitAnswersNoSpace) {

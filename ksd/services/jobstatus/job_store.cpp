@@ -2,7 +2,59 @@
 
 #include <cstdlib>
 
+#include "OrvoLogging.h"
+#include "store/store_error.h"
+
 namespace ksd::jobs {
+
+namespace {
+
+constexpr const char* kAppliedSeq = "applied_progress_seq";
+// Bounds the log and the memory it mirrors when nothing else applies it.
+constexpr std::size_t kMaxLogged = 4096;
+
+}  // namespace
+
+JobStore::JobStore(store::Database& db, const std::filesystem::path& progressLog) : db_(db) {
+    if (progressLog.empty()) return;
+    log_ = std::make_unique<ProgressLog>(progressLog);
+    db_.cached("INSERT OR IGNORE INTO counters(name, value) VALUES (?1, 0)").bind(1, std::string_view(kAppliedSeq)).run();
+    auto& s = db_.cached("SELECT value FROM counters WHERE name = ?1");
+    s.bind(1, std::string_view(kAppliedSeq));
+    const std::int64_t applied = s.step() ? s.columnInt(0) : 0;
+    s.reset();
+    nextSeq_ = applied + 1;
+    // Records up to `applied` reached the database before the log was emptied.
+    for (const ProgressLog::Record& r : log_->readAll()) {
+        if (r.seq <= applied) continue;
+        logged_.push_back(r);
+        nextSeq_ = r.seq + 1;
+    }
+    if (logged_.empty())
+        log_->clear();
+    else
+        applyLogged();
+}
+
+JobStore::~JobStore() = default;
+
+void JobStore::applyLogged() {
+    if (logged_.empty()) return;
+    store::Transaction t(db_);
+    for (const ProgressLog::Record& r : logged_)
+        db_.cached("UPDATE jobs SET progress = ?2, state = ?3 WHERE id = ?1")
+            .bind(1, r.jobId)
+            .bind(2, std::int64_t{r.progress})
+            .bind(3, std::int64_t{r.state})
+            .run();
+    db_.cached("UPDATE counters SET value = ?2 WHERE name = ?1")
+        .bind(1, std::string_view(kAppliedSeq))
+        .bind(2, logged_.back().seq)
+        .run();
+    t.commit();
+    logged_.clear();
+    log_->clear();
+}
 
 std::string_view stateName(JobState state) {
     switch (state) {
@@ -39,6 +91,7 @@ std::int64_t JobStore::lastId() {
 }
 
 std::int64_t JobStore::insert(Job& job) {
+    applyLogged();
     store::Transaction t(db_);
     db_.cached("UPDATE counters SET value = value + 1 WHERE name = 'last_job_id'").run();
     const std::int64_t id = lastId();
@@ -59,6 +112,21 @@ std::int64_t JobStore::insert(Job& job) {
 }
 
 void JobStore::updateProgress(std::int64_t id, std::int32_t progress, JobState state) {
+    if (log_) {
+        const ProgressLog::Record r{nextSeq_, id, progress, static_cast<std::int32_t>(state)};
+        log_->append(r);
+        ++nextSeq_;
+        logged_.push_back(r);
+        // The change is stored; a failure here only leaves it in the log.
+        if (logged_.size() >= kMaxLogged) {
+            try {
+                applyLogged();
+            } catch (const store::StoreError& e) {
+                ORVO_LOG(1, "ksd: JobStatus: progress log not applied: " << e.what());
+            }
+        }
+        return;
+    }
     db_.cached("UPDATE jobs SET progress = ?2, state = ?3 WHERE id = ?1")
         .bind(1, id)
         .bind(2, std::int64_t{progress})
@@ -66,15 +134,22 @@ void JobStore::updateProgress(std::int64_t id, std::int32_t progress, JobState s
         .run();
 }
 
+// Every other change applies the log first: replayed after it, an older
+// progress record would undo it (a cancelled job running again).
 void JobStore::updateState(std::int64_t id, JobState state) {
+    applyLogged();
     db_.cached("UPDATE jobs SET state = ?2 WHERE id = ?1").bind(1, id).bind(2, static_cast<std::int64_t>(state)).run();
 }
 
 void JobStore::updateAppIds(std::int64_t id, const std::vector<std::int64_t>& appIds) {
+    applyLogged();
     db_.cached("UPDATE jobs SET app_ids = ?2 WHERE id = ?1").bind(1, id).bind(2, encodeAppIds(appIds)).run();
 }
 
-void JobStore::remove(std::int64_t id) { db_.cached("DELETE FROM jobs WHERE id = ?1").bind(1, id).run(); }
+void JobStore::remove(std::int64_t id) {
+    applyLogged();
+    db_.cached("DELETE FROM jobs WHERE id = ?1").bind(1, id).run();
+}
 
 std::string JobStore::encodeAppIds(const std::vector<std::int64_t>& appIds) {
     std::string text;

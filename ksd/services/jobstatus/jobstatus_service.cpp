@@ -5,12 +5,16 @@
 #include "OrvoLogging.h"
 #include "services/list_page.h"
 #include "store/schema.h"
+#include "store/store_error.h"
 
 namespace ksd {
 
 namespace {
 
 namespace Codec = OrvoNet::Codec;
+
+constexpr std::chrono::milliseconds kApplyDelay{50};
+constexpr const char* kProgressLogName = "job-progress.log";
 using jobs::JobEvent;
 using jobs::Outcome;
 
@@ -33,9 +37,10 @@ JobStatusService::JobStatusService(asio::io_context& io, EventPublisher& events,
                                    const std::filesystem::path& stateDir, jobs::JobLimits limits)
     : events_(events),
       db_(store::openStateDatabase(stateDir)),
-      store_(std::make_unique<jobs::JobStore>(*db_)),
+      store_(std::make_unique<jobs::JobStore>(*db_, stateDir / kProgressLogName)),
       book_(std::make_unique<jobs::JobBook>(*store_, limits)),
       lister_(std::make_unique<jobs::JobLister>(io, stateDir, limits.listPageBytes)),
+      applyTimer_(io),
       stringPlan_(fixedPlan({FieldKind::String})),
       twoStringPlan_(fixedPlan({FieldKind::String, FieldKind::String})),
       idPlan_(fixedPlan({FieldKind::Long})),
@@ -45,7 +50,28 @@ JobStatusService::JobStatusService(asio::io_context& io, EventPublisher& events,
     ORVO_LOG(4, "ksd: JobStatus: " << static_cast<unsigned long>(book_->size()) << " stored jobs loaded");
 }
 
-JobStatusService::~JobStatusService() = default;
+JobStatusService::~JobStatusService() { applyLogged(); }
+
+void JobStatusService::applyLogged() const {
+    try {
+        store_->applyLogged();
+    } catch (const store::StoreError& e) {
+        // Nothing is lost: the changes stay in the log for the next try or start.
+        ORVO_LOG(1, "ksd: JobStatus: progress log not applied: " << e.what());
+    }
+}
+
+void JobStatusService::applySoon() {
+    if (applyArmed_ || !store_->hasLogged()) return;
+    applyArmed_ = true;
+    applyTimer_.expires_after(kApplyDelay);
+    applyTimer_.async_wait([this](const std::error_code& ec) {
+        if (ec) return;
+        applyArmed_ = false;
+        applyLogged();
+        applySoon();  // again if it failed
+    });
+}
 
 const FieldPlan* JobStatusService::plan(std::string_view request) const {
     if (request == "TRVX_JS_CREATE") return &twoStringPlan_;
@@ -90,7 +116,10 @@ void JobStatusService::handle(Request& request) {
         return answer(request, book_->mapAppIds(f[0].integer, std::move(appIds), uid));
     }
     if (r == "TRVX_JS_DELETE") return answer(request, book_->remove(f[0].integer, uid));
-    if (r == "TRVX_JS_SET_PROGRESS") return answer(request, book_->setProgress(f[0].integer, f[1].integer, uid));
+    if (r == "TRVX_JS_SET_PROGRESS") {
+        answer(request, book_->setProgress(f[0].integer, f[1].integer, uid));
+        return applySoon();
+    }
     if (r == "TRVX_JS_CANCEL") return answer(request, book_->cancel(f[0].integer, uid));
     responder.fail(ENOSYS, "JobStatus does not serve " + r);
 }
@@ -115,7 +144,9 @@ std::vector<StatusItem> JobStatusService::status() const {
 
 std::string JobStatusService::query(std::string_view what) const {
     const auto after = pageAfter(what, "jobs");
-    return after ? lister_->page(*after) : std::string();
+    if (!after) return std::string();
+    applyLogged();  // the page shows every change already answered
+    return lister_->page(*after);
 }
 
 bool JobStatusService::answerLater(std::string_view what, const PeerInfo& asker,
@@ -123,6 +154,7 @@ bool JobStatusService::answerLater(std::string_view what, const PeerInfo& asker,
     (void)asker;  // every user may read every job
     const auto after = pageAfter(what, "jobs");
     if (!after) return false;
+    applyLogged();  // the page shows every change already answered
     lister_->answer(*after, responder);
     return true;
 }

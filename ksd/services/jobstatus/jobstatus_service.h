@@ -6,6 +6,7 @@
 // "OrvoJSEvent:<name>$" for every change. A TCP client (no identity) may
 // read jobs but not create or change them (EACCES).
 
+#include <asio/steady_timer.hpp>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -44,12 +45,17 @@ public:
 private:
     void publish(const jobs::Outcome& outcome);
     void answer(Request& request, const jobs::Outcome& outcome);
+    // Progress reaches the database in batches, a short while after the log.
+    void applySoon();
+    void applyLogged() const;
 
     EventPublisher& events_;
     std::shared_ptr<store::Database> db_;
     std::unique_ptr<jobs::JobStore> store_;
     std::unique_ptr<jobs::JobBook> book_;
     std::unique_ptr<jobs::JobLister> lister_;
+    asio::steady_timer applyTimer_;
+    bool applyArmed_ = false;
     FieldPlan stringPlan_, twoStringPlan_, idPlan_, twoLongPlan_, emptyPlan_, mapPlan_;
 };
 
