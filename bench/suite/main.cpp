@@ -1,6 +1,8 @@
 // ks_bench: every figure of the bench suite in one run, each beside the raw
 // limit measured in the same run, as one table.
-// Usage: ks_bench [--seconds S] [--rounds N] [--only NAME] [--syscalls]
+// Usage: ks_bench [--seconds S] [--rounds N] [--only NAME] [--syscalls] [--all]
+// --all: then the notification, scale and job-list benches beside it, each
+// printing its own table, so that one command gives every figure.
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -165,12 +167,33 @@ void printTable(const std::vector<ksbench::Row>& rows) {
         if (!r.syscallDetail.empty()) std::printf("  %s, ksd per op: %s\n", r.name.c_str(), r.syscallDetail.c_str());
 }
 
+// Runs the bench program `name` from ks_bench's own directory; false if it failed.
+bool runSibling(const char* name) {
+    char self[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) return false;
+    self[n] = '\0';
+    std::string path(self);
+    path = path.substr(0, path.rfind('/') + 1) + name;
+    std::printf("\n%s\n", name);
+    std::fflush(stdout);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::execl(path.c_str(), path.c_str(), static_cast<char*>(nullptr));
+        std::_Exit(127);
+    }
+    int status = 0;
+    if (child < 0 || ::waitpid(child, &status, 0) != child) return false;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     double seconds = 1.0;
     int rounds = 3;
     bool syscalls = false;
+    bool all = false;
     std::string only;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -182,8 +205,10 @@ int main(int argc, char** argv) {
             only = argv[++i];
         } else if (a == "--syscalls") {
             syscalls = true;
+        } else if (a == "--all") {
+            all = true;
         } else {
-            std::fprintf(stderr, "usage: ks_bench [--seconds S] [--rounds N] [--only NAME] [--syscalls]\nbenches:");
+            std::fprintf(stderr, "usage: ks_bench [--seconds S] [--rounds N] [--only NAME] [--syscalls] [--all]\nbenches:");
             for (const auto& b : ksbench::registry()) std::fprintf(stderr, " %s", b.name.c_str());
             std::fprintf(stderr, "\n");
             return 2;
@@ -200,5 +225,10 @@ int main(int argc, char** argv) {
         rows.insert(rows.end(), got.begin(), got.end());
     }
     printTable(rows);
-    return 0;
+    if (!all) return 0;
+    std::fflush(stdout);
+    bool ok = true;
+    for (const char* sibling : {"notify_fanout_bench", "notify_scale_bench", "job_list_bench"})
+        ok = runSibling(sibling) && ok;
+    return ok ? 0 : 1;
 }
