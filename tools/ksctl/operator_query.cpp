@@ -73,34 +73,31 @@ QueryAnswer queryDaemon(std::string_view what, std::chrono::milliseconds timeout
     return future.get();
 }
 
-QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::milliseconds timeout) {
-    std::string merged = "[";
+QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::milliseconds timeout,
+                           const PageSink& sink) {
     std::int64_t after = 0;
     for (;;) {
         QueryAnswer page = queryDaemon(std::string(what) + ">" + std::to_string(after), timeout);
         if (page.outcome != QueryAnswer::Outcome::Answered) return page;
-        const auto value = parseJson(page.text);
-        if (!value || value->kind != JsonValue::Kind::Array) return page;  // the caller says it is not a list
-        if (value->items.empty()) break;
+        auto value = parseJson(page.text);
+        if (!value || value->kind != JsonValue::Kind::Array)
+            return QueryAnswer{QueryAnswer::Outcome::Malformed, 0, "not a JSON array"};
+        if (value->items.empty()) return QueryAnswer{QueryAnswer::Outcome::Answered, 0, {}};
         const JsonValue* id = value->items.back().find(key);
         const auto last = id ? id->asInt() : std::nullopt;
         if (!last || *last <= after) return QueryAnswer{QueryAnswer::Outcome::Refused, EPROTO, "a page that does not advance"};
-        if (merged.size() > 1) merged.push_back(',');
-        merged.append(page.text, 1, page.text.size() - 2);
         after = *last;
+        sink(*value);
     }
-    merged.push_back(']');
-    return QueryAnswer{QueryAnswer::Outcome::Answered, 0, std::move(merged)};
 }
 
-int printQuery(const GlobalOptions& options, const char* what, JsonValue::Kind expected, const char* emptyText) {
-    const std::string_view list(what);
-    const char* key = list == "jobs" ? "id" : list == "locks" ? "handle" : list == "subscriptions" ? "seq" : nullptr;
-    const QueryAnswer answer =
-        key ? queryEveryPage(what, key, options.replyTimeout) : queryDaemon(what, options.replyTimeout);
-    const std::string subject = std::string(what) + " query";
+namespace {
+
+// The words and exit code for a query that got no usable answer.
+int reportFailure(const GlobalOptions& options, const std::string& subject, const QueryAnswer& answer) {
     switch (answer.outcome) {
         case QueryAnswer::Outcome::Answered:
+        case QueryAnswer::Outcome::Malformed:
             break;
         case QueryAnswer::Outcome::Refused:
             return reportError(subject + ": ksd says: " + oneLine(answer.text), kExitRefused);
@@ -113,21 +110,46 @@ int printQuery(const GlobalOptions& options, const char* what, JsonValue::Kind e
                                    std::to_string(options.replyTimeout.count()) + " ms",
                                kExitUnreachable);
     }
-    auto value = parseJson(answer.text);
-    if (!value || value->kind != expected)
-        return reportError(subject + ": ksd's answer is not the expected JSON", kExitRefused);
-    std::string text;
-    if (options.json) {
-        text = toJson(*value) + "\n";
-    } else if (value->kind == JsonValue::Kind::Object) {
-        text = renderFields(*value);
-    } else if (value->items.empty()) {
-        text = std::string(emptyText) + "\n";
-    } else {
-        text = renderTable(*value);
-    }
+    return reportError(subject + ": ksd's answer is not the expected JSON", kExitRefused);
+}
+
+int printText(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
     return kExitOk;
+}
+
+int printList(const GlobalOptions& options, const char* what, const char* key, const char* emptyText) {
+    JsonValue all;
+    all.kind = JsonValue::Kind::Array;
+    const QueryAnswer answer = queryEveryPage(what, key, options.replyTimeout, [&](JsonValue& page) {
+        all.items.insert(all.items.end(), std::make_move_iterator(page.items.begin()),
+                         std::make_move_iterator(page.items.end()));
+    });
+    if (answer.outcome != QueryAnswer::Outcome::Answered)
+        return reportFailure(options, std::string(what) + " query", answer);
+    if (options.json) return printText(toJson(all) + "\n");
+    if (all.items.empty()) return printText(std::string(emptyText) + "\n");
+    return printText(renderTable(all));
+}
+
+}  // namespace
+
+int printQuery(const GlobalOptions& options, const char* what, JsonValue::Kind expected, const char* emptyText) {
+    const std::string_view list(what);
+    const char* key = list == "jobs" ? "id" : list == "locks" ? "handle" : list == "subscriptions" ? "seq" : nullptr;
+    if (key && expected == JsonValue::Kind::Array) return printList(options, what, key, emptyText);
+    QueryAnswer answer = queryDaemon(what, options.replyTimeout);
+    const std::string subject = std::string(what) + " query";
+    if (answer.outcome != QueryAnswer::Outcome::Answered) return reportFailure(options, subject, answer);
+    auto value = parseJson(answer.text);
+    if (!value || value->kind != expected) {
+        answer.outcome = QueryAnswer::Outcome::Malformed;
+        return reportFailure(options, subject, answer);
+    }
+    if (options.json) return printText(toJson(*value) + "\n");
+    if (value->kind == JsonValue::Kind::Object) return printText(renderFields(*value));
+    if (value->items.empty()) return printText(std::string(emptyText) + "\n");
+    return printText(renderTable(*value));
 }
 
 }  // namespace ksctl
