@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <future>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "OrvoCodec.h"
@@ -13,6 +14,7 @@
 #include "OrvoStreamConnection.h"
 #include "failure.h"
 #include "output.h"
+#include "page_skim.h"
 #include "results.h"
 #include "target.h"
 
@@ -63,22 +65,46 @@ QueryAnswer ask(const std::string& what) {
 
 }  // namespace
 
+namespace {
+
+// An exchange under way on its own thread, so that a daemon that never
+// answers cannot hold ksctl past the time-out; the process ends with it either way.
+class PendingQuery {
+public:
+    explicit PendingQuery(std::string what) {
+        auto promise = std::make_shared<std::promise<QueryAnswer>>();
+        answer_ = promise->get_future();
+        std::thread([promise, query = std::move(what)] { promise->set_value(ask(query)); }).detach();
+    }
+
+    QueryAnswer await(std::chrono::milliseconds timeout) {
+        if (answer_.wait_for(timeout) != std::future_status::ready) return QueryAnswer{};
+        return answer_.get();
+    }
+
+private:
+    std::future<QueryAnswer> answer_;
+};
+
+std::string pageQuery(std::string_view what, std::int64_t after) { return std::string(what) + ">" + std::to_string(after); }
+
+}  // namespace
+
 QueryAnswer queryDaemon(std::string_view what, std::chrono::milliseconds timeout) {
-    // The exchange runs on its own thread so that a daemon that never answers
-    // cannot hold ksctl past the time-out; the process ends with it either way.
-    auto promise = std::make_shared<std::promise<QueryAnswer>>();
-    auto future = promise->get_future();
-    std::thread([promise, query = std::string(what)] { promise->set_value(ask(query)); }).detach();
-    if (future.wait_for(timeout) != std::future_status::ready) return QueryAnswer{};
-    return future.get();
+    return PendingQuery(std::string(what)).await(timeout);
 }
 
 QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::milliseconds timeout,
                            const PageSink& sink) {
     std::int64_t after = 0;
+    std::optional<PendingQuery> next(std::in_place, pageQuery(what, after));
     for (;;) {
-        QueryAnswer page = queryDaemon(std::string(what) + ">" + std::to_string(after), timeout);
+        QueryAnswer page = next->await(timeout);
+        next.reset();
         if (page.outcome != QueryAnswer::Outcome::Answered) return page;
+        // ksd builds the next page while this one is read; the parse below has the last word on its key.
+        const auto guess = skimLastKey(page.text, key);
+        if (guess && *guess > after) next.emplace(pageQuery(what, *guess));
         auto value = parseJson(page.text);
         if (!value || value->kind != JsonValue::Kind::Array)
             return QueryAnswer{QueryAnswer::Outcome::Malformed, 0, "not a JSON array"};
@@ -86,6 +112,7 @@ QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::
         const JsonValue* id = value->items.back().find(key);
         const auto last = id ? id->asInt() : std::nullopt;
         if (!last || *last <= after) return QueryAnswer{QueryAnswer::Outcome::Refused, EPROTO, "a page that does not advance"};
+        if (!next || guess != last) next.emplace(pageQuery(what, *last));
         after = *last;
         sink(*value);
     }
@@ -119,17 +146,26 @@ int printText(const std::string& text) {
 }
 
 int printList(const GlobalOptions& options, const char* what, const char* key, const char* emptyText) {
-    JsonValue all;
-    all.kind = JsonValue::Kind::Array;
+    // Each page goes straight into the output form, so the whole list is never held as parsed JSON.
+    std::string json = "[";
+    TableBuilder table;
+    bool any = false;
     const QueryAnswer answer = queryEveryPage(what, key, options.replyTimeout, [&](JsonValue& page) {
-        all.items.insert(all.items.end(), std::make_move_iterator(page.items.begin()),
-                         std::make_move_iterator(page.items.end()));
+        any = true;
+        for (const JsonValue& item : page.items) {
+            if (!options.json) {
+                table.add(item);
+                continue;
+            }
+            if (json.size() > 1) json += ',';
+            appendJson(json, item);
+        }
     });
     if (answer.outcome != QueryAnswer::Outcome::Answered)
         return reportFailure(options, std::string(what) + " query", answer);
-    if (options.json) return printText(toJson(all) + "\n");
-    if (all.items.empty()) return printText(std::string(emptyText) + "\n");
-    return printText(renderTable(all));
+    if (options.json) return printText(json += "]\n");
+    if (!any) return printText(std::string(emptyText) + "\n");
+    return printText(table.render());
 }
 
 }  // namespace
