@@ -86,7 +86,9 @@ private:
     std::future<QueryAnswer> answer_;
 };
 
-std::string pageQuery(std::string_view what, std::int64_t after) { return std::string(what) + ">" + std::to_string(after); }
+std::string pageQuery(std::string_view what, std::int64_t after) {
+    return std::string(what) + ">" + std::to_string(after);
+}
 
 }  // namespace
 
@@ -111,7 +113,8 @@ QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::
         if (value->items.empty()) return QueryAnswer{QueryAnswer::Outcome::Answered, 0, {}};
         const JsonValue* id = value->items.back().find(key);
         const auto last = id ? id->asInt() : std::nullopt;
-        if (!last || *last <= after) return QueryAnswer{QueryAnswer::Outcome::Refused, EPROTO, "a page that does not advance"};
+        if (!last || *last <= after)
+            return QueryAnswer{QueryAnswer::Outcome::Refused, EPROTO, "a page that does not advance"};
         if (!next || guess != last) next.emplace(pageQuery(what, *last));
         after = *last;
         sink(*value);
@@ -129,13 +132,13 @@ int reportFailure(const GlobalOptions& options, const std::string& subject, cons
         case QueryAnswer::Outcome::Refused:
             return reportError(subject + ": ksd says: " + oneLine(answer.text), kExitRefused);
         case QueryAnswer::Outcome::Unreachable:
-            return reportError("cannot reach ksd at " + describeDaemon() + ": " + transportWords(-answer.code) +
-                                   " (" + std::to_string(-answer.code) + ")",
+            return reportError("cannot reach ksd at " + describeDaemon() + ": " + transportWords(-answer.code) + " (" +
+                                   std::to_string(-answer.code) + ")",
                                kExitUnreachable);
         case QueryAnswer::Outcome::NoAnswer:
-            return reportError(subject + ": no answer from ksd within " +
-                                   std::to_string(options.replyTimeout.count()) + " ms",
-                               kExitUnreachable);
+            return reportError(
+                subject + ": no answer from ksd within " + std::to_string(options.replyTimeout.count()) + " ms",
+                kExitUnreachable);
     }
     return reportError(subject + ": ksd's answer is not the expected JSON", kExitRefused);
 }

@@ -17,8 +17,8 @@ namespace ksctl {
 struct QueryAnswer {
     enum class Outcome { Answered, Refused, Unreachable, NoAnswer, Malformed };
     Outcome outcome = Outcome::NoAnswer;
-    int code = 0;         // Refused, Unreachable: the errno the daemon or the socket gave
-    std::string text;     // Answered: the JSON; otherwise the reason in words
+    int code = 0;      // Refused, Unreachable: the errno the daemon or the socket gave
+    std::string text;  // Answered: the JSON; otherwise the reason in words
 };
 
 // Receives one page of a list (a JSON array, not empty), in key order; may take its items.
