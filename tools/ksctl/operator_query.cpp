@@ -63,10 +63,6 @@ QueryAnswer ask(const std::string& what) {
     return answer;
 }
 
-}  // namespace
-
-namespace {
-
 // An exchange under way on its own thread, so that a daemon that never
 // answers cannot hold ksctl past the time-out; the process ends with it either way.
 class PendingQuery {
