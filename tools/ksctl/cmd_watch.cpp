@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "OrvoJobStatus.h"
@@ -52,18 +53,20 @@ struct Listing {
 };
 
 Listing listingOf(int id, const GlobalOptions& options) {
-    const QueryAnswer answer = queryEveryPage("jobs", "id", options.replyTimeout);
-    if (answer.outcome != QueryAnswer::Outcome::Answered) return {};
-    const auto jobs = parseJson(answer.text);
-    if (!jobs || jobs->kind != JsonValue::Kind::Array) return {};
-    for (const JsonValue& job : jobs->items) {
-        const JsonValue* jobId = job.find("id");
-        const JsonValue* name = job.find("name");
-        const JsonValue* state = job.find("state");
-        if (jobId && name && name->kind == JsonValue::Kind::String && toJson(*jobId) == std::to_string(id))
-            return {name->text, state && state->kind == JsonValue::Kind::String ? state->text : std::string()};
-    }
-    return {};
+    std::optional<Listing> found;
+    const std::string wanted = std::to_string(id);
+    const QueryAnswer answer = queryEveryPage("jobs", "id", options.replyTimeout, [&](JsonValue& page) {
+        for (const JsonValue& job : page.items) {
+            if (found) return;
+            const JsonValue* jobId = job.find("id");
+            const JsonValue* name = job.find("name");
+            const JsonValue* state = job.find("state");
+            if (jobId && name && name->kind == JsonValue::Kind::String && toJson(*jobId) == wanted)
+                found = {name->text, state && state->kind == JsonValue::Kind::String ? state->text : std::string()};
+        }
+    });
+    if (answer.outcome != QueryAnswer::Outcome::Answered || !found) return {};
+    return *found;
 }
 
 class Display {

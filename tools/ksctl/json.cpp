@@ -72,18 +72,18 @@ private:
             ++pos_;
             return true;
         }
+        // Objects in a list share their shape: one allocation for the members, not one per doubling.
+        out.members.reserve(memberHint_);
         for (;;) {
             skipSpace();
             if (atEnd() || peek() != '"') return false;
-            std::string key;
-            if (!parseString(key)) return false;
+            JsonMember& member = out.members.emplace_back();
+            if (!parseString(member.name)) return false;
             skipSpace();
             if (atEnd() || peek() != ':') return false;
             ++pos_;
             skipSpace();
-            JsonValue member;
-            if (!parseValue(member, depth + 1)) return false;
-            out.members.push_back({std::move(key), std::move(member)});
+            if (!parseValue(member.value, depth + 1)) return false;
             skipSpace();
             if (atEnd()) return false;
             if (peek() == ',') {
@@ -92,6 +92,7 @@ private:
             }
             if (peek() != '}') return false;
             ++pos_;
+            memberHint_ = out.members.size();
             return true;
         }
     }
@@ -106,9 +107,7 @@ private:
         }
         for (;;) {
             skipSpace();
-            JsonValue item;
-            if (!parseValue(item, depth + 1)) return false;
-            out.items.push_back(std::move(item));
+            if (!parseValue(out.items.emplace_back(), depth + 1)) return false;
             skipSpace();
             if (atEnd()) return false;
             if (peek() == ',') {
@@ -160,13 +159,14 @@ private:
     bool parseString(std::string& out) {
         ++pos_;  // opening quote
         while (!atEnd()) {
+            // Plain bytes up to the next quote, escape or control byte go in one append.
+            const std::size_t run = pos_;
+            while (!atEnd() && peek() != '"' && peek() != '\\' && static_cast<unsigned char>(peek()) >= 0x20) ++pos_;
+            out.append(in_.data() + run, pos_ - run);
+            if (atEnd()) return false;
             char c = in_[pos_++];
             if (c == '"') return true;
-            if (static_cast<unsigned char>(c) < 0x20) return false;
-            if (c != '\\') {
-                out += c;
-                continue;
-            }
+            if (c != '\\') return false;  // a control byte
             if (atEnd()) return false;
             char e = in_[pos_++];
             switch (e) {
@@ -245,6 +245,7 @@ private:
 
     std::string_view in_;
     std::size_t pos_ = 0;
+    std::size_t memberHint_ = 0;
 };
 
 void writeValue(std::string& out, const JsonValue& v) {
@@ -259,7 +260,7 @@ void writeValue(std::string& out, const JsonValue& v) {
             out += v.text;
             break;
         case JsonValue::Kind::String:
-            out += jsonQuote(v.text);
+            jsontext::appendString(out, v.text);
             break;
         case JsonValue::Kind::Array: {
             out += '[';
@@ -278,7 +279,7 @@ void writeValue(std::string& out, const JsonValue& v) {
             for (const auto& [key, member] : v.members) {
                 if (!first) out += ',';
                 first = false;
-                out += jsonQuote(key);
+                jsontext::appendString(out, key);
                 out += ':';
                 writeValue(out, member);
             }
@@ -315,5 +316,7 @@ std::string toJson(const JsonValue& value) {
     writeValue(out, value);
     return out;
 }
+
+void appendJson(std::string& out, const JsonValue& value) { writeValue(out, value); }
 
 }  // namespace ksctl

@@ -47,6 +47,7 @@ std::string jsonQuote(std::string_view s);
 
 // Compact serialisation (numbers are written as their literal).
 std::string toJson(const JsonValue& value);
+void appendJson(std::string& out, const JsonValue& value);
 
 }  // namespace ksctl
 

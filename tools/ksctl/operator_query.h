@@ -5,6 +5,7 @@
 // request on its own connection, answered by one JSON text or an error value.
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -14,20 +15,24 @@
 namespace ksctl {
 
 struct QueryAnswer {
-    enum class Outcome { Answered, Refused, Unreachable, NoAnswer };
+    enum class Outcome { Answered, Refused, Unreachable, NoAnswer, Malformed };
     Outcome outcome = Outcome::NoAnswer;
-    int code = 0;         // Refused, Unreachable: the errno the daemon or the socket gave
-    std::string text;     // Answered: the JSON; otherwise the reason in words
+    int code = 0;      // Refused, Unreachable: the errno the daemon or the socket gave
+    std::string text;  // Answered: the JSON; otherwise the reason in words
 };
+
+// Receives one page of a list (a JSON array, not empty), in key order; may take its items.
+using PageSink = std::function<void(JsonValue& page)>;
 
 // Gives up after `timeout` (a daemon that accepts but never answers).
 QueryAnswer queryDaemon(std::string_view what, std::chrono::milliseconds timeout);
 
 // A list answered in pages ("jobs" by "id", "locks" by "handle", "subscriptions"
-// by "seq"): asks for
-// the page after the last key of each page until an empty one, and answers
-// one array of every item.
-QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::milliseconds timeout);
+// by "seq"): asks for the page after the last key of each page until an empty
+// one, handing each page to `sink` once it is read. Answered (with no text)
+// when the empty page came; Malformed when a page is not a JSON array.
+QueryAnswer queryEveryPage(std::string_view what, const char* key, std::chrono::milliseconds timeout,
+                           const PageSink& sink);
 
 // Runs a query and prints its answer (JSON as is with --json, else a table or "name  value"
 // lines, or `emptyText` for an empty array). The answer must be of the `expected` kind.

@@ -73,12 +73,14 @@ PayloadPreview previewPayload(std::string_view bytes, std::size_t limit) {
     return p;
 }
 
-std::string oneLine(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        unsigned char u = static_cast<unsigned char>(c);
-        switch (c) {
+void appendOneLine(std::string& out, std::string_view text) {
+    std::size_t run = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const unsigned char u = static_cast<unsigned char>(text[i]);
+        if (u >= 0x20 && u != 0x7F && u != '\\') continue;
+        out.append(text.data() + run, i - run);
+        run = i + 1;
+        switch (u) {
             case '\n':
                 out += "\\n";
                 break;
@@ -91,38 +93,49 @@ std::string oneLine(std::string_view text) {
             case '\\':
                 out += "\\\\";
                 break;
-            default:
-                if (u < 0x20 || u == 0x7F) {
-                    char buf[8];
-                    std::snprintf(buf, sizeof buf, "\\x%02x", u);
-                    out += buf;
-                } else {
-                    out += c;
-                }
+            default: {
+                char buf[8];
+                std::snprintf(buf, sizeof buf, "\\x%02x", u);
+                out += buf;
+            }
         }
     }
+    out.append(text.data() + run, text.size() - run);
+}
+
+std::string oneLine(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    appendOneLine(out, text);
     return out;
 }
 
-std::string displayText(const JsonValue& value) {
+void appendDisplayText(std::string& out, const JsonValue& value) {
     switch (value.kind) {
         case JsonValue::Kind::String:
-            return oneLine(value.text);
+            appendOneLine(out, value.text);
+            return;
         case JsonValue::Kind::Array:
             if (std::all_of(value.items.begin(), value.items.end(), isScalar)) {
-                std::string out;
+                const std::size_t start = out.size();
                 for (const auto& item : value.items) {
-                    if (!out.empty()) out += ",";
-                    out += displayText(item);
+                    if (out.size() != start) out += ',';
+                    appendDisplayText(out, item);
                 }
-                return out.empty() ? "-" : out;
+                if (out.size() == start) out += '-';
+                return;
             }
-            return toJson(value);
-        case JsonValue::Kind::Object:
-            return toJson(value);
+            appendJson(out, value);
+            return;
         default:
-            return toJson(value);
+            appendJson(out, value);
     }
+}
+
+std::string displayText(const JsonValue& value) {
+    std::string out;
+    appendDisplayText(out, value);
+    return out;
 }
 
 std::string renderFields(const JsonValue& object) {
@@ -131,61 +144,87 @@ std::string renderFields(const JsonValue& object) {
     std::string out;
     for (const auto& [key, value] : object.members) {
         appendPadded(out, key, width + 2);
-        out += displayText(value);
+        appendDisplayText(out, value);
         out += '\n';
     }
     return out;
 }
 
 std::string renderTable(const JsonValue& array) {
-    std::vector<std::string> columns;
-    auto addColumn = [&](const std::string& name) {
-        if (std::find(columns.begin(), columns.end(), name) == columns.end()) columns.push_back(name);
-    };
-    for (const auto& item : array.items) {
-        if (item.kind == JsonValue::Kind::Object) {
-            for (const auto& member : item.members) addColumn(member.name);
-        } else {
-            addColumn("value");
+    TableBuilder table;
+    for (const auto& item : array.items) table.add(item);
+    return table.render();
+}
+
+std::size_t TableBuilder::columnNamed(std::string_view name) {
+    const auto found = std::find(columns_.begin(), columns_.end(), name);
+    if (found != columns_.end()) return static_cast<std::size_t>(found - columns_.begin());
+    columns_.emplace_back(name);
+    widths_.push_back(displayWidth(name));
+    rowsWith_.push_back(0);
+    lastRow_.push_back(0);
+    return columns_.size() - 1;
+}
+
+void TableBuilder::add(const JsonValue& item) {
+    if (item.kind != JsonValue::Kind::Object) {
+        addCell(columnNamed("value"), item);
+    } else {
+        for (std::size_t i = 0; i < item.members.size(); ++i) {
+            const JsonMember& member = item.members[i];
+            // The items of a list share their keys' order, so the column is almost always the last one's.
+            if (i >= columnAt_.size()) columnAt_.push_back(0);
+            std::size_t& column = columnAt_[i];
+            if (column >= columns_.size() || columns_[column] != member.name) column = columnNamed(member.name);
+            addCell(column, member.value);
         }
     }
+    rowEnds_.push_back(cells_.size());
+}
 
-    std::vector<std::vector<std::string>> rows;
-    rows.reserve(array.items.size());
-    for (const auto& item : array.items) {
-        std::vector<std::string> row;
-        for (const auto& column : columns) {
-            const JsonValue* cell = item.kind == JsonValue::Kind::Object ? item.find(column)
-                                    : column == "value"                  ? &item
-                                                                         : nullptr;
-            row.push_back(cell ? displayText(*cell) : "-");
-        }
-        rows.push_back(std::move(row));
-    }
+void TableBuilder::addCell(std::size_t column, const JsonValue& value) {
+    const std::size_t row = rowEnds_.size() + 1;
+    if (lastRow_[column] == row) return;
+    lastRow_[column] = row;
+    ++rowsWith_[column];
+    const std::size_t start = text_.size();
+    appendDisplayText(text_, value);
+    const std::string_view shown(text_.data() + start, text_.size() - start);
+    widths_[column] = std::max(widths_[column], displayWidth(shown));
+    // A cell comes from one answer frame, far below 4 GiB.
+    cells_.push_back({static_cast<std::uint32_t>(column), static_cast<std::uint32_t>(shown.size())});
+}
 
-    std::vector<std::size_t> widths;
-    for (std::size_t c = 0; c < columns.size(); ++c) {
-        std::size_t w = displayWidth(columns[c]);
-        for (const auto& row : rows) w = std::max(w, displayWidth(row[c]));
-        widths.push_back(w);
-    }
-
+std::string TableBuilder::render() const {
     std::string out;
-    auto emit = [&](const std::vector<std::string>& cells) {
-        std::string line;
-        for (std::size_t c = 0; c < cells.size(); ++c) {
-            if (c + 1 == cells.size()) {
-                line += cells[c];
-            } else {
-                appendPadded(line, cells[c], widths[c] + 2);
-            }
-        }
-        out += line;
+    if (columns_.empty()) return out;
+    const std::size_t rows = rowEnds_.size();
+    std::vector<std::size_t> widths = widths_;
+    std::size_t lineBytes = 1;
+    for (std::size_t c = 0; c < columns_.size(); ++c) {
+        if (rowsWith_[c] < rows) widths[c] = std::max<std::size_t>(widths[c], 1);  // "-"
+        lineBytes += widths[c] + 2;
+    }
+    out.reserve(lineBytes * (rows + 1));
+
+    std::vector<std::string_view> line(columns_.begin(), columns_.end());
+    auto emit = [&] {
+        const std::size_t last = line.size() - 1;
+        for (std::size_t c = 0; c < last; ++c) appendPadded(out, line[c], widths[c] + 2);
+        out.append(line[last]);
         out += '\n';
     };
-    if (columns.empty()) return out;
-    emit(columns);
-    for (const auto& row : rows) emit(row);
+    emit();
+    std::size_t cell = 0;
+    std::size_t offset = 0;
+    for (std::size_t end : rowEnds_) {
+        std::fill(line.begin(), line.end(), std::string_view("-"));
+        for (; cell < end; ++cell) {
+            line[cells_[cell].column] = std::string_view(text_).substr(offset, cells_[cell].length);
+            offset += cells_[cell].length;
+        }
+        emit();
+    }
     return out;
 }
 
