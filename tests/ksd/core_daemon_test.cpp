@@ -13,6 +13,7 @@
 
 #include "core_test_util.h"
 #include "ksd_process.h"
+#include "store/store_error.h"
 
 namespace {
 
@@ -25,7 +26,12 @@ TEST(CoreDaemon, TakesItsStateDirectoryAndAddressesAndLeavesOthersAlone) {
         ksdtest::TestServer daemon([&](ksd::DaemonOptions& o) { o.stateDir = state; });
         EXPECT_EQ(fs::status(state).permissions() & fs::perms::all, fs::perms::owner_all);
         EXPECT_TRUE(ksdtest::echoWorks(daemon.address()));
-        EXPECT_THROW(ksd::Daemon second(daemon.daemon().options()), std::system_error) << "the pipe is taken";
+        ksd::DaemonOptions other = daemon.daemon().options();
+        other.stateDir = tmp.path() + "/other-state";
+        EXPECT_THROW(ksd::Daemon second(other), std::system_error) << "the pipe is taken";
+        other = daemon.daemon().options();
+        other.pipe = tmp.path() + "/other.sock";
+        EXPECT_THROW(ksd::Daemon second(other), ksd::store::StoreError) << "the state directory is taken";
     }
     // A socket file nobody accepts on, as a killed daemon leaves behind, is replaced.
     ksd::DaemonOptions o{tmp.path() + "/ksd.sock", -1, tmp.path(), {}, {}};

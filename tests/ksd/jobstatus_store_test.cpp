@@ -179,6 +179,13 @@ TEST_F(LoggedJobs, ProgressNotYetAppliedSurvivesARestartAndATornRecordAtTheEnd) 
     EXPECT_EQ(book_->progress(1), 60);
 }
 
+TEST_F(LoggedJobs, ASecondWriterOfTheSameLogIsRefused) {
+    EXPECT_THROW(ksd::jobs::JobStore(*db_, logFile()), ksd::store::StoreError);
+    store_.reset();
+    book_.reset();
+    EXPECT_NO_THROW(ksd::jobs::JobStore(*db_, logFile())) << "free again once the first is gone";
+}
+
 TEST_F(LoggedJobs, ALaterChangeIsNeverUndoneByReplayingOlderProgress) {
     ASSERT_EQ(book_->create("d", "job", kAlice).reply, 1);
     ASSERT_EQ(book_->setProgress(1, 40, kAlice).reply, 0);

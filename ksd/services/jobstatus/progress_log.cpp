@@ -1,6 +1,7 @@
 #include "services/jobstatus/progress_log.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +58,16 @@ store::StoreError ioError(const std::filesystem::path& file, const char* what, i
 ProgressLog::ProgressLog(const std::filesystem::path& file) : file_(file) {
     fd_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd_ < 0) throw ioError(file_, "cannot open", errno);
+    // Two daemons appending at their own idea of the end would overwrite
+    // each other's answered changes: the second one does not start.
+    if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+        const int err = errno;
+        ::close(fd_);
+        fd_ = -1;
+        if (err == EWOULDBLOCK)
+            throw store::StoreError(file_.string() + " is in use by another ksd on the same state directory", 0);
+        throw ioError(file_, "cannot lock", err);
+    }
     // New records go after the last whole one, over any torn tail.
     size_ = readAll().size() * kRecordBytes;
 }

@@ -21,7 +21,8 @@ public:
         std::int32_t state = 0;
     };
 
-    // Opens or creates `file` (mode 0600). Throws store::StoreError.
+    // Opens or creates `file` (mode 0600) and holds it exclusively while
+    // open. Throws store::StoreError, also when another process holds it.
     explicit ProgressLog(const std::filesystem::path& file);
     ~ProgressLog();
     ProgressLog(const ProgressLog&) = delete;
