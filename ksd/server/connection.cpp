@@ -36,10 +36,14 @@ Connection::Connection(GenericSocket socket, PeerInfo peer, ConnectionManager& m
       parser_(handler, limits.parser),
       timer_(socket_.get_executor()) {}
 
-// The first receive is tried at once: a client's request often arrives with
-// its connection. Reads and writes made outside asio are non-blocking by their
-// flags, so the socket's own mode is left to asio.
-void Connection::start() { waitReadable(); }
+// The first receive is tried at once, outside asio: a client's request often
+// arrives with its connection, and so its reply leaves before the listener
+// takes up accepting again. Reads and writes made outside asio are
+// non-blocking by their flags, so the socket's own mode is left to asio.
+void Connection::start() {
+    mayHaveMore_ = true;
+    waitReadable();
+}
 
 void Connection::stop() { close(); }
 
