@@ -196,6 +196,7 @@ void NotifierService::handleNotify(Request& request) {
     }
     const std::size_t queued = publish(sender, event, text, payload);
     request.responder->reply(longReply(static_cast<std::int64_t>(queued)));
+    flushTouched();
 }
 
 std::size_t NotifierService::publish(std::string_view sender, std::string_view event, std::string_view text,
@@ -213,12 +214,22 @@ std::size_t NotifierService::deliver(std::string_view sender, std::string_view e
         if (!audience.admits(key.owner)) return;
         if (!encoded) encoded = std::make_shared<const std::string>(encodeNotification(sender, event, text, payload));
         PushChannel* channel = channelFor(key.address);
-        if (channel != nullptr && channel->push(key.callbackId, key.owner, encoded))
+        if (channel != nullptr && channel->push(key.callbackId, key.owner, encoded)) {
             ++queued;
-        else
+            if (touched_.empty() || touched_.back().get() != channel) touched_.push_back(channel->shared_from_this());
+        } else {
             ++queueDrops_;
+        }
     });
     return queued;
+}
+
+// The frames go out in this turn of the loop, after the reply: a push left for
+// the next turn waited behind the publisher, whom the reply had just woken.
+void NotifierService::flushTouched() {
+    flushing_.swap(touched_);  // a flush that published again would not disturb this loop
+    for (const auto& channel : flushing_) channel->flush();
+    flushing_.clear();
 }
 
 void NotifierService::publishEvent(EventFamily family, const std::string& subject, std::int32_t code,
@@ -231,6 +242,7 @@ void NotifierService::publishEvent(EventFamily family, const std::string& subjec
     // lookup when there are none. Not counted again as a publication.
     const std::string& aggregate = aggregateEventName(family);
     if (!shutDown_ && table_.hasSubscribers(aggregate)) deliver(kDaemonSender, aggregate, subject, payload, audience);
+    flushTouched();
 }
 
 PushChannel* NotifierService::channelFor(const std::string& address) {

@@ -66,6 +66,9 @@ private:
     std::size_t deliver(std::string_view sender, std::string_view event, std::string_view text,
                         std::string_view payload, const EventAudience& audience);
     PushChannel* channelFor(const std::string& address);
+    void flushTouched();
+    // The channels deliver() queued to since the last flushTouched().
+    std::vector<std::shared_ptr<PushChannel>> touched_, flushing_;
 
     void channelFailed(PushChannel& channel, const std::string& reason) override;
     void channelIdle(PushChannel& channel) override;

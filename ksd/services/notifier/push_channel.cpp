@@ -63,9 +63,15 @@ bool PushChannel::push(std::int32_t callbackId, uid_t owner, std::shared_ptr<con
     } else if (state_ == State::Ready && inFlight_ == 0 && !writeScheduled_) {
         // Later pushes of the same turn of the loop join this write.
         writeScheduled_ = true;
-        asio::post(socket_.get_executor(), [self = shared_from_this()] { self->writeQueued(); });
+        asio::post(socket_.get_executor(), [self = shared_from_this()] {
+            if (self->writeScheduled_) self->writeQueued();
+        });
     }
     return true;
+}
+
+void PushChannel::flush() {
+    if (writeScheduled_) writeQueued();
 }
 
 void PushChannel::connect() {

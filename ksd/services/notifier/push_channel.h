@@ -50,6 +50,8 @@ public:
 
     // Queues one frame; false when the queue is full (dropped and counted).
     bool push(std::int32_t callbackId, uid_t owner, std::shared_ptr<const std::string> payload);
+    // Starts the write push() scheduled now instead of on the loop's next turn.
+    void flush();
     void close();
     // The owner hears nothing more (it is dropping the channel or going away).
     void detach() { owner_ = nullptr; }
