@@ -59,34 +59,20 @@ std::size_t valueEnd(std::string_view s, std::size_t i) {
     return npos;
 }
 
-// Where the array's last item starts (after '[' or its last top-level ',').
+// Where the array's last item starts, its items skipped one by one.
 std::size_t lastItemStart(std::string_view s) {
     std::size_t i = skipSpace(s, 0);
     if (i >= s.size() || s[i] != '[') return npos;
-    std::size_t last = i + 1;
-    int depth = 0;
-    for (; i < s.size(); ++i) {
-        switch (s[i]) {
-            case '"':
-                i = stringEnd(s, i);
-                if (i == npos) return npos;
-                break;
-            case '[':
-            case '{':
-                ++depth;
-                break;
-            case ']':
-            case '}':
-                if (--depth == 0) return last;
-                break;
-            case ',':
-                if (depth == 1) last = i + 1;
-                break;
-            default:
-                break;
-        }
+    for (i = skipSpace(s, i + 1);;) {
+        const std::size_t start = i;
+        const std::size_t end = valueEnd(s, i);
+        if (end == npos) return npos;
+        i = skipSpace(s, end);
+        if (i >= s.size()) return npos;
+        if (s[i] == ']') return start;
+        if (s[i] != ',') return npos;
+        i = skipSpace(s, i + 1);
     }
-    return npos;
 }
 
 }  // namespace
