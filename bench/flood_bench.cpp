@@ -72,11 +72,7 @@ std::string connectionFlood(const std::string& address, int seconds) {
 // Sixteen notifications announcing 60 MiB each, fed until ksd stops reading them.
 std::string unfinishedFlood(const std::string& address, int seconds) {
     std::vector<std::unique_ptr<WireClient>> clients;
-    const std::string head = kstest::Wire()
-                                 .addShort(1)
-                                 .addShort(7777)
-                                 .addString("Notifier")
-                                 .addString("TRVX_NN_NOTIFY")
+    const std::string head = kstest::requestWire("Notifier", "TRVX_NN_NOTIFY")
                                  .addString("udp:127.0.0.1:0")
                                  .addString("flood")
                                  .addString("")
@@ -107,13 +103,7 @@ std::string pipelineWithoutReading(const std::string& address, int seconds) {
     ::fcntl(c.fd(), F_SETFL, O_NONBLOCK);
     std::string many;
     for (int i = 0; i < 1000; ++i)
-        many += kstest::Wire()
-                    .addShort(1)
-                    .addShort(7777)
-                    .addString("KsdOperator")
-                    .addString("KSD_OP_QUERY")
-                    .addString("status")
-                    .bytes();
+        many += kstest::requestWire("KsdOperator", "KSD_OP_QUERY").addString("status").bytes();
     long sent = 0;
     std::size_t at = 0;
     const auto end = Clock::now() + std::chrono::seconds(seconds);

@@ -72,8 +72,7 @@ bool createJobs(const std::string& address, int count) {
         const int n = std::min(kBatch, count - first);
         std::string batch;
         for (int i = first; i < first + n; ++i) {
-            kstest::Wire w;
-            w.addShort(1).addShort(7777).addString("JobStatus").addString("TRVX_JS_CREATE");
+            kstest::Wire w = kstest::requestWire("JobStatus", "TRVX_JS_CREATE");
             w.addString(description + std::to_string(i)).addString("job-" + std::to_string(i));
             batch += w.bytes();
         }

@@ -28,14 +28,12 @@
 #include <thread>
 #include <vector>
 
-#include "OrvoCodec.h"
 #include "OrvoNotificationNetwork.h"
 #include "fake_daemon.h"
 #include "ksd_process.h"
 
 namespace {
 
-namespace Codec = OrvoNet::Codec;
 using Clock = std::chrono::steady_clock;
 
 std::int64_t nowNs() { return Clock::now().time_since_epoch().count(); }
@@ -256,23 +254,6 @@ FanoutResult fanout(pid_t daemonPid, int processes, int perProcess, double secon
 
 // ---- publications with subscriptions on other events -------------------
 
-std::string requestHeader(std::string_view name) {
-    std::string out;
-    Codec::putShort(out, 1);
-    Codec::putShort(out, 7777);
-    Codec::putString(out, "Notifier");
-    Codec::putString(out, name);
-    return out;
-}
-
-// A reply: one value, then the trailer (short 0, short 7777).
-bool readReply(kstest::WireClient& c, std::int64_t& value) {
-    Codec::Value v, t1, t2;
-    if (!c.readValue(v, 30000) || !c.readValue(t1, 30000) || !c.readValue(t2, 30000)) return false;
-    value = v.integer;
-    return true;
-}
-
 // An abstract name that accepts nothing: subscriptions to it stay (the
 // sweep finds a listener) and nothing is ever pushed to it.
 struct QuietListener {
@@ -299,15 +280,16 @@ int subscribeOthers(const std::string& daemon, const std::string& address, int c
         std::string batch;
         const int n = std::min(kBatch, count - i);
         for (int k = 0; k < n; ++k) {
-            batch += requestHeader("TRVX_NN_REGISTER");
-            Codec::putString(batch, "bench.other." + std::to_string(i + k));
-            Codec::putString(batch, address);
-            Codec::putInt(batch, i + k + 1);
+            batch += kstest::requestWire("Notifier", "TRVX_NN_REGISTER")
+                         .addString("bench.other." + std::to_string(i + k))
+                         .addString(address)
+                         .addInt(i + k + 1)
+                         .bytes();
         }
         if (!c.send(batch)) return taken;
         for (int k = 0; k < n; ++k) {
             std::int64_t rc = -1;
-            if (!readReply(c, rc)) return taken;
+            if (!c.readReply(rc, 30000)) return taken;
             if (rc == 0) ++taken;
         }
     }
@@ -316,17 +298,14 @@ int subscribeOthers(const std::string& daemon, const std::string& address, int c
 
 // Publications per second of one publisher on one connection, for `seconds`.
 double publishRate(kstest::WireClient& c, const std::string& event, double seconds) {
-    std::string notify = requestHeader("TRVX_NN_NOTIFY");
-    Codec::putString(notify, "udp:127.0.0.1:0");
-    Codec::putString(notify, event);
-    Codec::putString(notify, "<x/>");
-    Codec::putLong(notify, 0);
+    const std::string notify =
+        kstest::requestWire("Notifier", "TRVX_NN_NOTIFY").addString("udp:127.0.0.1:0").addString(event).addString("<x/>").addLong(0);
     long count = 0;
     const auto start = Clock::now();
     const auto until = start + std::chrono::duration<double>(seconds);
     std::int64_t queued = 0;
     while (Clock::now() < until) {
-        if (!c.send(notify) || !readReply(c, queued)) return 0;
+        if (!c.send(notify) || !c.readReply(queued, 30000)) return 0;
         ++count;
     }
     return static_cast<double>(count) / std::chrono::duration<double>(Clock::now() - start).count();

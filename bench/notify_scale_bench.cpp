@@ -18,7 +18,6 @@
 #include <thread>
 #include <vector>
 
-#include "OrvoCodec.h"
 #include "OrvoJobStatus.h"
 #include "OrvoNotificationNetwork.h"
 #include "fake_daemon.h"
@@ -26,7 +25,6 @@
 
 namespace {
 
-namespace Codec = OrvoNet::Codec;
 using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
@@ -89,34 +87,12 @@ void idleConnections(int connections, int subscriptions) {
     row("  per idle connection (KiB)", fmt("%.2f", static_cast<double>(withConnections - base) / connections));
 }
 
-std::string request(std::string_view service, std::string_view name) {
-    std::string out;
-    Codec::putShort(out, 1);
-    Codec::putShort(out, 7777);
-    Codec::putString(out, service);
-    Codec::putString(out, name);
-    return out;
-}
-
 std::string lockRequest(const std::string& resource) {
-    std::string out = request("Arbiter", "TRVX_RA_LOCK");
-    Codec::putString(out, resource);
-    Codec::putLong(out, -1);
-    return out;
+    return kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(resource).addLong(-1).bytes();
 }
 
 std::string unlockRequest(std::int64_t handle) {
-    std::string out = request("Arbiter", "TRVX_RA_UNLOCK");
-    Codec::putLong(out, handle);
-    return out;
-}
-
-// A reply: the long, then the trailer (short 0, short 7777).
-bool readLongReply(kstest::WireClient& c, std::int64_t& value) {
-    Codec::Value v, t1, t2;
-    if (!c.readValue(v, 30000) || !c.readValue(t1, 30000) || !c.readValue(t2, 30000)) return false;
-    value = v.integer;
-    return true;
+    return kstest::requestWire("Arbiter", "TRVX_RA_UNLOCK").addLong(handle).bytes();
 }
 
 long waiters(kstest::KsdProcess& ksd) {
@@ -144,7 +120,7 @@ void lockHandOver(int waiterCount) {
     const std::string resource = "bench.lock";
     kstest::WireClient control;
     std::int64_t handle = 0;
-    if (!control.connect(ksd.connType()) || !control.send(lockRequest(resource)) || !readLongReply(control, handle))
+    if (!control.connect(ksd.connType()) || !control.send(lockRequest(resource)) || !control.readReply(handle, 30000))
         return row("first lock failed", "-");
     std::vector<std::unique_ptr<kstest::WireClient>> queue;
     const std::string lock = lockRequest(resource);
@@ -162,8 +138,8 @@ void lockHandOver(int waiterCount) {
     for (int g = 0; g < grants; ++g) {
         auto& c = queue[static_cast<std::size_t>(g % waiterCount)];
         std::int64_t rc = -1;
-        if (!control.send(unlockRequest(handle)) || !readLongReply(control, rc) || rc != 0) break;
-        if (!readLongReply(*c, handle) || handle <= 0 || !c->send(lock)) break;
+        if (!control.send(unlockRequest(handle)) || !control.readReply(rc, 30000) || rc != 0) break;
+        if (!c->readReply(handle, 30000) || handle <= 0 || !c->send(lock)) break;
         ++granted;
     }
     const double perGrant = secondsSince(start) / granted * 1e6;
@@ -176,8 +152,8 @@ void lockHandOver(int waiterCount) {
     for (auto& c : queue) c->close();
     for (int i = 0; i < 3000 && waiters(ksd) > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     std::int64_t rc = -1;
-    if (!control.send(unlockRequest(handle)) || !readLongReply(control, rc)) return;
-    if (!control.send(lockRequest(resource)) || !readLongReply(control, handle)) return;
+    if (!control.send(unlockRequest(handle)) || !control.readReply(rc, 30000)) return;
+    if (!control.send(lockRequest(resource)) || !control.readReply(handle, 30000)) return;
     for (auto& c : queue)
         if (!c->connect(ksd.connType()) || !c->send(lock)) return;
     for (int i = 0; i < 3000 && waiters(ksd) < waiterCount; ++i)

@@ -11,6 +11,7 @@
 #include "OrvoJobStatus.h"
 #include "OrvoNotificationNetwork.h"
 #include "bench_table.h"
+#include "fake_daemon.h"
 #include "raw_server.h"
 
 namespace ksbench {
@@ -19,15 +20,6 @@ namespace {
 namespace Codec = OrvoNet::Codec;
 
 constexpr int kPayloadBytes = 64;
-
-std::string header(const char* service, const char* request) {
-    std::string s;
-    Codec::putShort(s, 1);
-    Codec::putShort(s, 7777);
-    Codec::putString(s, service);
-    Codec::putString(s, request);
-    return s;
-}
 
 std::string longReply() {
     std::string s;
@@ -39,20 +31,16 @@ std::string longReply() {
 
 // What the library sends for the requests below, byte for byte in size.
 std::string setProgressRequest() {
-    std::string s = header("JobStatus", "TRVX_JS_SET_PROGRESS");
-    Codec::putLong(s, 1);
-    Codec::putLong(s, 40);
-    return s;
+    return kstest::requestWire("JobStatus", "TRVX_JS_SET_PROGRESS").addLong(1).addLong(40);
 }
 
 std::string notifyRequest(const std::string& event) {
-    std::string s = header("Notifier", "TRVX_NN_NOTIFY");
-    Codec::putString(s, "udp:127.0.0.1:0");
-    Codec::putString(s, event);
-    Codec::putString(s, "<tick/>");
-    Codec::putLong(s, kPayloadBytes);
-    s.append(kPayloadBytes, '\0');
-    return s;
+    return kstest::requestWire("Notifier", "TRVX_NN_NOTIFY")
+        .addString("udp:127.0.0.1:0")
+        .addString(event)
+        .addString("<tick/>")
+        .addLong(kPayloadBytes)
+        .addRaw(std::string(kPayloadBytes, '\0'));
 }
 
 std::string detail(const SyscallCount& c) {

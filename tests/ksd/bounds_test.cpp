@@ -32,11 +32,9 @@ std::size_t residentBytes(const KsdProcess& ksd) {
     return static_cast<std::size_t>(std::max(0L, kstest::residentKiB(ksd.pid()))) * 1024;
 }
 
-kstest::Wire request(std::string_view service, std::string_view name) {
-    return kstest::Wire().addShort(1).addShort(7777).addString(service).addString(name);
-}
+using kstest::requestWire;
 
-std::string statusQuery() { return request("KsdOperator", "KSD_OP_QUERY").addString("status").bytes(); }
+std::string statusQuery() { return requestWire("KsdOperator", "KSD_OP_QUERY").addString("status").bytes(); }
 
 // Sends `head`, then as much of `body` as the peer takes without blocking, on
 // every connection, until none took anything for half a second: the bytes sent.
@@ -83,7 +81,7 @@ TEST(Bounds, UnfinishedRequestsOfOneUserAreNotBufferedAndOthersAreStillServed) {
             if (!clients.back()->connect(address)) return std::string("connect failed");
             keep.push_back(clients.back());
         }
-        const std::string head = request("Notifier", "TRVX_NN_NOTIFY")
+        const std::string head = requestWire("Notifier", "TRVX_NN_NOTIFY")
                                      .addString("udp:127.0.0.1:0")
                                      .addString("flood")
                                      .addString("")

@@ -87,9 +87,7 @@ public:
     std::string tcpAddress() { return "socket:127.0.0.1:" + std::to_string(daemon().tcpPort()); }
 };
 
-inline kstest::Wire requestWire(std::string_view service, std::string_view request) {
-    return kstest::Wire().addShort(1).addShort(7777).addString(service).addString(request);
-}
+using kstest::requestWire;
 inline std::string echoRequest(std::string_view text) { return requestWire("Test", "ECHO").addString(text).bytes(); }
 inline std::string notifyRequest(std::string_view event, std::string_view text, std::string_view payload) {
     kstest::Wire w = requestWire("Notifier", "TRVX_NN_NOTIFY");

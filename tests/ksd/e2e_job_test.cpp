@@ -89,7 +89,7 @@ TEST_F(JobEndToEnd, MalformedInputAtTheSocketLosesNoStoredJob) {
     const int id = OrvoJSECreateJob("precious", "survivor");
     ASSERT_EQ(OrvoJSESetJobProgress(id, 33), 0);
     const int count = OrvoJSEGetAllJobProgress(nullptr, nullptr);
-    auto js = [](const char* request) { return kstest::Wire().addShort(1).addShort(7777).addString("JobStatus").addString(request); };
+    auto js = [](const char* request) { return kstest::requestWire("JobStatus", request); };
     for (const auto& [bytes, error] : std::vector<std::pair<std::string, int>>{
              {"GET / HTTP/1.1\r\n\r\n", EPROTO},
              {kstest::Wire().addShort(2).addShort(7777).bytes(), EPROTO},  // wrong version

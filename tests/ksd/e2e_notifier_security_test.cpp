@@ -39,7 +39,7 @@ std::int64_t ask(const std::string& daemon, const kstest::Wire& request) {
     return v.tag == OrvoNet::Codec::kTagError ? kRefused + v.integer : v.integer;
 }
 kstest::Wire request(const char* name) {
-    return kstest::Wire().addShort(1).addShort(7777).addString("Notifier").addString(name);
+    return kstest::requestWire("Notifier", name);
 }
 std::int64_t subscribe(const std::string& daemon, const std::string& event, const std::string& address, int id) {
     return ask(daemon, request("TRVX_NN_REGISTER").addString(event).addString(address).addInt(id));

@@ -182,11 +182,7 @@ TEST_F(TaskEndToEnd, BadInputIsRefusedAndChangesNothing) {
     for (std::int32_t length : {0x7fffffff, -1}) {
         kstest::WireClient c;
         ASSERT_TRUE(c.connect(ksd_->connType()));
-        c.send(kstest::Wire()
-                   .addShort(1)
-                   .addShort(7777)
-                   .addString("Scheduler")
-                   .addString("TRVX_TS_SCHEDULE_BLOB")
+        c.send(kstest::requestWire("Scheduler", "TRVX_TS_SCHEDULE_BLOB")
                    .addString("huge")
                    .addInt(length)
                    .bytes());
@@ -233,7 +229,7 @@ TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
         kstest::WireClient c;
         Codec::Value v;
         if (!c.connect("socket:" + port)) return std::string("no connection");
-        c.send(kstest::Wire().addShort(1).addShort(7777).addString("Scheduler").addString(name).bytes() +
+        c.send(kstest::requestWire("Scheduler", name).bytes() +
                fields.bytes());
         return c.readValue(v) ? std::string(1, v.tag) + std::to_string(v.integer) : std::string("no answer");
     };

@@ -116,6 +116,10 @@ private:
     std::string m_sBytes;
 };
 
+// The head of a request as the client library writes it (protocol version,
+// magic, service, request name); the request's fields are added after it.
+Wire requestWire(std::string_view sService, std::string_view sRequest);
+
 // The bytes of one push frame: tagged int id, tagged int length, payload.
 std::string encodeFrame(std::int32_t nId, std::string_view sPayload);
 
@@ -198,6 +202,8 @@ public:
     bool push(std::int32_t nId, std::string_view sPayload) { return send(encodeFrame(nId, sPayload)); }
     // Reads one typed value (waits up to nTimeoutMs); false on timeout, end or a bad value.
     bool readValue(OrvoNet::Codec::Value& value, int nTimeoutMs = 5000);
+    // Reads a whole reply: its value (an integer, into nValue) and the trailer.
+    bool readReply(std::int64_t& nValue, int nTimeoutMs = 5000);
     // Reads exactly n raw bytes; false on timeout or end.
     bool readRaw(std::string& sOut, std::size_t n, int nTimeoutMs = 5000);
     // Waits up to nTimeoutMs for the peer to close; true when it did (input before the end is discarded).

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "OrvoProtocol.h"
 #include "fake_daemon.h"
 
 namespace kstest {
@@ -68,6 +69,14 @@ Wire& Wire::addError(std::int32_t nCode, std::string_view sMessage) {
 Wire& Wire::addRaw(std::string_view s) {
     m_sBytes.append(s);
     return *this;
+}
+
+Wire requestWire(std::string_view sService, std::string_view sRequest) {
+    return Wire()
+        .addShort(OrvoNet::Protocol::kProtocolVersion)
+        .addShort(OrvoNet::Protocol::kMagic)
+        .addString(sService)
+        .addString(sRequest);
 }
 
 std::string encodeFrame(std::int32_t nId, std::string_view sPayload) {

@@ -118,6 +118,13 @@ bool WireClient::readValue(Codec::Value& value, int nTimeoutMs) {
     }
 }
 
+bool WireClient::readReply(std::int64_t& nValue, int nTimeoutMs) {
+    OrvoNet::Codec::Value value, status, magic;
+    if (!readValue(value, nTimeoutMs) || !readValue(status, nTimeoutMs) || !readValue(magic, nTimeoutMs)) return false;
+    nValue = value.integer;
+    return true;
+}
+
 bool WireClient::readRaw(std::string& sOut, std::size_t n, int nTimeoutMs) {
     while (m_sIn.size() < n)
         if (!fill(nTimeoutMs)) return false;
@@ -148,8 +155,8 @@ void WireClient::close() {
 std::string operatorQuery(const std::string& sAddress, std::string_view sWhat) {
     WireClient client;
     if (!client.connect(sAddress)) return {};
-    Wire request;
-    request.addShort(1).addShort(7777).addString("KsdOperator").addString("KSD_OP_QUERY").addString(sWhat);
+    Wire request = requestWire("KsdOperator", "KSD_OP_QUERY");
+    request.addString(sWhat);
     OrvoNet::Codec::Value value;
     if (!client.send(request.bytes()) || !client.readValue(value) || value.tag != OrvoNet::Codec::kTagString) return {};
     return value.text;
