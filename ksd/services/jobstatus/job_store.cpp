@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "OrvoLogging.h"
+#include "store/counters.h"
 #include "store/store_error.h"
 
 namespace ksd::jobs {
@@ -18,11 +19,7 @@ constexpr std::size_t kMaxLogged = 4096;
 JobStore::JobStore(store::Database& db, const std::filesystem::path& progressLog) : db_(db) {
     if (progressLog.empty()) return;
     log_ = std::make_unique<ProgressLog>(progressLog);
-    db_.cached("INSERT OR IGNORE INTO counters(name, value) VALUES (?1, 0)").bind(1, std::string_view(kAppliedSeq)).run();
-    auto& s = db_.cached("SELECT value FROM counters WHERE name = ?1");
-    s.bind(1, std::string_view(kAppliedSeq));
-    const std::int64_t applied = s.step() ? s.columnInt(0) : 0;
-    s.reset();
+    const std::int64_t applied = store::counterValue(db_, kAppliedSeq);
     nextSeq_ = applied + 1;
     // Records up to `applied` reached the database before the log was emptied.
     for (const ProgressLog::Record& r : log_->readAll()) {
@@ -47,10 +44,7 @@ void JobStore::applyLogged() {
             .bind(2, std::int64_t{r.progress})
             .bind(3, std::int64_t{r.state})
             .run();
-    db_.cached("UPDATE counters SET value = ?2 WHERE name = ?1")
-        .bind(1, std::string_view(kAppliedSeq))
-        .bind(2, logged_.back().seq)
-        .run();
+    store::setCounter(db_, kAppliedSeq, logged_.back().seq);
     t.commit();
     logged_.clear();
     log_->clear();
