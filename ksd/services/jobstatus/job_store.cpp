@@ -22,7 +22,7 @@ JobStore::JobStore(store::Database& db, const std::filesystem::path& progressLog
     const std::int64_t applied = store::counterValue(db_, kAppliedSeq);
     nextSeq_ = applied + 1;
     // Records up to `applied` reached the database before the log was emptied.
-    for (const ProgressLog::Record& r : log_->readAll()) {
+    for (const ProgressLog::Record& r : log_->takeRecordsAtOpen()) {
         if (r.seq <= applied) continue;
         logged_.push_back(r);
         nextSeq_ = r.seq + 1;

@@ -68,8 +68,9 @@ ProgressLog::ProgressLog(const std::filesystem::path& file) : file_(file) {
             throw store::StoreError(file_.string() + " is in use by another ksd on the same state directory", 0);
         throw ioError(file_, "cannot lock", err);
     }
+    atOpen_ = readAll();
     // New records go after the last whole one, over any torn tail.
-    size_ = readAll().size() * kRecordBytes;
+    size_ = atOpen_.size() * kRecordBytes;
 }
 
 ProgressLog::~ProgressLog() {

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <utility>
 #include <vector>
 
 namespace ksd::jobs {
@@ -28,8 +29,9 @@ public:
     ProgressLog(const ProgressLog&) = delete;
     ProgressLog& operator=(const ProgressLog&) = delete;
 
-    // The whole records in file order, up to the first torn or damaged one.
-    std::vector<Record> readAll() const;
+    // The whole records the file held when opened, in file order, up to the
+    // first torn or damaged one; handed over once.
+    std::vector<Record> takeRecordsAtOpen() { return std::move(atOpen_); }
     // Writes `r` after the last whole record. Throws store::StoreError; a
     // failed write leaves no part of `r` behind.
     void append(const Record& r);
@@ -38,9 +40,12 @@ public:
     void clear() noexcept;
 
 private:
+    std::vector<Record> readAll() const;
+
     std::filesystem::path file_;
     int fd_ = -1;
     std::uint64_t size_ = 0;  // bytes of whole records
+    std::vector<Record> atOpen_;
 };
 
 }  // namespace ksd::jobs
