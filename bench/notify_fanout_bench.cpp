@@ -20,10 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,16 +40,6 @@ std::int64_t cpuNs(int who) {
     ::getrusage(who, &u);
     auto ns = [](const timeval& t) { return std::int64_t{t.tv_sec} * 1'000'000'000 + std::int64_t{t.tv_usec} * 1000; };
     return ns(u.ru_utime) + ns(u.ru_stime);
-}
-
-// User plus system CPU time of another process.
-std::int64_t processCpuNs(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::vector<std::string> f{std::istream_iterator<std::string>(fields), std::istream_iterator<std::string>()};
-    if (f.size() <= 12) return 0;
-    return (std::stoll(f[11]) + std::stoll(f[12])) * (1'000'000'000 / ::sysconf(_SC_CLK_TCK));
 }
 
 double percentileUs(std::vector<std::int64_t>& v, double p) {
@@ -223,7 +210,7 @@ FanoutResult fanout(pid_t daemonPid, int processes, int perProcess, double secon
     for (auto& ch : children)
         if (::read(ch.in, &c, 1) != 1) std::fprintf(stderr, "child %d did not subscribe\n", static_cast<int>(ch.pid));
     FanoutResult r;
-    const std::int64_t daemonCpu = processCpuNs(daemonPid);
+    const std::int64_t daemonCpu = kstest::processCpuNs(daemonPid);
     const std::int64_t start = nowNs();
     const auto until = Clock::now() + std::chrono::duration<double>(seconds);
     char payload[16] = {};
@@ -236,7 +223,7 @@ FanoutResult fanout(pid_t daemonPid, int processes, int perProcess, double secon
     r.publishRate = static_cast<double>(r.published) / (static_cast<double>(nowNs() - start) / 1e9);
     // Let the queues drain: nothing is published any more.
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    r.daemonCpuNs = processCpuNs(daemonPid) - daemonCpu;
+    r.daemonCpuNs = kstest::processCpuNs(daemonPid) - daemonCpu;
     std::int64_t last = start;
     for (auto& ch : children) {
         std::int64_t in[3] = {0, 0, 0};

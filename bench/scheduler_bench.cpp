@@ -6,11 +6,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,15 +28,6 @@ kstest::KsdProcess& daemon() {
         ::setenv("KSINTF_CONN_TYPE", ksd.connType().c_str(), 1);
     }
     return ksd;
-}
-
-// User plus system CPU time of `pid`, in clock ticks.
-long cpuTicks(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::vector<std::string> f{std::istream_iterator<std::string>(fields), std::istream_iterator<std::string>()};
-    return f.size() > 12 ? std::stol(f[11]) + std::stol(f[12]) : -1;
 }
 
 void BM_ScheduleDailyTask(benchmark::State& state) {
@@ -63,10 +52,9 @@ BENCHMARK(BM_ScheduleDailyTask)->Iterations(kTasks)->Unit(benchmark::kMicrosecon
 void BM_IdleCpuWithTenThousandTasks(benchmark::State& state) {
     const pid_t pid = daemon().pid();
     for (auto _ : state) {
-        const long before = cpuTicks(pid);
+        const std::int64_t before = kstest::processCpuNs(pid);
         std::this_thread::sleep_for(std::chrono::seconds(3));
-        state.counters["ksd_cpu_ms_in_3s"] =
-            static_cast<double>(cpuTicks(pid) - before) * 1000.0 / static_cast<double>(::sysconf(_SC_CLK_TCK));
+        state.counters["ksd_cpu_ms_in_3s"] = static_cast<double>(kstest::processCpuNs(pid) - before) / 1e6;
     }
 }
 BENCHMARK(BM_IdleCpuWithTenThousandTasks)->Iterations(1)->Unit(benchmark::kMillisecond);

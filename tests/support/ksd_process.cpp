@@ -12,9 +12,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "fake_daemon.h"
 #include "wait_until.h"
@@ -142,6 +144,17 @@ std::string KsdProcess::log() const {
     std::stringstream s;
     s << in.rdbuf();
     return s.str();
+}
+
+std::int64_t processCpuNs(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const auto name = text.rfind(')');  // the command name may hold spaces
+    if (name == std::string::npos) return -1;
+    std::istringstream fields(text.substr(name + 2));
+    std::vector<std::string> f{std::istream_iterator<std::string>(fields), std::istream_iterator<std::string>()};
+    if (f.size() <= 12) return -1;
+    return (std::stoll(f[11]) + std::stoll(f[12])) * (1'000'000'000 / ::sysconf(_SC_CLK_TCK));
 }
 
 long residentKiB(pid_t pid) {

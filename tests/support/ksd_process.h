@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -17,6 +18,9 @@ namespace kstest {
 std::string testBinaryDir();
 // Resident memory of a process in KiB (VmRSS), -1 when it cannot be read.
 long residentKiB(pid_t pid);
+// User plus system CPU time of a process, all its threads, in nanoseconds
+// (clock-tick resolution); -1 when it cannot be read.
+std::int64_t processCpuNs(pid_t pid);
 
 // Full paths of the programs tests run.
 std::string ksdProgram();            // <binary dir>/ksd/ksd
