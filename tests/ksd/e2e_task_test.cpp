@@ -2,6 +2,7 @@
 // with their logs, exit codes and state events; programs run as the user who
 // scheduled them; blob tasks; tasks kept across kill -9 with a missed run
 // made up once; and bad input that must change nothing.
+#include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -65,6 +66,12 @@ e2e::EventLog g_events;
 
 class TaskEndToEnd : public e2e::DaemonSuite {
 protected:
+    // The daemon gets supplementary groups that a program run for another user must not keep.
+    static void SetUpTestSuite() {
+        const gid_t groups[] = {0, 4};
+        if (::geteuid() == 0) ::setgroups(2, groups);
+        DaemonSuite::SetUpTestSuite();
+    }
     kstest::ScopedTempDir dir_{"kstest-task"};
 };
 
@@ -291,13 +298,13 @@ TEST_F(TaskEndToEnd, AProgramRunsAsTheUserWhoScheduledItAndOthersCannotTouchIt) 
     const std::string log = dir_.path() + "/nobody.log";
     const std::string locked = dir_.path() + "/root-only";
     ::mkdir(locked.c_str(), 0755);
-    const int h = asNobody([&] { return scheduleIn(1, "as-nobody", "id", "-u", log); });
+    const int h = asNobody([&] { return scheduleIn(1, "as-nobody", "id", "-G", log); });
     const int denied = asNobody([&] { return scheduleIn(1, "denied-log", "id", "-u", locked + "/x.log"); });
     const int mine = scheduleIn(3600, "root-task", "/bin/true", "", "");
     ASSERT_GT(h, 0);
     ASSERT_GT(denied, 0);
     EXPECT_TRUE(reaches(h, cCompleted));
-    EXPECT_EQ(readFile(log), "65534\n");
+    EXPECT_EQ(readFile(log), "65534\n") << "the user's groups only, none of the daemon's";
     struct stat st {};
     ASSERT_EQ(::stat(log.c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, 65534u) << "the log file is opened as the task's user";

@@ -151,7 +151,7 @@ TEST_F(Notifier, AFamilyNameCarriesEveryEventItsSubscriberMaySeeAndNothingWhenUn
     EXPECT_EQ(status("notifications"), published + 4) << "an event counts once, whoever hears it";
 }
 
-TEST(PushChannel, TheQueueIsBoundedByBytesAsWellAsByFrames) {
+TEST(PushChannel, TheQueueIsBoundedByBytesAndByFrames) {
     struct Owner final : ksd::PushChannelOwner {
         void channelFailed(ksd::PushChannel&, const std::string&) override {}
         void channelIdle(ksd::PushChannel&) override {}
@@ -159,7 +159,7 @@ TEST(PushChannel, TheQueueIsBoundedByBytesAsWellAsByFrames) {
     } owner;
     asio::io_context io;
     ksd::NotifierLimits limits;
-    limits.maxQueuedFrames = 100;
+    limits.maxQueuedFrames = 5;
     limits.maxQueuedBytes = 3 * (ksd::kFrameHeaderSize + 1000) + ksd::kFrameHeaderSize;
     const std::string text = "pipe:" + kstest::uniqueName("kstest-nobody");
     ksd::CallbackAddress address;
@@ -176,6 +176,7 @@ TEST(PushChannel, TheQueueIsBoundedByBytesAsWellAsByFrames) {
     EXPECT_FALSE(channel->push(1, 0, std::make_shared<const std::string>(1001, 'y')))
         << "a frame over it is never queued";
     EXPECT_EQ(channel->queuedFrames(), 5u);
+    EXPECT_FALSE(channel->push(1, 0, std::make_shared<const std::string>())) << "a sixth frame passes the frame bound";
     channel->detach();
     channel->close();
 }

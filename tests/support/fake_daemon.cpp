@@ -52,10 +52,7 @@ bool sendAll(int fd, std::string_view s) {
 
 FakeDaemon::FakeDaemon(Transport transport) : m_transport(transport), m_sName(uniqueName("kstest")) {}
 
-FakeDaemon::~FakeDaemon() {
-    stop();
-    closePushConnections();
-}
+FakeDaemon::~FakeDaemon() { stop(); }
 
 bool FakeDaemon::start() {
     if (m_listenFd >= 0) return true;
@@ -139,7 +136,7 @@ void FakeDaemon::acceptLoop() {
 }
 
 void FakeDaemon::serve(std::shared_ptr<Conn> conn) {
-    for (int nIndex = 0; serveOne(*conn, nIndex); ++nIndex) {
+    while (serveOne(*conn)) {
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     if (conn->fd >= 0) ::close(conn->fd);
@@ -148,7 +145,7 @@ void FakeDaemon::serve(std::shared_ptr<Conn> conn) {
 }
 
 // Reads and answers one request; false when the connection is to end.
-bool FakeDaemon::serveOne(Conn& conn, int nIndex) {
+bool FakeDaemon::serveOne(Conn& conn) {
     const int fd = conn.fd;  // stable: only this thread closes it
     bool bClientClosed = false;
 
@@ -210,7 +207,6 @@ bool FakeDaemon::serveOne(Conn& conn, int nIndex) {
 
     Request r;
     r.connection = conn.serial;
-    r.indexOnConnection = nIndex;
 
     // End of stream before the first byte of a request is the client's normal close.
     if (conn.in.empty() && !fill()) return clientGone();
@@ -324,11 +320,6 @@ void FakeDaemon::expect(Script script) {
     m_scripts.push_back(std::move(script));
 }
 
-void FakeDaemon::clearScripts() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_scripts.clear();
-}
-
 std::string FakeDaemon::connType() const {
     return m_transport == Transport::pipe ? "pipe:" + m_sName : "socket:" + std::to_string(m_nPort);
 }
@@ -364,11 +355,6 @@ std::string FakeDaemon::connectionBytes(int nConnection) const {
     return m_conns[static_cast<std::size_t>(nConnection) - 1]->bytes;
 }
 
-int FakeDaemon::clientClosedCount() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_nClientClosed;
-}
-
 bool FakeDaemon::waitForClientClosed(int n, int nTimeoutMs) const {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::milliseconds(nTimeoutMs), [&] { return m_nClientClosed >= n; });
@@ -384,17 +370,8 @@ WireClient& FakeDaemon::pusher(const std::string& sAddress) {
 }
 
 bool FakeDaemon::push(const std::string& sAddress, std::int32_t nId, std::string_view sPayload) {
-    return pushRaw(sAddress, encodeFrame(nId, sPayload));
-}
-
-bool FakeDaemon::pushRaw(const std::string& sAddress, std::string_view sBytes) {
     std::lock_guard<std::mutex> lock(m_pushMutex);
-    return pusher(sAddress).send(sBytes);
-}
-
-void FakeDaemon::closePushConnections() {
-    std::lock_guard<std::mutex> lock(m_pushMutex);
-    m_pushers.clear();
+    return pusher(sAddress).push(nId, sPayload);
 }
 
 }  // namespace kstest

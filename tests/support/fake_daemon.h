@@ -151,7 +151,6 @@ struct Value {
 // One request as the daemon received it.
 struct Request {
     int connection = 0;          // serial of the connection it came on, from 1
-    int indexOnConnection = 0;   // 0 for the first request on that connection
     std::int16_t version = 0;
     std::int16_t magic = 0;
     std::string service;
@@ -235,7 +234,6 @@ public:
 
     // Queues a script (may be called while running).
     void expect(Script script);
-    void clearScripts();
 
     // "pipe:<name>" or "socket:<port>": the KSINTF_CONN_TYPE value that points here.
     std::string connType() const;
@@ -252,22 +250,17 @@ public:
     // Connections accepted so far, and the bytes received on connection c (from 1).
     int connectionCount() const;
     std::string connectionBytes(int nConnection) const;
-    // Connections the client closed (end of stream seen by the daemon).
-    int clientClosedCount() const;
+    // Waits (bounded) until the client has closed n connections.
     bool waitForClientClosed(int n, int nTimeoutMs = 5000) const;
 
     // Sends one push frame to a callback address over a connection kept per address.
     bool push(const std::string& sAddress, std::int32_t nId, std::string_view sPayload);
-    // Sends raw bytes over the same kept connection (for malformed frames).
-    bool pushRaw(const std::string& sAddress, std::string_view sBytes);
-    // Closes the kept push connections.
-    void closePushConnections();
 
 private:
     struct Conn;
     void acceptLoop();
     void serve(std::shared_ptr<Conn> conn);
-    bool serveOne(Conn& conn, int nIndex);
+    bool serveOne(Conn& conn);
     std::optional<Script> takeScript(const std::string& sService, const std::string& sRequest);
     std::size_t record(Request r);
     WireClient& pusher(const std::string& sAddress);

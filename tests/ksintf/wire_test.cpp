@@ -1,0 +1,517 @@
+// Every family of the client library against a scripted daemon: the fields
+// each call writes and how its reply is narrowed, failures turned into minus
+// the code, argument checks that keep a request from going out, the buffer
+// protocols of text and blob replies, and pushed events reaching the caller.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <tuple>
+
+#include "JobStatusCallback.h"
+#include "KSIntfInternal.h"
+#include "KSIntfLibrary.h"
+#include "NotificationNetworkCallback.h"
+#include "OrvoJobStatus.h"
+#include "OrvoNotificationNetwork.h"
+#include "OrvoPayloadConnection.h"
+#include "OrvoResourceArbitration.h"
+#include "OrvoTaskScheduler.h"
+#include "ResourceArbitrationCallback.h"
+#include "away_from_midnight.h"
+#include "fake_daemon.h"
+#include "wait_until.h"
+
+using namespace kstest;
+using KSInterface::KSIntfLibrary;
+using Events = std::vector<std::string>;
+
+namespace {
+
+// "Service Request s:text n:number r:raw ..." as the daemon recorded it.
+std::string recorded(const Request& r) {
+    std::string s = r.service + " " + r.request;
+    for (const auto& v : r.values)
+        s += v.kind == Kind::String ? " s:" + v.text
+             : v.kind == Kind::Raw  ? " r:" + v.text
+             : v.kind == Kind::Int  ? " i:" + std::to_string(v.integer)
+                                    : " n:" + std::to_string(v.integer);
+    return s;
+}
+
+// The fields a record names: s: string, n: long, i: int, r: raw sized by the field before.
+Script scriptFor(const std::string& sRecord, std::string sReply) {
+    Script script{.service = sRecord.substr(0, sRecord.find(' ')), .reply = std::move(sReply)};
+    for (std::size_t i = 0; (i = sRecord.find(':', i + 1)) != std::string::npos;) {
+        const char k = sRecord[i - 1];
+        if (sRecord[i - 2] != ' ') continue;  // a colon inside a text
+        script.fields.push_back(k == 's'   ? Field::String()
+                                : k == 'n' ? Field::Long()
+                                : k == 'i' ? Field::Int()
+                                           : Field::RawFrom(static_cast<int>(script.fields.size()) - 1));
+    }
+    // The publishing connection is shared; every other call has one of its own.
+    script.closeAfterReply = sRecord.find("TRVX_NN_NOTIFY") == std::string::npos;
+    return script;
+}
+
+// Deliveries to the C callbacks of every family, made on the sink's thread.
+std::mutex g_mutex;
+Events g_events;
+void note(std::string s) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_events.push_back(std::move(s));
+}
+Events takeEvents(std::size_t n) {
+    waitUntil([n] {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        return g_events.size() >= n;
+    });
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return std::exchange(g_events, {});
+}
+void onNotification(const char* pszEvent, OrvoNNNotification* pN) {
+    const char* pData = static_cast<const char*>(pN->m_pData);
+    note(std::string(pszEvent) + "|" + pN->m_pszData + "|" +
+         (pData ? std::string(pData, static_cast<std::size_t>(pN->m_nDataLength)) : "null") + "|" +
+         std::to_string(pN->m_nDataLength));
+}
+void onJob(const char* pszName, tOrvoJSEEvent event) {
+    note("J:" + std::string(pszName) + " " + std::to_string(event));
+}
+void onLock(const char* pszName, int nCode) { note("L:" + std::string(pszName) + " " + std::to_string(nCode)); }
+void onTask(int hTask, tTaskState state) { note("T:" + std::to_string(hTask) + " " + std::to_string(state)); }
+
+// What the daemon pushes for an event: sender, event, text, length, bytes.
+std::string notification(const std::string& sEvent, const std::string& sXml, const std::string& sData, long nLength) {
+    return Wire().addString("ksd").addString(sEvent).addString(sXml).addLong(nLength).addRaw(sData);
+}
+template <typename T>
+std::string codeBytes(T nCode) {
+    return std::string(reinterpret_cast<const char*>(&nCode), sizeof nCode);
+}
+
+int scheduleOn(int nMonth, int nDay, int nYear, int nHour = 12, int nMinute = 0, int nSecond = 0,
+               tTaskFrequency frequency = cOneTime) {
+    return OrvoTSScheduleTask("t", "/bin/true", "/", "", frequency, nMonth, nDay, nYear, nHour, nMinute, nSecond,
+                              "log");
+}
+
+int nextYear(bool bLeap) {
+    int nYear = KSInterface::GetYear() + 1;
+    while (((nYear % 4 == 0 && nYear % 100 != 0) || nYear % 400 == 0) != bLeap) ++nYear;
+    return nYear;
+}
+
+const std::string kBlob("\x00\x01zz\xff\x00", 6);
+
+class WireTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(m_daemon.start()); }
+    void TearDown() override {
+        KSIntfLibrary::deleteSharedLibraryConnection();
+        KSIntfLibrary::deleteInstance();
+        takeEvents(0);
+    }
+    void expect(const std::string& sRecord, std::string sReply) {
+        m_daemon.expect(scriptFor(sRecord, std::move(sReply)));
+    }
+    Request last() {
+        EXPECT_TRUE(m_daemon.waitForRequests(m_daemon.requestCount()));
+        return m_daemon.request(m_daemon.requestCount() - 1);
+    }
+    FakeDaemon m_daemon;
+    ScopedEnv m_env{"KSINTF_CONN_TYPE", m_daemon.connType()};
+};
+
+TEST_F(WireTest, EachCallWritesItsFieldsAndNarrowsTheReply) {
+    const std::string sYear = std::to_string(KSInterface::GetYear() + 1);
+    const auto allBits = static_cast<tTaskFrequency>(0xFFFFFFFFu);  // widened without sign; an int in blobs
+    int aiAppID[3] = {11, -12, 13}, nCount = -77;
+    OrvoJSEJob jobs[2] = {{1, 2}, {3, 4}};
+    char data[] = {'a', '\0', 'c'};
+    OrvoNNNotification n{"<x a='1'/>", data, 3, nullptr}, empty{"", nullptr, 0, nullptr};
+    struct Case {
+        std::int64_t nReply;
+        std::function<long()> call;
+        long nResult;
+        std::string sRecord;
+    };
+    const Case cases[] = {
+        {(1L << 32) + 5, [&] { return OrvoNNNotify("nn.event", &n); }, 5,
+         "Notifier TRVX_NN_NOTIFY s:udp:127.0.0.1:0 s:nn.event s:<x a='1'/> n:3 r:" + std::string(data, 3)},
+        {-1, [&] { return OrvoNNNotify("other", &empty); }, -1,
+         "Notifier TRVX_NN_NOTIFY s:udp:127.0.0.1:0 s:other s: n:0 r:"},
+        {0x100000000LL + 42, [&] { return scheduleOn(3, 15, std::stoi(sYear), 23, 59, 58, cWeekly); }, 42,
+         "Scheduler TRVX_TS_SCHEDULE s:t s:/bin/true s:/ s: n:1 n:3 n:15 n:" + sYear + " n:23 n:59 n:58 s:log"},
+        // At boot time nothing is checked and the numbers keep their signs.
+        {-17, [] { return scheduleOn(0, 99, -5, -1, 77, -2, cBootTime); }, -17,
+         "Scheduler TRVX_TS_SCHEDULE s:t s:/bin/true s:/ s: n:4 n:0 n:99 n:-5 n:-1 n:77 n:-2 s:log"},
+        {1, [&] { return scheduleOn(1, 1, std::stoi(sYear), 0, 0, 0, allBits); }, 1,
+         "Scheduler TRVX_TS_SCHEDULE s:t s:/bin/true s:/ s: n:4294967295 n:1 n:1 n:" + sYear + " n:0 n:0 n:0 s:log"},
+        {2, [&] { return OrvoTSScheduleBlobTask("b", 1, "z", allBits, 1, 1, 1, 1, 1, 1); }, 2,
+         "Scheduler TRVX_TS_SCHEDULE_BLOB s:b i:1 r:z i:-1 i:1 i:1 i:1 i:1 i:1 i:1"},
+        {77, [] { return OrvoTSScheduleBlobTask("blob", 6, kBlob.data(), cBootTime, 13, 0, 1999, -1, 61, 99); }, 77,
+         "Scheduler TRVX_TS_SCHEDULE_BLOB s:blob i:6 r:" + kBlob + " i:4 i:13 i:0 i:1999 i:-1 i:61 i:99"},
+        {0x7FFFFFFF00000002LL, [] { return OrvoTSCancelTask(-6); }, 2, "Scheduler TRVX_TS_CANCEL n:-6"},
+        {0x7FFFFFFF00000002LL, [] { return OrvoTSExitCode(-6); }, 2, "Scheduler TRVX_TS_EXIT_CODE n:-6"},
+        {-1, [] { return long{OrvoTSTaskState(3)}; }, cExit, "Scheduler TRVX_TS_TASK_STATE n:3"},
+        {12, [] { return OrvoTSScheduledTaskLookup("nightly"); }, 12,
+         "Scheduler TRVX_TS_SCHEDULED_TASK_LOOKUP s:nightly"},
+        {7, [] { return OrvoJSECreateJob("nightly backup", "backup"); }, 7,
+         "JobStatus TRVX_JS_CREATE s:nightly backup s:backup"},
+        {7, [] { return OrvoJSELookupJob("backup"); }, 7, "JobStatus TRVX_JS_LOOKUP s:backup"},
+        {0x100000005LL, [] { return OrvoJSESetJobProgress(-3, 40); }, 5, "JobStatus TRVX_JS_SET_PROGRESS n:-3 n:40"},
+        {40, [] { return OrvoJSEGetJobProgress(7); }, 40, "JobStatus TRVX_JS_GET_PROGRESS n:7"},
+        {-2, [] { return OrvoJSECancelJob(8); }, -2, "JobStatus TRVX_JS_CANCEL n:8"},
+        {0, [] { return OrvoJSEDeleteJob(9); }, 0, "JobStatus TRVX_JS_DELETE n:9"},
+        // One long per application, none for a count below one.
+        {0, [&] { return OrvoJSEMapJobIDToAppID(4, 3, aiAppID); }, 0,
+         "JobStatus TRVX_JS_MAP_JOB n:4 n:3 n:11 n:-12 n:13"},
+        {0, [] { return OrvoJSEMapJobIDToAppID(4, -1, nullptr); }, 0, "JobStatus TRVX_JS_MAP_JOB n:4 n:-1"},
+        {3, [&] { return OrvoJSEGetAllJobProgress(&nCount, jobs); }, 3, "JobStatus TRVX_JS_GET_ALL_PROGRESS"},
+        {8589934591LL, [] { return OrvoRAResourceLock("disk0", -5); }, -1L, "Arbiter TRVX_RA_LOCK s:disk0 n:-5"},
+        {0x100000000LL, [] { return long{OrvoRAResourceUnlock(4294967301L)}; }, 0,
+         "Arbiter TRVX_RA_UNLOCK n:4294967301"},
+    };
+    for (const Case& c : cases) {
+        expect(c.sRecord, Wire().addLong(c.nReply));
+        EXPECT_EQ(c.call(), c.nResult) << c.sRecord;
+        const Request r = last();
+        EXPECT_TRUE(r.complete && r.version == 1 && r.magic == 7777) << c.sRecord;
+        EXPECT_EQ(recorded(r), c.sRecord);
+    }
+    EXPECT_EQ(m_daemon.request(1).connection, m_daemon.request(0).connection) << "publications share a connection";
+    EXPECT_TRUE(nCount == -77 && jobs[0].iJobID == 1 && jobs[1].iProgress == 4) << "out-parameters left alone";
+    // The shared connection outlives a restart of the daemon.
+    m_daemon.stop();
+    expect("Notifier TRVX_NN_NOTIFY s: s: s: n: r:", Wire().addLong(2));
+    ASSERT_TRUE(m_daemon.start());
+    EXPECT_EQ(OrvoNNNotify("after", &empty), 2);
+}
+
+// A daemon error gives minus its code, a connection cut mid-reply -ECONNRESET,
+// no daemon -ECONNREFUSED; nothing is copied out on failure.
+TEST_F(WireTest, FailedExchangesReturnMinusTheCode) {
+    OrvoNNNotification plain{"<a/>", nullptr, 0, nullptr};
+    char buffer[16] = "keep";
+    int nSize = sizeof(buffer), nFrequency = 0;
+    struct Case {
+        std::string sRecord;
+        int nError;
+        long nCutReply;
+        int nCutFields;
+        std::function<long()> call;
+        long nResult;
+    };
+    const Case cases[] = {
+        {"Notifier TRVX_NN_NOTIFY s: s: s: n: r:", EACCES, -1, -1, [&] { return OrvoNNNotify("e", &plain); }, -EACCES},
+        {"Notifier TRVX_NN_REGISTER s: s: i:", ENOSYS, -1, -1,
+         [] { return OrvoNNRegisterForNotification("e", onNotification, nullptr); }, -ENOSYS},
+        {"Notifier TRVX_NN_UNREGISTER s: i:", EPROTO, -1, -1, [] { return OrvoNNUnregisterForNotification(4); },
+         -EPROTO},
+        {"Notifier TRVX_NN_NOTIFY s: s: s: n: r:", 0, 4, -1, [&] { return OrvoNNNotify("e", &plain); }, -ECONNRESET},
+        {"Notifier TRVX_NN_REGISTER s: s: i:", 0, 2, -1,
+         [] { return OrvoNNRegisterForNotification("e", onNotification, nullptr); }, -ECONNRESET},
+        {"Notifier TRVX_NN_UNREGISTER s: i:", 0, -1, 2, [] { return OrvoNNUnregisterForNotification(4); }, -ECONNRESET},
+        {"Scheduler TRVX_TS_CANCEL n:", 38, -1, -1, [] { return OrvoTSCancelTask(1); }, -38},
+        {"Scheduler TRVX_TS_GET_NEXT_TIME n:", 0, 12, -1,
+         [&] { return OrvoTSScheduledTaskGetNextTime(1, &nSize, buffer, &nFrequency); }, -ECONNRESET},
+        {"JobStatus TRVX_JS_CANCEL n:", 13, -1, -1, [] { return OrvoJSECancelJob(1); }, -13},
+        {"Arbiter TRVX_RA_LOCK s: n:", 0, 4, -1, [] { return OrvoRAResourceLock("r", 0); }, -ECONNRESET},
+    };
+    for (const Case& c : cases) {
+        // A reply of the right shape, cut short where the case says.
+        const bool bInt = c.sRecord.find("REGISTER") != std::string::npos;
+        Script script = scriptFor(c.sRecord, c.nError ? ""
+                                             : bInt   ? Wire().addInt(0).bytes()
+                                                      : Wire().addLong(0).addString("2030").bytes());
+        std::tie(script.errorCode, script.closeAfterReplyBytes, script.closeAfterFields) =
+            std::tuple(c.nError, c.nCutReply, c.nCutFields);
+        m_daemon.expect(script);
+        // The daemon closes after an error value; a request must not race that close.
+        KSIntfLibrary::deleteSharedLibraryConnection();
+        EXPECT_EQ(c.call(), c.nResult) << c.sRecord;
+    }
+    m_daemon.stop();
+    const std::function<long()> down[] = {[&] { return OrvoNNNotify("e", &plain); },
+                                          [] { return OrvoNNUnregisterForNotification(1); },
+                                          [] { return OrvoNNRegisterForNotification("e", onNotification, nullptr); },
+                                          [] { return scheduleOn(1, 1, KSInterface::GetYear() + 1); },
+                                          [&] { return OrvoTSRetrieveBlobTask(1, &nSize, buffer); },
+                                          [] { return OrvoJSELookupJob("x"); },
+                                          [] { return long{OrvoRAResourceUnlock(3)}; }};
+    for (const auto& call : down) EXPECT_EQ(call(), -ECONNREFUSED);
+    EXPECT_EQ(nSize, 16);
+    EXPECT_EQ(OrvoTSExecutionInformation(1, buffer, &nSize), -ECONNREFUSED);
+    EXPECT_EQ(nSize, 30) << "the length of the error text, which is not copied";
+    EXPECT_STREQ(buffer, "keep");
+}
+
+// After an error value the next publication opens a fresh connection and
+// succeeds at once, even while the daemon still holds the old one open.
+TEST_F(WireTest, AnErrorValueLetsTheNextRequestSucceedAtOnce) {
+    Script refused = scriptFor("Notifier TRVX_NN_NOTIFY s: s: s: n: r:", Wire().addError(EACCES, "not yours"));
+    refused.trailer = false;
+    m_daemon.expect(refused);
+    expect("Notifier TRVX_NN_NOTIFY s: s: s: n: r:", Wire().addLong(3));
+    OrvoNNNotification plain{"<a/>", nullptr, 0, nullptr};
+    EXPECT_EQ(OrvoNNNotify("first", &plain), -EACCES);
+    EXPECT_EQ(OrvoNNNotify("second", &plain), 3);
+    ASSERT_EQ(m_daemon.requestCount(), 2u);
+    EXPECT_NE(m_daemon.request(1).connection, m_daemon.request(0).connection);
+}
+
+// Bad arguments are refused with their codes before any connection is made;
+// the date checks come in their historical order.
+TEST_F(WireTest, BadArgumentsNeverReachTheDaemon) {
+    awayFromMidnight();
+    const int nThis = KSInterface::GetYear(), nLeap = nextYear(true), nPlain = nextYear(false);
+    struct Date {
+        int nMonth, nDay, nYear, nHour, nMinute, nSecond, nCode;
+    };
+    for (const Date& d : {Date{0, 0, nThis - 1, 99, 0, 0, -1},
+                          {13, 1, nLeap, 12, 0, 0, -1},
+                          {4, 0, nLeap, 12, 0, 0, -2},
+                          {4, 32, nLeap, 12, 0, 0, -2},
+                          {4, 31, nThis - 1, 12, 0, 0, -4},
+                          {4, 31, nLeap, 12, 0, 0, -3},
+                          {2, 29, nPlain, 12, 0, 0, -3},
+                          {2, 30, nLeap, 12, 0, 0, -3},
+                          {6, 1, nLeap, 24, 0, 0, -5},
+                          {6, 1, nLeap, -1, 0, 0, -5},
+                          {6, 1, nLeap, 0, 60, 0, -6},
+                          {6, 1, nLeap, 0, 0, 60, -7},
+                          {6, 1, nLeap, 0, 0, -1, -7}})
+        EXPECT_EQ(scheduleOn(d.nMonth, d.nDay, d.nYear, d.nHour, d.nMinute, d.nSecond), d.nCode)
+            << d.nMonth << "/" << d.nDay << "/" << d.nYear << " " << d.nHour << ":" << d.nMinute << ":" << d.nSecond;
+    // A date before today within this year: -8, but only once the time fields pass.
+    const std::time_t now = std::time(nullptr), yesterday = now - 24 * 60 * 60;
+    std::tm y{}, t{};
+    localtime_r(&yesterday, &y);
+    localtime_r(&now, &t);
+    if (y.tm_year + 1900 == nThis) {
+        EXPECT_EQ(scheduleOn(y.tm_mon + 1, y.tm_mday, nThis, 24), -5);
+        EXPECT_EQ(scheduleOn(y.tm_mon + 1, y.tm_mday, nThis), -8);
+    }
+    char c = 'x';
+    int nSize = 10, nMinus = -1, nFrequency = 0;
+    const auto blob = [](const char* pszName, int nLength, const char* pData) {
+        return OrvoTSScheduleBlobTask(pszName, nLength, pData, cDaily, 1, 1, 2000, 0, 0, 0);
+    };
+    const std::function<int()> nullOrNegative[] = {
+        [&] { return OrvoTSListAllExecTasks(nullptr, &c); },
+        [&] { return OrvoTSListAllExecTasks(&nMinus, &c); },
+        [&] { return OrvoTSListAllBlobTasks(&nSize, nullptr); },
+        [&] { return OrvoTSRetrieveBlobTask(1, &nMinus, &c); },
+        [&] { return OrvoTSScheduledTaskGetNextTime(31, &nSize, &c, nullptr); },
+        [&] { return OrvoTSScheduledTaskGetNextTime(31, &nMinus, &c, &nFrequency); },
+        [&] { return blob(nullptr, 1, &c); },
+        [&] { return blob("b", 0, &c); },
+        [&] { return blob("b", 1, nullptr); },
+        [&] { return OrvoTSRetrieveBlobTask(1, nullptr, &c); },
+        [&] { return OrvoTSRetrieveBlobTask(1, &nSize, nullptr); }};
+    for (const auto& call : nullOrNegative) EXPECT_EQ(call(), -14);
+    EXPECT_TRUE(nSize == 10 && nMinus == -1 && c == 'x');
+    // Reserved event names are the daemon's; near misses are not reserved.
+    for (const char* pszName : {"OrvoRAEvent", "OrvoJSEvent:x$", "OrvoTSEventABC", "OrvoRAEvent:disk0$"})
+        EXPECT_EQ(OrvoNNRegisterForNotification(pszName, onNotification, nullptr), -2) << pszName;
+    EXPECT_THROW(OrvoNNRegisterForNotification(nullptr, onNotification, nullptr), std::logic_error);
+    OrvoNNNotification nullText{nullptr, nullptr, 0, nullptr};
+    EXPECT_THROW(OrvoNNNotify("event", &nullText), std::logic_error);
+    EXPECT_EQ(m_daemon.connectionCount(), 0);
+    // Valid dates do go out: 29 February of a leap year, and today at an hour already past.
+    for (const auto& [nMonth, nDay, nYear] : {std::tuple{2, 29, nLeap}, {t.tm_mon + 1, t.tm_mday, t.tm_year + 1900}}) {
+        expect("Scheduler TRVX_TS_SCHEDULE s: s: s: s: n: n: n: n: n: n: n: s:", Wire().addLong(5));
+        EXPECT_EQ(scheduleOn(nMonth, nDay, nYear, 0, 0, 0), 5);
+    }
+    expect("Notifier TRVX_NN_REGISTER s: s: i:", Wire().addInt(-6));
+    EXPECT_EQ(_OrvoNNRegisterForNotification("OrvoJSEvent:job$", onNotification, nullptr), -6)
+        << "the internal entry point takes reserved names to the daemon";
+    EXPECT_EQ(last().text(0), "OrvoJSEvent:job$");
+    expect("Notifier TRVX_NN_NOTIFY s: s: s: n: r:", Wire().addLong(1));
+    long rc = 0;  // the publication lock was given back after the throw
+    std::thread([&] {
+        OrvoNNNotification p{"", nullptr, 0, nullptr};
+        rc = OrvoNNNotify("e", &p);
+    }).join();
+    EXPECT_EQ(rc, 1);
+}
+
+TEST_F(WireTest, TextAndBlobRepliesFollowTheBufferProtocol) {
+    const std::string sList = "1;backup|2;report", sWhen = "2031-05-04 10:00:00";
+    const int nList = static_cast<int>(sList.size()), nWhen = static_cast<int>(sWhen.size());
+    std::vector<char> exec(64, 'x'), blobs(64, 'x'), when(64, 'x'), blob(8, 'x');
+    int nFrequency = -99;
+    const std::string list = Wire().addLong(0).addString(sList), status = Wire().addLong(7);
+    const auto next = [&](int nFreq) { return Wire().addLong(0).addString(sWhen).addInt(nFreq).bytes(); };
+    const std::string retrieved = Wire().addLong(0).addInt(6).addRaw(kBlob);
+    struct Target {
+        std::function<int(int*)> call;
+        std::string sRecord;
+    };
+    const Target E{[&](int* p) { return OrvoTSListAllExecTasks(p, exec.data()); }, "Scheduler TRVX_TS_LIST_EXEC"};
+    const Target B{[&](int* p) { return OrvoTSListAllBlobTasks(p, blobs.data()); }, "Scheduler TRVX_TS_LIST_BLOB"};
+    const Target N{[&](int* p) { return OrvoTSScheduledTaskGetNextTime(31, p, when.data(), &nFrequency); },
+                   "Scheduler TRVX_TS_GET_NEXT_TIME n:31"};
+    const Target R{[&](int* p) { return OrvoTSRetrieveBlobTask(77, p, blob.data()); },
+                   "Scheduler TRVX_TS_RETRIEVE_BLOB n:77"};
+    // Text: exactly its length leaves no room for the zero, 0 asks the size, a status leaves the length alone,
+    // and with room the capacity past the text is zero-filled. The frequency is read only when the text fitted.
+    // A blob needs no zero and fits a buffer of exactly its size.
+    struct Step {
+        const Target* t;
+        std::string sReply;
+        int nCapacity, nResult, nSizeAfter;
+    };
+    for (const Step& st : {Step{&E, list, nList, -12, nList + 1},
+                           {&E, list, 0, -12, nList + 1},
+                           {&E, status, 50, 7, 50},
+                           {&E, list, nList + 4, 0, nList + 1},
+                           {&B, list, nList, -12, nList + 1},
+                           {&B, list, nList + 4, 0, nList + 1},
+                           {&N, next(cMonthly), 64, 0, nWhen + 1},
+                           {&N, next(cDaily), nWhen, -12, nWhen + 1},
+                           {&N, status, 5, 7, 5},
+                           {&R, retrieved, 5, -12, 6},
+                           {&R, status, 3, 7, 3},
+                           {&R, retrieved, 6, 0, 6}}) {
+        expect(st.t->sRecord, st.sReply);
+        int nSize = st.nCapacity;
+        EXPECT_EQ(st.t->call(&nSize), st.nResult) << st.t->sRecord << " " << st.nCapacity;
+        EXPECT_EQ(nSize, st.nSizeAfter) << st.t->sRecord << " " << st.nCapacity;
+        EXPECT_EQ(recorded(last()), st.t->sRecord);
+    }
+    for (const auto& buffer : {exec, blobs})
+        EXPECT_EQ(std::string(buffer.data(), nList + 5), sList + std::string(4, '\0') + "x");
+    EXPECT_EQ(std::string(when.data()), sWhen);
+    EXPECT_EQ(nFrequency, cMonthly);
+    EXPECT_EQ(std::string(blob.data(), blob.size()), kBlob + "xx");
+    // Execution information: too small gives -1 and the length of what the buffer held.
+    char text[32] = "old";
+    int nSize = nWhen;
+    expect("Scheduler TRVX_TS_EXECUTION_INFO n: n:", Wire().addString(sWhen).addLong(0));
+    EXPECT_EQ(OrvoTSExecutionInformation(9, text, &nSize), -1);
+    EXPECT_EQ(std::string(text) + " " + std::to_string(nSize), "old 3");
+    nSize = sizeof(text);
+    expect("Scheduler TRVX_TS_EXECUTION_INFO n: n:", Wire().addString(sWhen).addLong(0x100000003LL));
+    EXPECT_EQ(OrvoTSExecutionInformation(9, text, &nSize), 3);
+    EXPECT_EQ(recorded(last()), "Scheduler TRVX_TS_EXECUTION_INFO n:9 n:32");
+    EXPECT_EQ(std::string(text) + " " + std::to_string(nSize), sWhen + " " + std::to_string(nWhen));
+}
+
+// Every family registers through the notifier and gets its events pushed to
+// the sink; a refused registration leaves nothing behind, a refused
+// unregistration keeps the function alive, an accepted one drops it.
+TEST_F(WireTest, RegistrationsDeliverPushedEventsAndUnregistrationsPassStatusesThrough) {
+    const auto registerAndPush = [&](const std::function<int()>& call, std::int32_t nStatus, const std::string& sPush) {
+        expect("Notifier TRVX_NN_REGISTER s: s: i:", Wire().addInt(nStatus));
+        const int h = call();
+        const Request r = last();
+        EXPECT_TRUE(h <= 0 || m_daemon.push(r.text(1), static_cast<std::int32_t>(r.integer(2)), sPush));
+        return std::pair(h, r.text(0));
+    };
+    const auto unregister = [&](const std::function<int()>& call, std::int32_t nStatus) {
+        expect("Notifier TRVX_NN_UNREGISTER s: i:", Wire().addInt(nStatus));
+        return call() == nStatus;
+    };
+    int context = 0;
+    const std::string sBinary("\0\1\xff", 3);
+    auto [hN, sN] = registerAndPush([&] { return OrvoNNRegisterForNotification("nn.event", onNotification, &context); },
+                                    0, notification("nn.pushed", "<n v='1'/>", sBinary, 3));
+    EXPECT_EQ(sN, "nn.event");
+    EXPECT_EQ(takeEvents(1), Events{"nn.pushed|<n v='1'/>|" + sBinary + "|3"});
+    const auto job = [] { return OrvoJSERegisterForNotification("Backup", onJob); };
+    auto [hJ, sJ] = registerAndPush(
+        job, 0, notification("OrvoJSEvent:Backup$", "Backup", codeBytes<std::int32_t>(TRVX_JSE_CREATED), 4));
+    EXPECT_EQ(sJ, "OrvoJSEvent:Backup$");
+    EXPECT_EQ(takeEvents(1), Events{"J:Backup " + std::to_string(TRVX_JSE_CREATED)});
+    const std::size_t nLocks = getRANotificationInfoByHandleMap()->size();
+    const auto lock = [] { return OrvoRARegisterForNotification("printer", onLock); };
+    EXPECT_EQ(registerAndPush(lock, -5, "").first, -5);
+    EXPECT_EQ(getRANotificationInfoByHandleMap()->size(), nLocks);
+    auto [hL, sL] =
+        registerAndPush(lock, 0, notification("OrvoRAEvent:printer$", "printer", codeBytes<std::int32_t>(-1), 4));
+    EXPECT_EQ(sL, "OrvoRAEvent:printer$");
+    EXPECT_EQ(takeEvents(1), Events{"L:printer -1"});
+    // A task must be alive to be watched; the state query comes first.
+    expect("Scheduler TRVX_TS_TASK_STATE n:", Wire().addLong(cExit));
+    EXPECT_EQ(OrvoTSRegisterForNotification(7, onTask), -9);
+    expect("Scheduler TRVX_TS_TASK_STATE n:", Wire().addLong(cWaiting));
+    auto [hT, sT] = registerAndPush([] { return OrvoTSRegisterForNotification(7, onTask); }, 0,
+                                    notification("OrvoTSEvent:7$", "7", codeBytes<std::int32_t>(cCompleted), 4));
+    EXPECT_EQ(sT, "OrvoTSEvent:7$");
+    EXPECT_EQ(takeEvents(1), Events{"T:7 " + std::to_string(cCompleted)});
+    for (const std::int32_t nStatus : {-2, 0}) {
+        EXPECT_TRUE(unregister([&] { return OrvoNNUnregisterForNotification(hN); }, nStatus));
+        EXPECT_EQ(bool(KSIntfLibrary::getInstance().getCallbackContainer().lookup(hN)), nStatus != 0);
+        EXPECT_TRUE(unregister([&] { return OrvoJSEUnregisterForNotification(hJ); }, nStatus));
+        EXPECT_EQ(getJSNotificationInfoByHandleMap()->count(hJ), nStatus == 0 ? 0u : 1u);
+        EXPECT_TRUE(unregister([&] { return OrvoRAUnregisterForNotification(hL); }, nStatus));
+        EXPECT_EQ(getRANotificationInfoByHandleMap()->count(hL), nStatus == 0 ? 0u : 1u);
+        EXPECT_TRUE(unregister([&] { return OrvoTSUnregisterForNotification(hT); }, nStatus));
+    }
+    EXPECT_EQ(last().integer(1), hT);
+}
+
+// The callback objects read what the sink hands them: a notification whole
+// (kept until the next), typed job and lock fields with sign extension; a
+// cut, mistyped or impossible record throws, a short payload is dropped.
+TEST(CallbackObjects, DecodeWhatTheSinkHandsThem) {
+    OrvoNet::OrvoNotificationCallbackSP sp(new KSInterface::NotificationNetworkCallback("ev"));
+    auto& callback = static_cast<KSInterface::NotificationNetworkCallback&>(*sp);
+    int context = 0;
+    const std::string sBinary("\x01\0\xff", 3);
+    auto* pPayload = new OrvoNet::OrvoPayloadConnection(notification("zero", "<0/>", "12345", 5) +
+                                                        notification("one", "<a b='1'/>", sBinary, 3) +
+                                                        notification("two", "<2/>", "de", 2) + "next");
+    OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection> conn(pPayload);
+    callback.doCallback(conn);
+    callback.setCallback(onNotification, &context);
+    callback.doCallback(conn);
+    callback.doCallback(conn);
+    EXPECT_EQ(pPayload->remaining(), 4u);
+    EXPECT_EQ(takeEvents(2), (Events{"one|<a b='1'/>|" + sBinary + "|3", "two|<2/>|de|2"}));
+    EXPECT_EQ(callback.getEventName() + callback.getXmlData() + std::to_string(callback.getProducerDataLen()),
+              "two<2/>2");
+    std::string sWrongTag = notification("e", "<x/>", "", 0);
+    sWrongTag[0] = 'i';
+    for (const std::string& s :
+         {notification("e", "<x/>", "", 0).substr(0, 20), sWrongTag, notification("e", "<x/>", "", -1),
+          notification("e", "<x/>", "", 1L << 40), notification("e", "<x/>", "ab", 5)}) {
+        OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection> broken(new OrvoNet::OrvoPayloadConnection(s));
+        EXPECT_THROW(callback.doCallback(broken), OrvoSupport::OrvoException);
+    }
+    const auto feed = [](auto& object, std::int16_t nSecond, const std::string& sText) {
+        auto* p = new OrvoNet::OrvoPayloadConnection(Wire().addShort(7).addShort(nSecond).addString(sText));
+        OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection> sp(p);
+        object.doCallback(sp);
+        return p->remaining();
+    };
+    OrvoSupport::OrvoSmartPointer<KSInterface::JobStatusCallback> spJob(new KSInterface::JobStatusCallback("job-7"));
+    OrvoSupport::OrvoSmartPointer<KSInterface::ResourceArbitrationCallback> spLock(
+        new KSInterface::ResourceArbitrationCallback("printer"));
+    spJob->setCallback(onJob);
+    spLock->setCallback(onLock);
+    EXPECT_EQ(feed(*spJob, 3, "job-7-text"), 0u);
+    spJob->setCallback(nullptr);  // the fields still change without a function
+    EXPECT_EQ(feed(*spJob, static_cast<std::int16_t>(0xFFFF), "x"), 0u);
+    EXPECT_EQ(spJob->getEvent(), TRVX_JSE_EXIT);
+    EXPECT_EQ(feed(*spLock, static_cast<std::int16_t>(0x8000), "other"), 0u);
+    EXPECT_EQ(spLock->getLockCode(), -32768);
+    EXPECT_EQ(takeEvents(2), (Events{"J:job-7-text " + std::to_string(TRVX_JSE_UPDATED), "L:printer -32768"}));
+    RANotificationInfo lockInfo(onLock);
+    JSNotificationInfo jobInfo(onJob);
+    for (long nLength : {0L, 3L}) {
+        char shortCode[3] = {2, 0, 0};
+        OrvoNNNotification lock{"printer", nLength ? shortCode : nullptr, nLength, &lockInfo};
+        OrvoNNNotification job{"Backup", nLength ? shortCode : nullptr, nLength, &jobInfo};
+        OrvoRANotificationCallback("OrvoRAEvent:printer$", &lock);
+        OrvoJSNotificationCallback("OrvoJSEvent:Backup$", &job);
+    }
+    EXPECT_EQ(takeEvents(0), Events{}) << "payloads too short for their code are dropped unread";
+}
+
+}  // namespace
