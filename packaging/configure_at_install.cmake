@@ -14,6 +14,17 @@ endfunction()
 set(KS_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
 ks_under_prefix(KS_PC_LIBDIR "${KS_LIBDIR}")
 ks_under_prefix(KS_PC_INCLUDEDIR "${KS_INCLUDEDIR}/ksa")
+# A program linked against a prefix outside the loader's own folders finds
+# the library there at run time too, without LD_LIBRARY_PATH.
+if(IS_ABSOLUTE "${KS_LIBDIR}")
+  set(KS_FULL_LIBDIR "${KS_LIBDIR}")
+else()
+  set(KS_FULL_LIBDIR "${CMAKE_INSTALL_PREFIX}/${KS_LIBDIR}")
+endif()
+set(KS_PC_RPATH "")
+if(NOT KS_FULL_LIBDIR MATCHES "^/(usr/)?lib(32|64|x32)?(/[a-z0-9_]+-linux-gnu[a-z0-9_]*)?/?$")
+  set(KS_PC_RPATH " -Wl,-rpath,\${libdir}")
+endif()
 configure_file("${KS_SOURCE_DIR}/packaging/ksintf.pc.in" "${KS_GEN_DIR}/ksintf.pc" @ONLY)
 
 if(IS_ABSOLUTE "${KS_SBINDIR}")
