@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <optional>
 
 #include "OrvoProtocol.h"
@@ -168,6 +169,17 @@ int main(int argc, char** argv) {
             ksd::notifyStopping();
             daemon.stop();
         });
+        // SIGHUP is the rotation signal of daemons; it must never stop this one.
+        asio::signal_set hangups(daemon.io(), SIGHUP);
+        std::function<void()> awaitHangup = [&hangups, &awaitHangup] {
+            hangups.async_wait([&awaitHangup](const std::error_code& ec, int) {
+                if (ec) return;
+                if (OrvoSupport::OrvoLogging::getInstance().reopenFile())
+                    ORVO_LOG(1, "ksd: log file reopened on SIGHUP");
+                awaitHangup();
+            });
+        };
+        awaitHangup();
         // A client that vanishes mid-write must not kill the daemon.
         ::signal(SIGPIPE, SIG_IGN);
         reportReady(readyFd, true);

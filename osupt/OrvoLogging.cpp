@@ -147,6 +147,23 @@ void OrvoLogging::setSink(Sink sink) {
     m_pImpl->sink = std::move(sink);
 }
 
+bool OrvoLogging::reopenFile() {
+    const char* pszFile = std::getenv("OSUPT_LOG_FILE");
+    if (pszFile == nullptr || *pszFile == '\0') return false;
+    int fd = ::open(pszFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    std::lock_guard<std::mutex> hold(m_pImpl->mutex);
+    if (m_pImpl->fd == STDERR_FILENO) {
+        m_pImpl->fd = fd;
+        return true;
+    }
+    // Same number, new file: a writer that read the number before the lock
+    // writes to the new file, never to a closed or reused descriptor.
+    const bool bOk = ::dup3(fd, m_pImpl->fd, O_CLOEXEC) >= 0;
+    ::close(fd);
+    return bOk;
+}
+
 OrvoLogging& OrvoLogging::operator<<(const setloglevel& level) {
     RecordState& state = recordState();
     state.nLevel = level.m_nLevel;

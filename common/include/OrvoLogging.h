@@ -39,6 +39,10 @@ public:
     // the default (stderr or OSUPT_LOG_FILE). Tests use it to capture records.
     void setSink(Sink sink);
 
+    // Opens OSUPT_LOG_FILE anew in place of the one in use, so that records
+    // follow a log rotation. False when no file is named or it cannot be opened.
+    bool reopenFile();
+
     OrvoLogging& operator<<(const setloglevel& level);
     OrvoLogging& operator<<(const OrvoEndRecord&);
     OrvoLogging& operator<<(const OrvoString& s);

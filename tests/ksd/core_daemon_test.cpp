@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +13,7 @@
 #include <system_error>
 
 #include "core_test_util.h"
+#include "fake_daemon.h"
 #include "ksd_process.h"
 #include "store/store_error.h"
 
@@ -54,11 +56,14 @@ TEST(CoreDaemon, TakesItsStateDirectoryAndAddressesAndLeavesOthersAlone) {
     EXPECT_TRUE(fs::exists(o.pipe)) << "never removes what is not a socket";
 }
 
-TEST(CoreDaemon, TheProgramLogsReadyServesAndExitsZeroOnSigterm) {
+TEST(CoreDaemon, TheProgramLogsReadyServesSurvivesSighupAndExitsZeroOnSigterm) {
     kstest::KsdProcess ksd;
     ASSERT_TRUE(ksd.start({"--log-level", "1"})) << ksd.log();
     EXPECT_TRUE(ksdtest::waitUntil([&] { return ksd.log().find("ready") != std::string::npos; })) << ksd.log();
+    // A hang-up (a closed terminal, a rotation) must not stop the daemon.
+    ASSERT_EQ(::kill(ksd.pid(), SIGHUP), 0);
     EXPECT_TRUE(ksdtest::call(ksd.connType(), ksdtest::notifyRequest("nobody", "", "")).ok);
+    EXPECT_TRUE(ksd.isRunning());
     EXPECT_TRUE(fs::is_directory(ksd.stateDir()));
     // An idle client and one mid-request do not hold the stop up.
     kstest::WireClient idle, half;
@@ -67,6 +72,24 @@ TEST(CoreDaemon, TheProgramLogsReadyServesAndExitsZeroOnSigterm) {
     ASSERT_TRUE(half.send(ksdtest::requestWire("Notifier", "TRVX_NN_NOTIFY").bytes()));
     EXPECT_EQ(ksd.stop(), 0);
     EXPECT_TRUE(idle.waitPeerClosed());
+}
+
+TEST(CoreDaemon, SighupReopensTheLogFileAfterARotation) {
+    const fs::path dir = fs::temp_directory_path() / ("ksd-rotate-" + std::to_string(::getpid()));
+    fs::create_directories(dir);
+    const std::string file = (dir / "ksd.log").string();
+    kstest::ScopedEnv logFile("OSUPT_LOG_FILE", file);
+    kstest::KsdProcess ksd;
+    ASSERT_TRUE(ksd.start({"--log-level", "1"})) << ksd.log();
+    fs::rename(file, file + ".1");
+    ASSERT_EQ(::kill(ksd.pid(), SIGHUP), 0);
+    EXPECT_TRUE(ksdtest::waitUntil([&] { return fs::exists(file) && fs::file_size(file) > 0; }));
+    EXPECT_TRUE(ksd.isRunning());
+    EXPECT_EQ(ksd.stop(), 0);
+    std::ifstream in(file);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("stopped on SIGTERM"), std::string::npos) << text;
+    fs::remove_all(dir);
 }
 
 }  // namespace
