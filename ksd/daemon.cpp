@@ -15,15 +15,28 @@ Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     if (options_.stateDir.empty()) options_.stateDir = defaultStateDir();
     ensureStateDir(options_.stateDir);
 
+    if (options_.cluster.enabled()) cluster_ = connectCluster(io_, options_.cluster);
     auto notifier = std::make_unique<NotifierService>(io_, options_.notifier);
     notifier->restoreFrom(std::make_unique<SubscriptionStore>(options_.stateDir));
+    if (cluster_) notifier->joinCluster(*cluster_);
     notifier_ = notifier.get();
     registry_.add(std::move(notifier));
     ServiceContext context{io_, *notifier_, options_.stateDir};
     registerServices(registry_, context);
 
     registry_.add(std::make_unique<OperatorService>(registry_, [this]() -> std::vector<StatusItem> {
-        return {{"connections", static_cast<std::int64_t>(server_->connectionCount())}};
+        std::vector<StatusItem> items{{"connections", static_cast<std::int64_t>(server_->connectionCount())}};
+        if (cluster_) {
+            const ClusterState s = cluster_->state();
+            items.push_back({"cluster_node", 0, cluster_->node()});
+            items.push_back({"cluster_connected", s.connected ? 1 : 0});
+            items.push_back({"cluster_server", 0, s.server});
+            items.push_back({"cluster_nodes", s.nodes});
+            items.push_back({"cluster_forwarded", s.forwarded});
+            items.push_back({"cluster_received", s.received});
+            items.push_back({"cluster_dropped", s.dropped});
+        }
+        return items;
     }));
 
     server_ = std::make_unique<Server>(io_, registry_, options_.server);

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "cluster/cluster_link.h"
 #include "daemon_options.h"
 #include "server/server.h"
 #include "services/notifier/notifier_service.h"
@@ -37,12 +38,14 @@ public:
     Registry& registry() { return registry_; }
     NotifierService& notifier() { return *notifier_; }
     std::size_t connectionCount() const { return server_->connectionCount(); }
+    ClusterLink* cluster() { return cluster_.get(); }
 
 private:
     void shutdown();
 
     DaemonOptions options_;
     asio::io_context io_{1};
+    std::unique_ptr<ClusterLink> cluster_;  // null on one host; outlives the services that use it
     Registry registry_;
     NotifierService* notifier_ = nullptr;
     std::unique_ptr<Server> server_;

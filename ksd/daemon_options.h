@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <string>
 
+#include "cluster/cluster_options.h"
 #include "server/server_limits.h"
 #include "services/notifier/notifier_limits.h"
 
@@ -20,6 +21,7 @@ struct DaemonOptions {
     std::filesystem::path stateDir;       // created when missing
     ServerLimits server;
     NotifierLimits notifier;
+    ClusterOptions cluster{};  // no servers: this host alone
 };
 
 }  // namespace ksd

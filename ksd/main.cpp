@@ -10,6 +10,7 @@
 #include <asio/signal_set.hpp>
 #include <chrono>
 #include <cstdint>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <functional>
@@ -104,6 +105,22 @@ int main(int argc, char** argv) {
            "how often idle pipe callback addresses are checked for a listener (0: never; default 60000)")
         ->check(CLI::NonNegativeNumber);
     app.add_flag("--foreground", foreground, "stay in the foreground, log to stderr");
+    auto* cluster = app.add_option_group("Cluster", "several hosts as one, through NATS (JetStream)");
+    std::string clusterUrls;
+    std::int64_t leaseMs = options.cluster.lease.count();
+    cluster->add_option("--cluster", clusterUrls, "NATS servers, URL[,URL...]; without it ksd serves this host alone");
+    cluster->add_option("--cluster-name", options.cluster.name, "prefix of every subject and bucket")
+        ->capture_default_str();
+    cluster->add_option("--node", options.cluster.node, "this node's name, unique in the cluster (default: host name)");
+    cluster->add_option("--cluster-lease-ms", leaseMs, "how long a silent node still counts")
+        ->capture_default_str()
+        ->check(CLI::Range(std::int64_t{100}, std::int64_t{3600000}));
+    auto* user = cluster->add_option("--cluster-user", options.cluster.user, "NATS user");
+    cluster->add_option("--cluster-password", options.cluster.password, "NATS password")->needs(user);
+    cluster->add_option("--cluster-creds", options.cluster.credsFile, "NATS credentials file")
+        ->check(CLI::ExistingFile)
+        ->excludes(user);
+    cluster->add_option("--cluster-ca", options.cluster.caFile, "CA file: talk TLS to NATS")->check(CLI::ExistingFile);
     auto& server = options.server;
     auto* limits = app.add_option_group("Limits", "bounds that keep one client or user from harming the others");
     limits->add_option("--max-connections", server.maxConnections,
@@ -138,6 +155,12 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     server.requestTimeout = std::chrono::milliseconds(requestTimeoutMs);
+    options.cluster.lease = std::chrono::milliseconds(leaseMs);
+    for (std::size_t from = 0; !clusterUrls.empty() && from <= clusterUrls.size();) {
+        const std::size_t comma = std::min(clusterUrls.find(',', from), clusterUrls.size());
+        if (comma > from) options.cluster.servers.push_back(clusterUrls.substr(from, comma - from));
+        from = comma + 1;
+    }
     if (logLevel) OrvoSupport::OrvoLogging::getInstance().setLogLevel(*ksd::parseLogLevel(*logLevel));
     if (tcpPort) options.tcpPort = *tcpPort;
     if (!stateDir.empty())

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,10 +31,11 @@ public:
                               EventAudience audience) = 0;
 };
 
-// Read-only counters for `ksctl status`, as name/value pairs.
+// Read-only counters for `ksctl status`, as name/value pairs; a few are text.
 struct StatusItem {
     std::string name;
     std::int64_t value;
+    std::optional<std::string> text = std::nullopt;
 };
 
 class Service {

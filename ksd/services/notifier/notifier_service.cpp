@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "OrvoCodec.h"
@@ -46,6 +47,17 @@ bool isDaemonEventName(std::string_view event) {
     for (std::string_view prefix : {"OrvoRAEvent", "OrvoJSEvent", "OrvoTSEvent"})
         if (event.substr(0, prefix.size()) == prefix) return true;
     return false;
+}
+
+// Jobs are the cluster's, so are their events; tasks stay on their node.
+constexpr const char* kJobFamily = "job";
+
+// What a subscription to `event` asks of the other nodes, if anything.
+std::optional<ClusterTopic> clusterTopicOf(const std::string& event) {
+    if (event == aggregateEventName(EventFamily::Job)) return ClusterTopic{kJobFamily, {}};
+    if (event.starts_with("OrvoJSEvent")) return ClusterTopic{kJobFamily, event};
+    if (isDaemonEventName(event)) return std::nullopt;
+    return ClusterTopic{{}, event};
 }
 
 }  // namespace
@@ -152,9 +164,13 @@ void NotifierService::handleRegister(Request& request) {
 }
 
 void NotifierService::commitRegister(Responder& responder, const SubscriptionKey& key, std::string event) {
+    const Subscription* old = table_.find(key);
+    const std::string oldEvent = old != nullptr ? old->event : std::string();
     // Checked again: the quota may have filled while the address was being checked.
     if (table_.add(key, event) == SubscriptionTable::AddResult::OverLimit) return refuseOverQuota(responder);
     persist([&] { store_->put(key, event); });
+    noteInterest(event);
+    if (old != nullptr && oldEvent != event) noteInterest(oldEvent);
     ORVO_LOG(9, "ksd: notifier: subscribed " << key.address << " id " << key.callbackId << " of uid "
                                              << static_cast<long>(key.owner) << " to '" << event << "'");
     responder.reply(intReply(0));
@@ -175,11 +191,14 @@ void NotifierService::handleUnregister(Request& request) {
     // A caller, root too, removes only its own subscription.
     const SubscriptionKey key{request.fields[0].text, static_cast<std::int32_t>(request.fields[1].integer),
                               request.peer.uid};
+    const Subscription* sub = table_.find(key);
+    const std::string event = sub != nullptr ? sub->event : std::string();
     if (!table_.remove(key)) {
         request.responder->reply(intReply(-ENOENT));
         return;
     }
     persist([&] { store_->erase(key); });
+    noteInterest(event);
     ORVO_LOG(9, "ksd: notifier: unsubscribed " << key.address << " id " << key.callbackId << " of uid "
                                                << static_cast<long>(key.owner));
     request.responder->reply(intReply(0));
@@ -197,6 +216,7 @@ void NotifierService::handleNotify(Request& request) {
     const std::size_t queued = publish(sender, event, text, payload);
     request.responder->reply(longReply(static_cast<std::int64_t>(queued)));
     flushTouched();
+    if (cluster_ != nullptr && !shutDown_) cluster_->forward(ClusterTopic{{}, event}, sender, text, payload);
 }
 
 std::size_t NotifierService::publish(std::string_view sender, std::string_view event, std::string_view text,
@@ -243,6 +263,49 @@ void NotifierService::publishEvent(EventFamily family, const std::string& subjec
     const std::string& aggregate = aggregateEventName(family);
     if (!shutDown_ && table_.hasSubscribers(aggregate)) deliver(kDaemonSender, aggregate, subject, payload, audience);
     flushTouched();
+    if (cluster_ != nullptr && !shutDown_ && family == EventFamily::Job)
+        cluster_->forward(ClusterTopic{kJobFamily, daemonEventName(family, subject)}, kDaemonSender, subject, payload,
+                          ClusterAudience{audience.all, static_cast<std::uint32_t>(audience.owner)});
+}
+
+void NotifierService::joinCluster(ClusterLink& link) {
+    cluster_ = &link;
+    link.setReceiver([this](const RemoteNotification& n) { remoteArrived(n); });
+    // Restored subscriptions want the other nodes' publications as much as new ones.
+    for (const auto& [key, sub] : table_.all()) noteInterest(sub.event);
+}
+
+void NotifierService::noteInterest(const std::string& event) {
+    if (cluster_ == nullptr) return;
+    const auto topic = clusterTopicOf(event);
+    if (!topic) return;
+    const bool wanted = table_.hasSubscribers(event);
+    if (wanted == (remoteInterest_.count(event) != 0)) return;
+    if (wanted) {
+        remoteInterest_.insert(event);
+        cluster_->want(*topic);
+    } else {
+        remoteInterest_.erase(event);
+        cluster_->unwant(*topic);
+    }
+}
+
+void NotifierService::pruneInterest() {
+    std::vector<std::string> gone;
+    for (const std::string& event : remoteInterest_)
+        if (!table_.hasSubscribers(event)) gone.push_back(event);
+    for (const std::string& event : gone) noteInterest(event);
+}
+
+void NotifierService::remoteArrived(const RemoteNotification& n) {
+    if (shutDown_) return;
+    if (n.topic.wholeFamily()) {
+        const EventAudience audience{n.audience.everyone, static_cast<uid_t>(n.audience.owner)};
+        deliver(n.sender, aggregateEventName(EventFamily::Job), n.text, n.payload, audience);
+    } else {
+        deliver(n.sender, n.event, n.text, n.payload, EventAudience::everyone());
+    }
+    flushTouched();
 }
 
 PushChannel* NotifierService::channelFor(const std::string& address) {
@@ -259,6 +322,7 @@ void NotifierService::channelFailed(PushChannel& channel, const std::string& rea
     const std::string address = channel.address();
     const std::size_t dropped = table_.removeAddress(address);
     persist([&] { store_->eraseAddress(address); });
+    pruneInterest();
     ORVO_LOG(4, "ksd: notifier: dropped " << static_cast<unsigned long>(dropped) << " subscriptions of " << address
                                           << " (" << reason << ")");
     channel.detach();
@@ -278,8 +342,10 @@ void NotifierService::subscriberRefused(PushChannel& channel, std::int32_t callb
     if (table_.find(key) == nullptr) return;
     ORVO_LOG(4, "ksd: notifier: " << key.address << " does not belong to uid " << static_cast<long>(owner)
                                   << ", dropping subscription " << callbackId);
+    const std::string event = table_.find(key)->event;
     table_.remove(key);
     persist([&] { store_->erase(key); });
+    noteInterest(event);
 }
 
 template <typename Write>
@@ -377,6 +443,7 @@ void NotifierService::sweep(std::string from) {
         if (error != ECONNREFUSED && error != ENOENT) continue;
         const std::size_t dropped = table_.removeAddress(address);
         persist([&] { store_->eraseAddress(address); });
+        pruneInterest();
         ORVO_LOG(4, "ksd: notifier: swept " << static_cast<unsigned long>(dropped) << " subscriptions of " << address
                                             << " (" << std::strerror(error) << ")");
     }

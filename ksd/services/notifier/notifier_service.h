@@ -13,7 +13,9 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 
+#include "cluster/cluster_link.h"
 #include "services/notifier/notifier_limits.h"
 #include "services/notifier/push_channel.h"
 #include "services/notifier/reach_check.h"
@@ -46,6 +48,9 @@ public:
     void shutdown();
     // Takes back the stored subscriptions and stores every later change.
     void restoreFrom(std::unique_ptr<SubscriptionStore> store);
+    // From now on publications also reach the other nodes of the cluster,
+    // and theirs the subscribers here. `link` outlives this service.
+    void joinCluster(ClusterLink& link);
 
 private:
     std::string listSubscriptions(std::string_view what, const PeerInfo* asker) const;
@@ -65,6 +70,11 @@ private:
     // Queues one notification for the subscribers of `event` that `audience` admits.
     std::size_t deliver(std::string_view sender, std::string_view event, std::string_view text,
                         std::string_view payload, const EventAudience& audience);
+    // Asks the other nodes for `event` while anyone here subscribes to it, and no longer after.
+    void noteInterest(const std::string& event);
+    // The same for every event asked for, after subscriptions went in bulk.
+    void pruneInterest();
+    void remoteArrived(const RemoteNotification& n);
     PushChannel* channelFor(const std::string& address);
     void flushTouched();
     // The channels deliver() queued to since the last flushTouched().
@@ -88,6 +98,8 @@ private:
     std::uint64_t queueDrops_ = 0;
     std::uint64_t published_ = 0;
     bool shutDown_ = false;
+    ClusterLink* cluster_ = nullptr;
+    std::unordered_set<std::string> remoteInterest_;
 };
 
 }  // namespace ksd

@@ -21,7 +21,10 @@ void appendItems(std::string& out, const std::vector<StatusItem>& items) {
         out.push_back(',');
         jsontext::appendString(out, item.name);
         out.push_back(':');
-        out += std::to_string(item.value);
+        if (item.text)
+            jsontext::appendString(out, *item.text);
+        else
+            out += std::to_string(item.value);
     }
 }
 }  // namespace

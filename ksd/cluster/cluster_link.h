@@ -1,0 +1,78 @@
+#ifndef KSD_CLUSTER_CLUSTER_LINK_H
+#define KSD_CLUSTER_CLUSTER_LINK_H
+
+// A ksd's link to the other nodes of its cluster: notifications forwarded
+// to and received from them, and the cluster's state for `ksctl status`.
+// Used on the event loop only; whatever arrives from the other nodes is
+// handed to the loop first. The only door to NATS in the daemon.
+
+#include <asio/io_context.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "cluster/cluster_options.h"
+
+namespace ksd {
+
+// What a node subscribes to on the other nodes, and what a forwarded
+// notification is filed under: one event name, or a whole family of daemon
+// events (family "job": every job event of every node).
+struct ClusterTopic {
+    std::string family;  // empty: a client's notification
+    std::string event;   // empty with a family: the whole family
+    bool wholeFamily() const { return !family.empty() && event.empty(); }
+};
+
+// Who may hear a forwarded daemon event under its family's name: everyone,
+// or the subject's owner and root.
+struct ClusterAudience {
+    bool everyone = true;
+    std::uint32_t owner = UINT32_MAX;
+};
+
+struct RemoteNotification {
+    ClusterTopic topic;  // the subscription it arrived for
+    std::string event;   // its own name (a member of the family for a whole-family topic)
+    std::string node, sender, text, payload;
+    ClusterAudience audience;
+};
+
+struct ClusterState {
+    bool connected = false;
+    std::string server;          // the NATS server this node talks to, empty when none
+    std::int64_t nodes = 0;      // heard from within the lease, this one included
+    std::int64_t forwarded = 0;  // publications sent to the other nodes
+    std::int64_t received = 0;   // publications of other nodes delivered here
+    std::int64_t dropped = 0;    // publications not sent or not taken (NATS unreachable, backlog full)
+};
+
+class ClusterLink {
+public:
+    using Receiver = std::function<void(const RemoteNotification&)>;
+
+    virtual ~ClusterLink() = default;
+    virtual const std::string& node() const = 0;
+    // Called on the loop for each notification of another node that a topic wanted here matches.
+    virtual void setReceiver(Receiver receiver) = 0;
+    // Starts or stops receiving a topic from the other nodes; asking twice is harmless.
+    virtual void want(const ClusterTopic& topic) = 0;
+    virtual void unwant(const ClusterTopic& topic) = 0;
+    // Sends a publication to the nodes that want it (never back to this one);
+    // counted as dropped when NATS cannot be reached now.
+    virtual void forward(const ClusterTopic& topic, std::string_view sender, std::string_view text,
+                         std::string_view payload, const ClusterAudience& audience = {}) = 0;
+    virtual ClusterState state() const = 0;
+};
+
+// Connects to the cluster (in the background: the link exists at once and
+// joins as soon as a server answers). Throws std::runtime_error for options
+// that can never work (a bad cluster name, unreadable credentials) or when
+// this ksd was built without NATS.
+std::unique_ptr<ClusterLink> connectCluster(asio::io_context& io, const ClusterOptions& options);
+
+}  // namespace ksd
+
+#endif

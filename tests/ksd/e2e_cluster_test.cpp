@@ -1,0 +1,133 @@
+// Several ksd nodes on a real three-server NATS cluster: publications reach
+// every node's subscribers once and in order, a node takes only what its
+// subscribers want (restored subscriptions too), job events cross nodes,
+// and with NATS gone each node goes on serving its own host.
+#include <csignal>
+
+#include "OrvoNotificationNetwork.h"
+#include "e2e_support.h"
+#include "nats_cluster.h"
+
+namespace {
+
+// Dots, spaces and both NATS wildcards, and the '$' of daemon event names.
+const std::string kOddName = "a.b *>$ c";
+
+class ClusterEndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(nats_.up());
+        for (int i = 0; i < 3; ++i) {
+            nodes_.push_back(std::make_unique<kstest::KsdProcess>());
+            ASSERT_TRUE(nodes_[i]->start(
+                {"--cluster", nats_.urls(), "--node", std::string(1, char('A' + i)), "--cluster-lease-ms", "1000"}))
+                << nodes_[i]->log();
+        }
+        // This process publishes on node A.
+        ::setenv("KSINTF_CONN_TYPE", nodes_[0]->connType().c_str(), 1);
+    }
+
+    std::unique_ptr<kstest::ChildProcess> run(int node, const std::vector<std::string>& args,
+                                              const std::string& program = kstest::testBinaryDir() +
+                                                                           "/tools/ksctl/ksctl") {
+        auto child = std::make_unique<kstest::ChildProcess>(
+            program, args, std::map<std::string, std::string>{{"KSINTF_CONN_TYPE", nodes_[node]->connType()}});
+        EXPECT_TRUE(child->started());
+        return child;
+    }
+    std::unique_ptr<kstest::ChildProcess> subscribe(int node, const std::string& event, int count = 0) {
+        std::vector<std::string> args{"subscribe", event};
+        if (count > 0) args.insert(args.end(), {"--count", std::to_string(count)});
+        return run(node, args);
+    }
+    static int publish(const std::string& event, const std::string& text) {
+        OrvoNNNotification n{text.c_str(), nullptr, 0, nullptr};
+        return OrvoNNNotify(event.c_str(), &n);
+    }
+    // Publishes "probe" on A until `sub` shows one: the node's interest has reached every server.
+    static bool probeUntilHeard(const std::string& event, kstest::ChildProcess& sub) {
+        std::string line;
+        for (int i = 0; i < 100; ++i) {
+            publish(event, "probe");
+            if (sub.readLine(line, 200)) return true;
+        }
+        return false;
+    }
+    // The texts `sub` printed up to the one saying "end", probes left out.
+    static std::vector<std::string> textsUntilEnd(kstest::ChildProcess& sub) {
+        std::vector<std::string> texts;
+        for (std::string line; sub.readLine(line);) {
+            const auto q = line.find("text \"");
+            const std::string text = line.substr(q + 6, line.find('"', q + 6) - q - 6);
+            if (text == "end") break;
+            if (text != "probe") texts.push_back(text);
+        }
+        return texts;
+    }
+    long status(int node, const std::string& key) {
+        const std::string json = kstest::operatorQuery(nodes_[node]->connType(), "status");
+        const auto at = json.find("\"" + key + "\":");
+        return at == std::string::npos ? -1 : std::stol(json.substr(at + key.size() + 3));
+    }
+
+    kstest::NatsCluster nats_;
+    std::vector<std::unique_ptr<kstest::KsdProcess>> nodes_;
+};
+
+TEST_F(ClusterEndToEnd, APublicationReachesEveryNodesSubscribersOnceInOrder) {
+    auto onA = subscribe(0, kOddName), onB = subscribe(1, kOddName);
+    ASSERT_TRUE(probeUntilHeard(kOddName, *onB));
+    std::vector<std::string> sent;
+    for (int i = 1; i <= 50; ++i) {
+        sent.push_back("m" + std::to_string(i));
+        EXPECT_EQ(publish(kOddName, sent.back()), 1) << "the reply counts this node's subscribers only";
+    }
+    publish(kOddName, "end");
+    EXPECT_EQ(textsUntilEnd(*onA), sent);
+    EXPECT_EQ(textsUntilEnd(*onB), sent);
+    EXPECT_GE(status(1, "cluster_received"), 51);
+    EXPECT_EQ(status(2, "cluster_received"), 0) << "C has no subscriber and must not be sent anything";
+    EXPECT_EQ(status(0, "cluster_nodes"), 3);
+}
+
+TEST_F(ClusterEndToEnd, ANodeStopsTakingAnEventOnceItsLastSubscriberLeaves) {
+    auto once = subscribe(1, "leaving", 1), marker = subscribe(1, "marker");
+    ASSERT_TRUE(probeUntilHeard("leaving", *once));
+    ASSERT_EQ(once->wait(), 0);
+    ASSERT_TRUE(probeUntilHeard("marker", *marker));
+    const long before = status(1, "cluster_received");
+    for (int i = 0; i < 5; ++i) publish("leaving", "unwanted");
+    publish("marker", "end");
+    EXPECT_TRUE(textsUntilEnd(*marker).empty());
+    EXPECT_EQ(status(1, "cluster_received"), before + 1) << "only the marker, sent after the others, came";
+}
+
+TEST_F(ClusterEndToEnd, JobEventsReachARestoredSubscriberOnAnotherNode) {
+    const std::string helper = kstest::clientHelperProgram();
+    auto watcher = run(1, {"watch-job", "remote-job", "hang"}, helper);
+    ASSERT_GT(std::stol(watcher->waitForLine("watch-job ").substr(10)), 0);
+    ASSERT_TRUE(nodes_[1]->restart()) << nodes_[1]->log();
+    auto creator = run(0, {"create", "remote-job", "made on A"}, helper);
+    const std::string id = creator->waitForLine("create ").substr(7);
+    ASSERT_GT(std::stol(id), 0);
+    // Progress again and again until B's restored interest reaches the servers.
+    std::string line;
+    for (int p = 1; p < 100 && line.empty(); ++p) {
+        run(0, {"progress", id, std::to_string(p)}, helper)->wait();
+        line = watcher->waitForLine("js-event", 200);
+    }
+    EXPECT_EQ(line.substr(0, 20), "js-event remote-job ") << "CREATED or UPDATED, heard on B";
+}
+
+TEST_F(ClusterEndToEnd, WithNatsGoneLocalDeliveryGoesOnAndRemotePublicationsAreDropped) {
+    nats_.killAll();
+    ASSERT_TRUE(kstest::waitUntil([&] { return status(0, "cluster_connected") == 0; }));
+    auto local = subscribe(0, "alone");
+    ASSERT_TRUE(kstest::waitUntil([&] { return publish("alone", "hello") == 1; }));
+    std::string line;
+    ASSERT_TRUE(local->readLine(line));
+    EXPECT_NE(line.find("text \"hello\""), std::string::npos);
+    EXPECT_GE(status(0, "cluster_dropped"), 1);
+}
+
+}  // namespace
