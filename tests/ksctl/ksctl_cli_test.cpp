@@ -41,20 +41,9 @@ void expectOneErrorLine(const RunResult& r, const std::string& fragment) {
     EXPECT_NE(errLines[0].find(fragment), std::string::npos) << r.err;
 }
 
-class KsctlCli : public ::testing::Test {
+class KsctlCli : public KsctlTest {
 protected:
-    void SetUp() override { ASSERT_TRUE(ksd_.start()) << "ksd did not start"; }
-
-    std::vector<std::string> cmd(std::initializer_list<std::string> args, bool json = false) const {
-        std::vector<std::string> all = {"--pipe", ksd_.pipeName()};
-        if (json) all.push_back("--json");
-        all.insert(all.end(), args);
-        return all;
-    }
-    RunResult run(std::initializer_list<std::string> args) const { return runKsctl(cmd(args)); }
-    RunResult runJson(std::initializer_list<std::string> args) const { return runKsctl(cmd(args, true)); }
-
-    kstest::KsdProcess ksd_;
+    RunResult runJson(std::vector<std::string> args) const { return run(std::move(args), true); }
 };
 
 }  // namespace

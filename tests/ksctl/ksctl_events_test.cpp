@@ -39,24 +39,13 @@ std::string summary(const std::string& line) {
     return out;
 }
 
-class KsctlEvents : public ::testing::Test {
+class KsctlEvents : public KsctlTest {
 protected:
-    void SetUp() override { ASSERT_TRUE(ksd_.start()) << ksd_.log(); }
-    std::vector<std::string> cmd(std::vector<std::string> args, bool json = false) const {
-        args.insert(args.begin(), {"--pipe", ksd_.pipeName()});
-        if (json) args.insert(args.begin() + 2, "--json");
-        return args;
-    }
-    RunResult run(std::vector<std::string> args, bool json = false) const {
-        return runKsctl(cmd(std::move(args), json));
-    }
     std::string subscriptions() const { return operatorQuery(ksd_.connType(), "subscriptions"); }
     // True once the subscriptions list shows `event`.
     bool subscribed(const std::string& event) const {
         return waitUntil([&] { return subscriptions().find("\"event\":\"" + event + "\"") != std::string::npos; });
     }
-
-    KsdProcess ksd_;
 };
 
 TEST_F(KsctlEvents, JobLockAndTaskEventsArriveAsJsonLinesInTheOrderTheyHappened) {

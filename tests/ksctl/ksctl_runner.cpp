@@ -11,6 +11,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "json.h"
+
 extern char** environ;
 
 namespace kstest {
@@ -86,6 +88,15 @@ std::vector<std::string> lines(const std::string& text) {
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
+}
+
+std::string member(const std::string& json, std::size_t index, const char* key) {
+    const auto v = ksctl::parseJson(json);
+    if (!v) return "<not json: " + json + ">";
+    const ksctl::JsonValue* item =
+        v->kind == ksctl::JsonValue::Kind::Array ? (index < v->items.size() ? &v->items[index] : nullptr) : &*v;
+    const ksctl::JsonValue* m = item ? item->find(key) : nullptr;
+    return !m ? "<missing>" : m->kind == ksctl::JsonValue::Kind::String ? m->text : ksctl::toJson(*m);
 }
 
 }  // namespace kstest

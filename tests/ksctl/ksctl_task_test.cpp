@@ -24,24 +24,8 @@ std::string inOneHour(bool gmt) {
     return text;
 }
 
-std::string member(const std::string& json, std::size_t index, const char* key) {
-    const auto v = ksctl::parseJson(json);
-    if (!v) return "<not json: " + json + ">";
-    const ksctl::JsonValue* item =
-        v->kind == ksctl::JsonValue::Kind::Array ? (index < v->items.size() ? &v->items[index] : nullptr) : &*v;
-    const ksctl::JsonValue* m = item ? item->find(key) : nullptr;
-    return !m ? "<missing>" : m->kind == ksctl::JsonValue::Kind::String ? m->text : ksctl::toJson(*m);
-}
-
-class KsctlTask : public ::testing::Test {
+class KsctlTask : public KsctlTest {
 protected:
-    void SetUp() override { ASSERT_TRUE(ksd_.start()) << ksd_.log(); }
-    RunResult run(std::vector<std::string> args, bool json = false) {
-        args.insert(args.begin(), {"--pipe", ksd_.pipeName()});
-        if (json) args.insert(args.begin() + 2, "--json");
-        return runKsctl(args);
-    }
-    KsdProcess ksd_;
     ScopedTempDir dir_{"kstest-ksctl-task"};
 };
 

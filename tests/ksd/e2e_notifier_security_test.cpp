@@ -22,6 +22,7 @@
 #include "OrvoCodec.h"
 #include "fake_daemon.h"
 #include "ksd_process.h"
+#include "other_user.h"
 #include "wait_until.h"
 
 namespace {
@@ -50,28 +51,6 @@ std::int64_t unsubscribe(const std::string& daemon, const std::string& address, 
 std::int64_t notify(const std::string& daemon, const std::string& event) {
     return ask(daemon,
                request("TRVX_NN_NOTIFY").addString("test").addString(event).addString("t").addLong(0).addRaw(""));
-}
-
-// Runs `fn` in a child process under `uid`; what it answers comes back as text.
-std::string runAs(uid_t uid, const std::function<std::string()>& fn) {
-    int out[2];
-    if (::pipe(out) != 0) return "no pipe";
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::close(out[0]);
-        const std::string text = ::setgroups(0, nullptr) == 0 && ::setgid(uid) == 0 && ::setuid(uid) == 0
-                                     ? fn()
-                                     : "cannot become uid " + std::to_string(uid);
-        [[maybe_unused]] const ssize_t n = ::write(out[1], text.data(), text.size());
-        ::_exit(0);
-    }
-    ::close(out[1]);
-    std::string text;
-    char buffer[256];
-    for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) text.append(buffer, std::size_t(n));
-    ::close(out[0]);
-    ::waitpid(pid, nullptr, 0);
-    return text;
 }
 
 // A Unix stream socket bound to an abstract name, not yet listening.
@@ -126,9 +105,9 @@ TEST_F(NotifierSecurity, AnotherUsersEarlierRegistrationNeitherBlocksNorReplaces
     AbstractSocket sink;
     const std::string d = daemon();
     // The squatter registers the victim's future address first.
-    ASSERT_EQ(runAs(kNobody, [&] { return std::to_string(subscribe(d, "squat", sink.address(), 1)); }), "0");
+    ASSERT_EQ(kstest::runAs(kNobody, [&] { return std::to_string(subscribe(d, "squat", sink.address(), 1)); }), "0");
     EXPECT_EQ(
-        runAs(kOther, [&] { return sink.listen() ? std::to_string(subscribe(d, "mine", sink.address(), 1)) : "no"; }),
+        kstest::runAs(kOther, [&] { return sink.listen() ? std::to_string(subscribe(d, "mine", sink.address(), 1)) : "no"; }),
         "0");
     EXPECT_EQ(subscriptions(), 2);
     ASSERT_TRUE(ksd_.restart()) << ksd_.log();
@@ -136,8 +115,8 @@ TEST_F(NotifierSecurity, AnotherUsersEarlierRegistrationNeitherBlocksNorReplaces
     EXPECT_EQ(notify(d, "mine"), 1);
     EXPECT_EQ(sink.nextFrame(), "1 mine") << "the owner's event reaches its listener";
     EXPECT_EQ(unsubscribe(d, sink.address(), 1), -2) << "root unregisters only its own";
-    EXPECT_EQ(runAs(kNobody, [&] { return std::to_string(unsubscribe(d, sink.address(), 1)); }), "0");
-    EXPECT_EQ(runAs(kNobody, [&] { return std::to_string(unsubscribe(d, sink.address(), 1)); }), "-2");
+    EXPECT_EQ(kstest::runAs(kNobody, [&] { return std::to_string(unsubscribe(d, sink.address(), 1)); }), "0");
+    EXPECT_EQ(kstest::runAs(kNobody, [&] { return std::to_string(unsubscribe(d, sink.address(), 1)); }), "-2");
     EXPECT_EQ(subscriptions(), 1) << "the squatter's going took nothing of the owner's";
 }
 
@@ -154,7 +133,7 @@ TEST_F(NotifierSecurity, ACallbackPathOrPortTheRegistrantCannotReachIsRefused) {
     ASSERT_EQ(::chmod(path.c_str(), 0777), 0);
     const std::string d = daemon();
     const auto asNobody = [&](const std::string& address) {
-        return runAs(kNobody, [&] { return std::to_string(subscribe(d, "e", address, 1)); });
+        return kstest::runAs(kNobody, [&] { return std::to_string(subscribe(d, "e", address, 1)); });
     };
     EXPECT_EQ(asNobody("pipe:" + path), "-13") << "the directory is root's alone";
     ASSERT_EQ(::chmod(dir.path().c_str(), 0711), 0);
@@ -225,7 +204,7 @@ TEST_F(NotifierSecurity, RootIsNotBoundByTheSubscriptionQuotaAndItsListComesInPa
                     c.readValue(v) && c.readValue(a) && c.readValue(b));
         ASSERT_EQ(v.tag == OrvoNet::Codec::kTagError ? kRefused + v.integer : v.integer, 0) << "registration " << i;
     }
-    EXPECT_EQ(runAs(kNobody,
+    EXPECT_EQ(kstest::runAs(kNobody,
                     [&] {
                         std::string last;
                         for (int i = 0; i < 4097 && last != std::to_string(kRefused + EDQUOT); ++i)

@@ -15,6 +15,7 @@
 #include "OrvoCodec.h"
 #include "OrvoTaskScheduler.h"
 #include "e2e_support.h"
+#include "other_user.h"
 #include "wait_until.h"
 #include "fake_daemon.h"
 
@@ -271,25 +272,10 @@ TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
               "l1");
 }
 
-// Runs `body` in a child process that has become the user nobody; its int result comes back.
-template <typename F>
-int asNobody(F body) {
-    int fds[2];
-    if (::pipe(fds) != 0) return -9999;
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::close(fds[0]);
-        int result = -9998;
-        if (::setgid(65534) == 0 && ::setuid(65534) == 0) result = body();
-        [[maybe_unused]] ssize_t n = ::write(fds[1], &result, sizeof result);
-        ::_exit(0);
-    }
-    ::close(fds[1]);
-    int result = -9999;
-    if (::read(fds[0], &result, sizeof result) != sizeof result) result = -9999;
-    ::close(fds[0]);
-    ::waitpid(pid, nullptr, 0);
-    return result;
+// Runs `body` as the user nobody; its int result comes back (-9999 when none did).
+int asNobody(const std::function<int()>& body) {
+    const std::string out = kstest::runAs(kstest::kOtherUid, [&] { return std::to_string(body()); });
+    return out.empty() ? -9999 : std::stoi(out);
 }
 
 TEST_F(TaskEndToEnd, AProgramRunsAsTheUserWhoScheduledItAndOthersCannotTouchIt) {

@@ -1,52 +1,14 @@
-// A stand-in for the daemon, for wire-level tests: it listens on a unique
-// abstract Unix name or an ephemeral loopback TCP port, reads requests on
-// its own threads (one per accepted connection), records every value and byte,
-// and answers from scripts. It also pushes callback frames to a sink.
-//
-// Quick use:
-//
-//   kstest::FakeDaemon daemon;                        // or FakeDaemon(kstest::Transport::tcp)
-//   daemon.expect({.service = "JobStatus", .request = "TRVX_JS_SET_PROGRESS",
-//                  .fields = {kstest::Field::Long(), kstest::Field::Long()},
-//                  .reply = kstest::Wire().addLong(0).bytes()});
-//   ASSERT_TRUE(daemon.start());
-//   kstest::ScopedEnv env("KSINTF_CONN_TYPE", daemon.connType());   // "pipe:<name>" / "socket:<port>"
-//   ... call the client ...
-//   ASSERT_TRUE(daemon.waitForRequests(1));          // bounded wait (5 s by default)
-//   kstest::Request r = daemon.request(0);
-//   EXPECT_EQ(r.values[0].integer, 4711);
-//
-// Scripts. Each request is read as: short version, short magic, string
-// service, string request (the header), then chooses the first queued script
-// whose service/request match (an empty one matches anything). A script is
-// used once unless `persistent`. It names the kinds of the fields that follow
-// the header (Field::Short/Int/Long/Bool/String, Field::Raw(n) for n raw
-// bytes, Field::RawFrom(i) for a raw run whose length is the integer value of
-// this request's field i) and the reply: encoded bytes (build them with
-// Wire or Codec::put*), or a function of the recorded request. After the
-// reply the trailer short 0, short 7777 goes out unless `trailer` is false.
-// A request that matches no script, or whose header or a field has the wrong
-// tag, is recorded with `problem` set and answered with an error value
-// (ENOSYS / EPROTO), then its connection is closed, as the daemon does.
-//
-// Failure scripting: `errorCode` != 0 sends an error value `E` in place of the
-// reply (after `reply`, which may then hold a partial reply) and closes;
-// `closeAfterFields` >= 0 closes after reading that many fields, without a
-// reply; `closeAfterReplyBytes` >= 0 sends only that many bytes of
-// reply+trailer and closes; `closeAfterReply` closes once the reply is out.
-// Otherwise a connection stays open for the next request (a shared
-// connection) until the client closes it.
-//
-// Lifecycle: start() listens (the same name/port again after stop(), for
-// reconnect tests); stop() closes the listener and every connection and joins
-// the threads; the destructor stops. All accessors are thread-safe and return
-// copies.
-//
-// Pushes: push(address, id, payload) sends one frame (tagged int id, tagged
-// int length, raw payload) to a callback address "pipe:<name>" or
-// "socket:<host>:<port>", keeping one connection per address like the
-// daemon. WireClient is the same thing by hand, and also reads typed values
-// back (for tests that talk to a real ksd).
+// A daemon that misbehaves on purpose, for wire-level tests of the client
+// side: it listens on a unique abstract name (or a loopback port), records
+// every request and byte, and answers each request from the first queued
+// Script whose service/request match (empty matches any; used once unless
+// `persistent`). A script names the fields after the header (RawFrom(i): a
+// raw run as long as field i says) and the reply bytes (built with Wire), or
+// cuts the exchange: `errorCode` sends an error value and closes,
+// `closeAfterFields` / `closeAfterReplyBytes` close part way, `trailer` false
+// leaves the trailer out. A request no script matches gets an error value and
+// its connection closed, as the daemon does. push() sends callback frames to
+// a sink over one kept connection per address. WireClient is the same by hand.
 #ifndef KSTEST_FAKE_DAEMON_H
 #define KSTEST_FAKE_DAEMON_H
 

@@ -1,11 +1,11 @@
 #include "other_user.h"
 
 #include <grp.h>
-#include <cerrno>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <vector>
 
 namespace kstest {
@@ -84,6 +84,14 @@ void OtherUser::finish() {
         }
         pid_ = -1;
     }
+}
+
+std::string runAs(uid_t uid, const std::function<std::string()>& fn) {
+    auto child = OtherUser::start([&](OtherUser::Keep&) { return fn(); }, uid);
+    if (!child) return "";
+    std::string out = child->result();
+    child->finish();
+    return out;
 }
 
 }  // namespace kstest

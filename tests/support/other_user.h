@@ -38,6 +38,10 @@ private:
     int goFd_ = -1;
 };
 
+// Runs `fn` as `uid` in a child process and returns its answer; empty when
+// the child could not switch users or died first.
+std::string runAs(uid_t uid, const std::function<std::string()>& fn);
+
 }  // namespace kstest
 
 #endif
