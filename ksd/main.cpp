@@ -12,12 +12,13 @@
 #include <cstdint>
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <optional>
 
-#include "OrvoProtocol.h"
 #include "OrvoLogging.h"
+#include "OrvoProtocol.h"
 #include "daemon.h"
 #include "log_setup.h"
 #include "service_manager.h"
@@ -161,7 +162,13 @@ int main(int argc, char** argv) {
         if (comma > from) options.cluster.servers.push_back(clusterUrls.substr(from, comma - from));
         from = comma + 1;
     }
-    if (logLevel) OrvoSupport::OrvoLogging::getInstance().setLogLevel(*ksd::parseLogLevel(*logLevel));
+    // A daemon shows its warnings unless told otherwise: refusals and failed task starts are
+    // what an operator looks for first.
+    if (logLevel) {
+        OrvoSupport::OrvoLogging::getInstance().setLogLevel(*ksd::parseLogLevel(*logLevel));
+    } else if (std::getenv("OSUPT_LOG_LEVEL") == nullptr) {
+        OrvoSupport::OrvoLogging::getInstance().setLogLevel(ksd::kLogWarning);
+    }
     if (tcpPort) options.tcpPort = *tcpPort;
     if (!stateDir.empty())
         options.stateDir = stateDir;

@@ -134,9 +134,10 @@ int longReplyRequest(const char* pszEngine, const char* pszCommand, WriteFields 
 // payload (-1 once stopped), with level-9 records under `pszClass`.
 KSINTF_API int waitForJavaEventCode(int hRegistration, const char* pszClass);
 
-// How long a request waits for its reply: KSINTF_REPLY_TIMEOUT_MS, 30 s by
-// default. A passed deadline fails the call with -110 and closes its socket.
-long replyTimeoutMs();
+// How long a request waits for its reply: KSINTF_REPLY_TIMEOUT_MS, or -1 (no
+// deadline) when it is unset, as a call without configuration never times out.
+// A passed deadline fails the call with -110 and closes its socket.
+KSINTF_API long replyTimeoutMs();
 // Gives `connection`'s replies nMs (negative: no limit).
 void setReplyDeadline(OrvoLibraryConnection& connection, long nMs);
 

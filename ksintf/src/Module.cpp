@@ -210,16 +210,18 @@ int waitForJavaEventCode(int hRegistration, const char* pszClass) {
     OrvoJavaNotificationCallbackContainer& container = OrvoJavaNotificationCallbackContainer::getInstance();
     ORVO_LOG(9, pszClass << "::waitForNotification: enter");
     OrvoCriticalSection lock(container.mutex());
-    OrvoJavaNotificationSP spNotification;
     int nResult = -1;
-    if (!container.waitForJavaNotification(hRegistration, spNotification)) {
-        ORVO_LOG(9, pszClass << "::waitForNotification: no notification");
-    } else {
+    for (;;) {
+        OrvoJavaNotificationSP spNotification;
+        if (!container.waitForJavaNotification(hRegistration, spNotification)) {
+            ORVO_LOG(9, pszClass << "::waitForNotification: no notification");
+            nResult = -1;
+            break;
+        }
         ORVO_LOG(9, pszClass << "::waitForNotification: have a notification");
-        // A shorter payload fills only its own bytes of the code.
-        const OrvoNNNotification& record = spNotification->notification();
-        nResult = 0;
-        std::memcpy(&nResult, record.m_pData, std::min<std::size_t>(sizeof(nResult), record.m_nDataLength));
+        // The same rule as the C callbacks: a payload without a whole code is logged and skipped,
+        // never read as 0, which is a real event code.
+        if (familyEventCode(pszClass, &spNotification->notification(), nResult)) break;
     }
     ORVO_LOG(9, pszClass << "::waitForNotification: exit");
     return nResult;

@@ -175,15 +175,14 @@ void OrvoLibraryConnection::setTransport(OrvoConnection* pConnection) {
 }
 
 long replyTimeoutMs() {
-    constexpr long kDefaultMs = 30000;
     const char* pszValue = std::getenv("KSINTF_REPLY_TIMEOUT_MS");
-    if (pszValue == nullptr || *pszValue == '\0') return kDefaultMs;
+    if (pszValue == nullptr || *pszValue == '\0') return -1;
     char* pszEnd = nullptr;
     const long nMs = std::strtol(pszValue, &pszEnd, 10);
     if (*pszEnd != '\0' || nMs <= 0) {
-        ORVO_LOG(1, "KSINTF_REPLY_TIMEOUT_MS='" << pszValue << "' is not a positive number of ms; using "
-                                                 << kDefaultMs);
-        return kDefaultMs;
+        ORVO_LOG(1, "KSINTF_REPLY_TIMEOUT_MS='" << pszValue << "' is not a positive number of ms; waiting without "
+                                                << "a deadline");
+        return -1;
     }
     return nMs;
 }

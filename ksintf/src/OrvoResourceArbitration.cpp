@@ -30,8 +30,9 @@ long OrvoRAResourceLock(const char* pszResourceName, int nMilliSeconds) {
     try {
         OrvoLibraryConnection connection{OrvoString(kEngineName), OrvoString("TRVX_RA_LOCK")};
         // A lock wait adds its own time-out to the reply deadline; an endless one has none.
+        const long nReplyMs = KSInterface::replyTimeoutMs();
         KSInterface::setReplyDeadline(
-            connection, nMilliSeconds < 0 ? -1 : KSInterface::replyTimeoutMs() + static_cast<long>(nMilliSeconds));
+            connection, nMilliSeconds < 0 || nReplyMs < 0 ? -1 : nReplyMs + static_cast<long>(nMilliSeconds));
         connection.transfer(OrvoString(pszResourceName));
         connection.transfer(static_cast<long>(nMilliSeconds));
         // Handles fit in 32 bits: narrow, then widen with the sign.

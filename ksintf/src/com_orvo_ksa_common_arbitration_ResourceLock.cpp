@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "JavaStrings.h"
 #include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoCriticalSection.h"
@@ -23,10 +24,9 @@ extern "C" {
 JNIEXPORT jlong JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_resourceLock(JNIEnv* env, jobject,
                                                                                       jstring resourcename,
                                                                                       jint nmillisec) {
-    const char* pszResourceName = env->GetStringUTFChars(resourcename, nullptr);
-    const long hLock = OrvoRAResourceLock(pszResourceName, nmillisec);
-    env->ReleaseStringUTFChars(resourcename, pszResourceName);
-    return hLock;
+    const KSInterface::JavaUtfChars name(env, resourcename, "resourceName");
+    if (!name) return -14;
+    return OrvoRAResourceLock(name.c_str(), nmillisec);
 }
 
 JNIEXPORT jboolean JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_resourceUnLock(JNIEnv*, jobject,
@@ -36,13 +36,13 @@ JNIEXPORT jboolean JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_res
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_arbitration_ResourceLock_regForNotification(JNIEnv* env, jobject,
                                                                                            jstring jsResourceName) {
-    const char* pszResourceName = env->GetStringUTFChars(jsResourceName, nullptr);
-    const OrvoSupport::OrvoString sEventName = KSInterface::ResourceArbitrationEventName(pszResourceName);
+    const KSInterface::JavaUtfChars name(env, jsResourceName, "resourceName");
+    if (!name) return -14;
+    const OrvoSupport::OrvoString sEventName = KSInterface::ResourceArbitrationEventName(name.c_str());
     ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.regForNotification: enter: pszResourceName="
-                    << "|" << pszResourceName << "|");
+                    << "|" << name.c_str() << "|");
     const int hRegistration =
         OrvoJavaNotificationCallbackContainer::getInstance().regForJavaNotification(sEventName.c_str());
-    env->ReleaseStringUTFChars(jsResourceName, pszResourceName);
     ORVO_LOG(9, "Java.com.orvo.ksa.common.arbitration.regForNotification: exit");
     return hRegistration;
 }

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "JavaStrings.h"
 #include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoCriticalSection.h"
@@ -21,23 +22,25 @@ extern "C" {
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_create(JNIEnv* env, jobject, jstring jsJobDescription,
                                                                     jstring jsJobName) {
-    const char* pszJobName = env->GetStringUTFChars(jsJobName, nullptr);
-    const char* pszJobDescription = env->GetStringUTFChars(jsJobDescription, nullptr);
-    const int nResult = OrvoJSECreateJob(pszJobDescription, pszJobName);
-    env->ReleaseStringUTFChars(jsJobName, pszJobName);
-    env->ReleaseStringUTFChars(jsJobDescription, pszJobDescription);
-    return nResult;
+    const KSInterface::JavaUtfChars description(env, jsJobDescription, "jobDescription");
+    if (!description) return -14;
+    const KSInterface::JavaUtfChars name(env, jsJobName, "jobName");
+    if (!name) return -14;
+    return OrvoJSECreateJob(description.c_str(), name.c_str());
 }
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_lookup(JNIEnv* env, jobject, jstring jsJobName) {
-    const char* pszJobName = env->GetStringUTFChars(jsJobName, nullptr);
-    const int nResult = OrvoJSELookupJob(pszJobName);
-    env->ReleaseStringUTFChars(jsJobName, pszJobName);
-    return nResult;
+    const KSInterface::JavaUtfChars name(env, jsJobName, "jobName");
+    if (!name) return -14;
+    return OrvoJSELookupJob(name.c_str());
 }
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_mapAppJob(JNIEnv* env, jobject, jint iJobId,
                                                                        jintArray jaiAppId) {
+    if (jaiAppId == nullptr) {
+        env->ThrowNew(env->FindClass("java/lang/NullPointerException"), "appIds");
+        return -14;
+    }
     const jsize nCount = env->GetArrayLength(jaiAppId);
     jboolean bIsCopy = JNI_FALSE;
     // Never handed back with ReleaseIntArrayElements: the C call works on
@@ -69,13 +72,13 @@ JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_cancel(JNIEnv*, jo
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_jobstatus_Job_regForNotification(JNIEnv* env, jobject,
                                                                                 jstring jsJobName) {
-    const char* pszJobName = env->GetStringUTFChars(jsJobName, nullptr);
-    const OrvoSupport::OrvoString sEventName = KSInterface::JobStatusEventName(pszJobName);
+    const KSInterface::JavaUtfChars name(env, jsJobName, "jobName");
+    if (!name) return -14;
+    const OrvoSupport::OrvoString sEventName = KSInterface::JobStatusEventName(name.c_str());
     ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::regForNotification: enter: pszResourceName="
-                    << "|" << pszJobName << "|");
+                    << "|" << name.c_str() << "|");
     const int hRegistration =
         OrvoJavaNotificationCallbackContainer::getInstance().regForJavaNotification(sEventName.c_str());
-    env->ReleaseStringUTFChars(jsJobName, pszJobName);
     ORVO_LOG(9, "Java.com.orvo.ksa.common.jobstatus.Job::regForNotification: exit");
     return hRegistration;
 }

@@ -6,6 +6,7 @@
 
 #include <map>
 
+#include "JavaStrings.h"
 #include "KSIntfLibrary.h"
 #include "OrvoCriticalSection.h"
 #include "OrvoLogging.h"
@@ -36,12 +37,11 @@ extern "C" {
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_notificationnetwork_NNC_regForNotification(JNIEnv* env, jobject,
                                                                                           jstring collaboratorName) {
-    const char* pszCollaboratorName = env->GetStringUTFChars(collaboratorName, nullptr);
+    const KSInterface::JavaUtfChars name(env, collaboratorName, "eventName");
+    if (!name) return -14;
     ORVO_LOG(9, "NNC::regForNotification: enter: pszCollaboratorName="
-                    << "|" << pszCollaboratorName << "|");
-    const int hRegistration =
-        OrvoJavaNotificationCallbackContainer::getInstance().regForJavaNotification(pszCollaboratorName);
-    env->ReleaseStringUTFChars(collaboratorName, pszCollaboratorName);
+                    << "|" << name.c_str() << "|");
+    const int hRegistration = OrvoJavaNotificationCallbackContainer::getInstance().regForJavaNotification(name.c_str());
     ORVO_LOG(9, "NNC::regForNotification: exit");
     return hRegistration;
 }
@@ -141,30 +141,24 @@ JNIEXPORT void JNICALL Java_com_orvo_ksa_common_notificationnetwork_NNC_retrieve
 JNIEXPORT void JNICALL Java_com_orvo_ksa_common_notificationnetwork_NNC_NNotify(JNIEnv* env, jclass, jstring eventName,
                                                                                jstring notificationData,
                                                                                jbyteArray producerData) {
-    const char* pszEventName = env->GetStringUTFChars(eventName, nullptr);
-    if (env->ExceptionCheck()) return;
-    const char* pszData = env->GetStringUTFChars(notificationData, nullptr);
-    if (env->ExceptionCheck()) {
-        env->ReleaseStringUTFChars(eventName, pszEventName);
+    const KSInterface::JavaUtfChars name(env, eventName, "eventName");
+    if (!name) return;
+    const KSInterface::JavaUtfChars data(env, notificationData, "notificationData");
+    if (!data) return;
+    if (producerData == nullptr) {
+        env->ThrowNew(env->FindClass("java/lang/NullPointerException"), "producerData");
         return;
     }
     jbyte* pBytes = env->GetByteArrayElements(producerData, nullptr);
-    if (env->ExceptionCheck()) {
-        env->ReleaseStringUTFChars(eventName, pszEventName);
-        env->ReleaseStringUTFChars(notificationData, pszData);
-        return;
-    }
+    if (env->ExceptionCheck()) return;
     const long nLength = env->GetArrayLength(producerData);
 
     OrvoNNNotification record;
-    record.m_pszData = pszData;
+    record.m_pszData = data.c_str();
     record.m_pData = pBytes;
     record.m_nDataLength = nLength;
     record.m_pContext = nullptr;  // publishers have no context
-    OrvoNNNotify(pszEventName, &record);
-
-    env->ReleaseStringUTFChars(eventName, pszEventName);
-    env->ReleaseStringUTFChars(notificationData, pszData);
+    OrvoNNNotify(name.c_str(), &record);
     env->ReleaseByteArrayElements(producerData, pBytes, 0);
 }
 

@@ -1,14 +1,14 @@
 // Native side of com.orvo.ksa.common.scheduler.ScheduledTask: the task
-// scheduler's C interface for Java, with growing reply buffers, trace lines
-// on standard output, and task-state waits through the Java container.
+// scheduler's C interface for Java, with growing reply buffers, trace records
+// in the library's log, and task-state waits through the Java container.
 
 #include <jni.h>
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 
+#include "JavaStrings.h"
 #include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoCriticalSection.h"
@@ -62,35 +62,35 @@ extern "C" {
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_scheduleTask(
     JNIEnv* env, jobject, jstring taskname, jstring appname, jstring appworkpath, jstring parastr, jint frequency,
     jint month, jint day, jint year, jint hour, jint minute, jint sec, jstring logfilename) {
-    const char* pszTaskName = env->GetStringUTFChars(taskname, nullptr);
-    const char* pszAppName = env->GetStringUTFChars(appname, nullptr);
-    const char* pszWorkPath = env->GetStringUTFChars(appworkpath, nullptr);
-    const char* pszParameters = env->GetStringUTFChars(parastr, nullptr);
-    const char* pszLogFile = env->GetStringUTFChars(logfilename, nullptr);
-    const int nResult =
-        OrvoTSScheduleTask(pszTaskName, pszAppName, pszWorkPath, pszParameters, static_cast<tTaskFrequency>(frequency),
-                           month, day, year, hour, minute, sec, pszLogFile);
-    std::fprintf(stdout, "TASKSCHEDULE : TaskName : %s , HANDLE = %d ", pszTaskName, nResult);
-    env->ReleaseStringUTFChars(taskname, pszTaskName);
-    env->ReleaseStringUTFChars(appname, pszAppName);
-    env->ReleaseStringUTFChars(appworkpath, pszWorkPath);
-    env->ReleaseStringUTFChars(parastr, pszParameters);
-    env->ReleaseStringUTFChars(logfilename, pszLogFile);
+    const KSInterface::JavaUtfChars name(env, taskname, "taskName");
+    if (!name) return -14;
+    const KSInterface::JavaUtfChars program(env, appname, "appName");
+    if (!program) return -14;
+    const KSInterface::JavaUtfChars workPath(env, appworkpath, "appWorkPath");
+    if (!workPath) return -14;
+    const KSInterface::JavaUtfChars parameters(env, parastr, "paraStr");
+    if (!parameters) return -14;
+    const KSInterface::JavaUtfChars logFile(env, logfilename, "logFileName");
+    if (!logFile) return -14;
+    const int nResult = OrvoTSScheduleTask(name.c_str(), program.c_str(), workPath.c_str(), parameters.c_str(),
+                                           static_cast<tTaskFrequency>(frequency), month, day, year, hour, minute, sec,
+                                           logFile.c_str());
+    ORVO_LOG(9, "TASKSCHEDULE : TaskName : " << name.c_str() << " , HANDLE = " << nResult);
     return nResult;
 }
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_scheduledTaskLookup(JNIEnv* env, jobject,
                                                                                            jstring taskname) {
-    const char* pszTaskName = env->GetStringUTFChars(taskname, nullptr);
-    const int nResult = OrvoTSScheduledTaskLookup(pszTaskName);
-    std::fprintf(stdout, "LOOKUP : TaskName : %s , ID = %d ", pszTaskName, nResult);
-    env->ReleaseStringUTFChars(taskname, pszTaskName);
+    const KSInterface::JavaUtfChars name(env, taskname, "taskName");
+    if (!name) return -14;
+    const int nResult = OrvoTSScheduledTaskLookup(name.c_str());
+    ORVO_LOG(9, "LOOKUP : TaskName : " << name.c_str() << " , ID = " << nResult);
     return nResult;
 }
 
 JNIEXPORT void JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_cancelTask(JNIEnv*, jobject, jint taskid) {
     const int nResult = OrvoTSCancelTask(taskid);
-    std::fprintf(stdout, "TASKCANCEL : ID = %d ReturnCode = %d\n", taskid, nResult);
+    ORVO_LOG(9, "TASKCANCEL : ID = " << taskid << " ReturnCode = " << nResult);
 }
 
 JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_OrvoTSTaskState(JNIEnv*, jobject,
@@ -110,8 +110,9 @@ JNIEXPORT jstring JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_OrvoT
     int nSize = timesize;
     const int nResult = OrvoTSExecutionInformation(taskid, pszDateTime, &nSize);
     jstring jsResult = (nResult == -1 || nSize <= 30) ? env->NewStringUTF("") : env->NewStringUTF(pszDateTime);
-    std::fprintf(stdout, "TASKEXECUTIONINFO : ID = %d DateTime = %s  TimeSize = %d\n", taskid,
-                 pszDateTime != nullptr ? pszDateTime : "(null)", nSize);
+    ORVO_LOG(9, "TASKEXECUTIONINFO : ID = " << taskid
+                                            << " DateTime = " << (pszDateTime != nullptr ? pszDateTime : "(null)")
+                                            << "  TimeSize = " << nSize);
     return jsResult;
 }
 
@@ -160,13 +161,17 @@ JNIEXPORT jint JNICALL Java_com_orvo_ksa_common_scheduler_ScheduledTask_schedule
                                                                                     jint frequency, jint month,
                                                                                     jint day, jint year, jint hour,
                                                                                     jint minute, jint sec) {
-    const char* pszTaskName = env->GetStringUTFChars(taskname, nullptr);
+    const KSInterface::JavaUtfChars name(env, taskname, "taskName");
+    if (!name) return -14;
+    if (blob == nullptr) {
+        env->ThrowNew(env->FindClass("java/lang/NullPointerException"), "blob");
+        return -14;
+    }
     jbyte* pBlob = env->GetByteArrayElements(blob, nullptr);
     const jint nLength = env->GetArrayLength(blob);
-    const int nResult = OrvoTSScheduleBlobTask(pszTaskName, nLength, reinterpret_cast<const char*>(pBlob),
-                                               static_cast<tTaskFrequency>(frequency), month, day, year, hour,
-                                               minute, sec);
-    env->ReleaseStringUTFChars(taskname, pszTaskName);
+    const int nResult =
+        OrvoTSScheduleBlobTask(name.c_str(), nLength, reinterpret_cast<const char*>(pBlob),
+                               static_cast<tTaskFrequency>(frequency), month, day, year, hour, minute, sec);
     env->ReleaseByteArrayElements(blob, pBlob, 0);
     return nResult;
 }

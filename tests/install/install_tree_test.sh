@@ -24,6 +24,9 @@ pcdir=$(dirname "$(find "$prefix" -name ksintf.pc | head -n1)")
 libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir ksintf)
 [ "$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=prefix ksintf)" = "$prefix" ] || fail "pc prefix is not $prefix"
 [ -e "$libdir/libksintf.so" ] || fail "pc libdir $libdir has no libksintf.so"
+if [ -f "$build/java/ksintf.jar" ]; then
+    [ -f "$prefix/share/doc/ksa/javadoc/index.html" ] || fail "no Javadoc under share/doc/ksa"
+fi
 grep -q "^ExecStart=$prefix/sbin/ksd --foreground" "$prefix/lib/systemd/system/ksd.service" ||
     fail "unit ExecStart does not name $prefix/sbin/ksd"
 

@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -162,6 +163,12 @@ TEST_F(KsctlCli, JobLifecycleWithJsonOutput) {
     EXPECT_EQ(dup.exitCode, 1);
     expectOneErrorLine(dup, "job backup: a live job already has that name (-17)");
     EXPECT_EQ(at(parseLine(runJson({"job", "lookup", "backup"}).out), "id"), idText);
+    // Without --json, scripts get the bare number; the sentence is for a person, on stderr.
+    EXPECT_EQ(run({"job", "lookup", "backup"}).out, idText + "\n");
+    const RunResult verbose = run({"--verbose", "job", "create", "second"});
+    EXPECT_EQ(std::to_string(std::stoi(verbose.out)) + "\n", verbose.out);
+    EXPECT_EQ(verbose.err, "job " + std::to_string(std::stoi(verbose.out)) + " created: second\n");
+    EXPECT_EQ(run({"job", "delete", "second"}).exitCode, 0);
     EXPECT_EQ(at(parseLine(runJson({"job", "progress", idText, "40"}).out), "progress"), "40");
     EXPECT_EQ(run({"job", "progress", idText}).out, "job " + idText + ": 40%\n") << "the read form";
 
@@ -283,4 +290,87 @@ TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {
     EXPECT_EQ(at(s, "start_time").size(), 19u) << status.out;
     const std::string human = run({"status"}).out;  // name/value lines, not JSON
     EXPECT_TRUE(human.find("locks_held") != std::string::npos && human.find('{') == std::string::npos) << human;
+}
+
+TEST_F(KsctlCli, EveryManPageExampleRunsAsWritten) {
+    std::ifstream page(KS_MAN_DIR "/ksctl.1");
+    std::vector<std::string> examples;
+    bool inExamples = false, inBlock = false;
+    for (std::string line; std::getline(page, line);) {
+        if (line.rfind(".SH", 0) == 0) {
+            inExamples = line == ".SH EXAMPLES";
+        } else if (inExamples && (line == ".nf" || line == ".fi")) {
+            inBlock = line == ".nf";
+            if (inBlock) examples.emplace_back();
+        } else if (inBlock) {
+            for (std::size_t at = 0; (at = line.find('\\', at)) != std::string::npos; ++at)
+                line.replace(at, 2, line.compare(at, 2, "\\-") == 0 ? "-" : "\\");  // \- and \e
+            examples.back() += line + "\n";
+        }
+    }
+    ASSERT_GE(examples.size(), 5u);
+    kstest::ScopedTempDir dir;
+    // The files the examples name.
+    std::ofstream(dir.path() + "/migrate.sh") << "#!/bin/sh\necho migrated\n";
+    std::filesystem::permissions(dir.path() + "/migrate.sh", std::filesystem::perms::owner_all);
+    std::ofstream(dir.path() + "/result.bin") << "result";
+    const std::string binDir = std::filesystem::path(KSCTL_BINARY).parent_path();
+    for (std::size_t i = 0; i < examples.size(); ++i) {
+        const std::string script = dir.path() + "/example" + std::to_string(i);
+        std::ofstream(script) << examples[i];
+        const int status =
+            std::system(("cd " + dir.path() + " && PATH=" + binDir + ":$PATH KSINTF_CONN_TYPE=" + ksd_.connType() +
+                         " timeout 60 bash -eu " + script + " >" + script + ".out 2>&1")
+                            .c_str());
+        std::ifstream output(script + ".out");
+        EXPECT_EQ(status, 0) << examples[i] << "printed:\n" << output.rdbuf();
+    }
+}
+
+TEST_F(KsctlCli, AChangeKsdDoesNotAnswerIsSentOnceAndReportedAsOutcomeUnknown) {
+    ASSERT_EQ(::kill(ksd_.pid(), SIGSTOP), 0);
+    const RunResult flag = run({"--reply-timeout", "1500", "job", "create", "late"});
+    RunResult inherited;
+    {
+        // Without the option, the environment's deadline holds; unset, ksctl still sets one of its own.
+        kstest::ScopedEnv deadline("KSINTF_REPLY_TIMEOUT_MS", "1000");
+        inherited = run({"task", "cancel", "7"});
+    }
+    ::kill(ksd_.pid(), SIGCONT);
+    EXPECT_EQ(flag.exitCode, 75) << flag.err;
+    expectOneErrorLine(flag, "job late: sent, outcome unknown: no answer from ksd at pipe " + ksd_.pipeName() +
+                                 " within 1500 ms (-110)");
+    EXPECT_EQ(inherited.exitCode, 75) << inherited.err;
+    expectOneErrorLine(inherited, "within 1000 ms");
+    EXPECT_EQ(run({"job", "lookup", "late"}).exitCode, 0) << "the change was made after all";
+}
+
+TEST_F(KsctlCli, JobWatchSaysKsdWentAwayAndGoesOnWhenItIsBack) {
+    ASSERT_EQ(run({"job", "create", "across"}).exitCode, 0);
+    KsctlRun watch(cmd({"job", "watch", "across"}, true));
+    ASSERT_TRUE(waitUntil([&] {
+        return kstest::operatorQuery(ksd_.connType(), "subscriptions").find("OrvoJSEvent:across$") != std::string::npos;
+    }));
+    ASSERT_EQ(ksd_.stop(), 0);
+    ASSERT_TRUE(watch.waitForErr("lost ksd at pipe " + ksd_.pipeName()));
+    ASSERT_TRUE(ksd_.start()) << ksd_.log();
+    ASSERT_TRUE(watch.waitForErr("is back"));
+    EXPECT_EQ(run({"job", "progress", "across", "100"}).exitCode, 0);
+    const RunResult watched = watch.wait();
+    EXPECT_EQ(watched.exitCode, 0) << watched.err;
+    EXPECT_EQ(at(parseLine(lines(watched.out).back()), "event"), "completed") << watched.out;
+}
+
+TEST_F(KsctlCli, OverTcpSubscriptionsWorkAndRefusalsSayWhy) {
+    ksd_.stop();
+    ASSERT_TRUE(ksd_.start({"--tcp-port", "0", "--log-level", "error"}))
+        << ksd_.log();  // the ready line names the port
+    const std::string port = std::to_string(ksd_.tcpPort());
+    KsctlRun subscriber({"--tcp-port", port, "subscribe", "over-tcp", "--count", "1"});
+    ASSERT_TRUE(waitUntil([&] { return run({"publish", "over-tcp"}).out == "over-tcp: queued for 1 subscriber\n"; }));
+    const RunResult got = subscriber.wait();
+    EXPECT_EQ(got.exitCode, 0) << got.err;
+    const RunResult refused = runKsctl({"--tcp-port", port, "job", "create", "remote"});
+    EXPECT_EQ(refused.exitCode, 1);
+    expectOneErrorLine(refused, "job remote: over TCP ksd lets a client read jobs but not change them");
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <sstream>
 #include <stdexcept>
 
@@ -51,32 +52,42 @@ void KsctlRun::signal(int sig) const {
     if (pid_ > 0) ::kill(pid_, sig);
 }
 
-RunResult KsctlRun::wait() {
-    RunResult result;
+bool KsctlRun::pump(int timeoutMs) {
+    if (outFd_ < 0 && errFd_ < 0) return false;
+    pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
+    if (::poll(fds, 2, timeoutMs) < 0) return errno == EINTR;
+    int* fdRefs[2] = {&outFd_, &errFd_};
+    std::string* sinks[2] = {&read_.out, &read_.err};
     char buf[4096];
-    while (outFd_ >= 0 || errFd_ >= 0) {
-        pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
+    for (int i = 0; i < 2; ++i) {
+        if (*fdRefs[i] < 0 || fds[i].revents == 0) continue;
+        ssize_t n = ::read(*fdRefs[i], buf, sizeof buf);
+        if (n > 0) {
+            sinks[i]->append(buf, static_cast<std::size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            ::close(*fdRefs[i]);
+            *fdRefs[i] = -1;
         }
-        int* fdRefs[2] = {&outFd_, &errFd_};
-        std::string* sinks[2] = {&result.out, &result.err};
-        for (int i = 0; i < 2; ++i) {
-            if (*fdRefs[i] < 0 || fds[i].revents == 0) continue;
-            ssize_t n = ::read(*fdRefs[i], buf, sizeof buf);
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                ::close(*fdRefs[i]);
-                *fdRefs[i] = -1;
-            }
-        }
+    }
+    return true;
+}
+
+bool KsctlRun::waitForErr(const std::string& fragment) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (read_.err.find(fragment) == std::string::npos) {
+        if (std::chrono::steady_clock::now() > end || !pump(100)) return false;
+    }
+    return true;
+}
+
+RunResult KsctlRun::wait() {
+    while (pump(-1)) {
     }
     int status = 0;
     while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
     }
     pid_ = -1;
+    RunResult result = std::move(read_);
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
 }

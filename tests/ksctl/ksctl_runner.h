@@ -28,13 +28,19 @@ public:
     KsctlRun& operator=(const KsctlRun&) = delete;
 
     void signal(int sig) const;
+    // Reads both streams until stderr holds `fragment` (true), they end or 20 s pass.
+    bool waitForErr(const std::string& fragment);
     // Reads both streams to their end and reaps the process.
     RunResult wait();
 
 private:
+    // One poll of both streams (up to timeoutMs); false once both have ended.
+    bool pump(int timeoutMs);
+
     pid_t pid_ = -1;
     int outFd_ = -1;
     int errFd_ = -1;
+    RunResult read_;
 };
 
 // Runs ksctl to completion.

@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 
 #include "fake_daemon.h"
 #include "json.h"
 #include "ksctl_runner.h"
 #include "ksd_process.h"
+#include "wait_until.h"
 
 using namespace kstest;
 
@@ -44,8 +46,15 @@ TEST_F(KsctlTask, EverySubcommandOnAProgramAndABlobTask) {
                   "|" + member(r.out, 0, "program") + "|" + member(r.out, 0, "arguments") + "|" +
                   member(r.out, 0, "exit_code"),
               "waiting|daily|" + at + "|/bin/echo|a 'b c'|-61");
-    r = run({"task", "show", handle}, true);
-    EXPECT_EQ(member(r.out, 0, "next_run") + "|" + member(r.out, 0, "exit_code"), at + "|null");
+    r = run({"task", "show", "nightly"}, true);
+    EXPECT_EQ(member(r.out, 0, "handle") + "|" + member(r.out, 0, "next_run") + "|" + member(r.out, 0, "exit_code"),
+              handle + "|" + at + "|null");
+    r = run({"task", "schedule", "plain", "/bin/true", "--at", at});
+    EXPECT_TRUE(r.out.size() > 1 && r.out.find_first_not_of("0123456789") == r.out.size() - 1)
+        << "a bare handle: " << r.out;
+    r = run({"task", "show", "nosuch"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.err, "ksctl: task nosuch: no task has that name (-2)\n");
     EXPECT_NE(run({"task", "show", handle}).out.find("waiting"), std::string::npos);
 
     std::ofstream(dir_.path() + "/blob", std::ios::binary) << std::string("\x00\x01zz", 4);
@@ -53,10 +62,10 @@ TEST_F(KsctlTask, EverySubcommandOnAProgramAndABlobTask) {
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const std::string blob = member(r.out, 0, "handle");
     EXPECT_EQ(member(run({"task", "list", "--blobs"}, true).out, 0, "length"), "4");
-    r = run({"task", "blob-get", blob});
+    r = run({"task", "blob-get", "stash"});
     EXPECT_EQ(r.out, std::string("\x00\x01zz", 4));
 
-    EXPECT_EQ(run({"task", "cancel", blob}).out, "task " + blob + " cancelled\n");
+    EXPECT_EQ(run({"task", "cancel", "stash"}).out, "task " + blob + " cancelled\n");
     r = run({"task", "cancel", blob});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_NE(r.err.find("no such task (-2)"), std::string::npos) << r.err;
@@ -66,6 +75,29 @@ TEST_F(KsctlTask, EverySubcommandOnAProgramAndABlobTask) {
     EXPECT_EQ(run({"task", "schedule", "x", "/bin/true", "--at", "tomorrow"}).exitCode, 2);
     EXPECT_EQ(run({"task", "schedule", "x", "/bin/true", "--at", at, "--every", "hourly"}).exitCode, 2);
     EXPECT_EQ(run({"task", "list", "--blobs"}).out, "no blob tasks\n");
+}
+
+TEST_F(KsctlTask, RelativePathsAreTheCallersDirectory) {
+    std::ofstream(dir_.path() + "/job.sh") << "#!/bin/sh\npwd\n";
+    std::filesystem::permissions(dir_.path() + "/job.sh", std::filesystem::perms::owner_all);
+    std::filesystem::create_directory(dir_.path() + "/work");
+    const std::time_t soon = std::time(nullptr) + 2;
+    std::tm tm{};
+    localtime_r(&soon, &tm);
+    char at[32];
+    std::strftime(at, sizeof at, "%Y-%m-%d %H:%M:%S", &tm);
+    const auto here = std::filesystem::current_path();
+    std::filesystem::current_path(dir_.path());
+    const RunResult r = run({"task", "schedule", "rel", "./job.sh", "--dir", "work", "--log", "out.log", "--at", at});
+    std::filesystem::current_path(here);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(member(run({"task", "list"}, true).out, 0, "program"), dir_.path() + "/job.sh");
+    std::string ran;
+    EXPECT_TRUE(waitUntil([&] {
+        std::ifstream log(dir_.path() + "/out.log");
+        return std::getline(log, ran).good();
+    })) << ksd_.log();
+    EXPECT_EQ(ran, dir_.path() + "/work");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "KSIntfInternal.h"
 #include "OrvoLibraryConnection.h"
 #include "OrvoPayloadConnection.h"
 #include "OrvoStreamConnection.h"
@@ -52,6 +53,17 @@ struct ConnTypeEnv : kstest::ScopedEnv {
 };
 
 }  // namespace
+
+// Nothing configured, nothing bounded: only a positive number of ms sets a reply deadline.
+TEST(FrameReplyDeadline, OnlyAPositiveSettingBoundsTheWait) {
+    const std::vector<std::pair<const char*, long>> cases = {{nullptr, -1}, {"", -1},   {"2500", 2500},
+                                                             {"0", -1},     {"-5", -1}, {"12x", -1}};
+    for (const auto& [pszValue, nWant] : cases) {
+        kstest::ScopedEnv env("KSINTF_REPLY_TIMEOUT_MS", pszValue ? pszValue : "");
+        if (!pszValue) unsetenv("KSINTF_REPLY_TIMEOUT_MS");
+        EXPECT_EQ(KSInterface::replyTimeoutMs(), nWant) << (pszValue ? pszValue : "unset");
+    }
+}
 
 // Every form picks its transport and address; only an unknown form is a
 // configuration problem worth a level-1 record (checked without connecting).

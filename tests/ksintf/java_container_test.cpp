@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "KSIntfInternal.h"
 #include "KSIntfLibrary.h"
 #include "OrvoLogging.h"
 #include "fake_daemon.h"
@@ -130,6 +131,19 @@ TEST_F(JavaContainer, DeliversDeepCopiesOldestFirstAndKeepsTheTableConsistent) {
         ASSERT_TRUE(m_container.mutex().tryLock());
         m_container.mutex().unlock();
     }).join();
+    m_container.stopJavaWaitNotification(id);
+}
+
+// As the C callbacks do, a family wait neither reads a short payload as code 0 nor ends on it.
+TEST_F(JavaContainer, AFamilyWaitSkipsAPayloadTooShortForAnEventCode) {
+    LogHook log;
+    OrvoJavaNotificationCallbackQueueSP spQueue;
+    const int id = addRegistration(spQueue);
+    const int nCode = 3;
+    deliver(spQueue, "OrvoJSEvent:j$", "j", std::string("\x01\x00", 2));
+    deliver(spQueue, "OrvoJSEvent:j$", "j", std::string(reinterpret_cast<const char*>(&nCode), sizeof nCode));
+    EXPECT_EQ(3, KSInterface::waitForJavaEventCode(id, "Job"));
+    EXPECT_EQ(1, log.count("Job: event payload of 2 bytes has no event code, dropped"));
     m_container.stopJavaWaitNotification(id);
 }
 

@@ -1,11 +1,13 @@
+#include <unistd.h>
+
 #include <cstdio>
 #include <string>
 
 #include "OrvoJobStatus.h"
 #include "commands.h"
-#include "operator_query.h"
 #include "failure.h"
 #include "json.h"
+#include "operator_query.h"
 #include "output.h"
 
 namespace ksctl {
@@ -25,16 +27,16 @@ bool allDigits(const std::string& text) {
 int create(const GlobalOptions& options, const JobArgs& args) {
     int id = OrvoJSECreateJob(args.description.c_str(), args.name.c_str());
     if (id < 0) return reportFailure("job " + args.name, Domain::JobName, id);
-    printLine(options.json ? "{\"id\":" + std::to_string(id) + ",\"name\":" + jsonQuote(args.name) + "}"
-                           : "job " + std::to_string(id) + " created: " + oneLine(args.name));
+    printId(options, id, "{\"id\":" + std::to_string(id) + ",\"name\":" + jsonQuote(args.name) + "}",
+            "job " + std::to_string(id) + " created: " + oneLine(args.name));
     return kExitOk;
 }
 
 int lookup(const GlobalOptions& options, const JobArgs& args) {
     int id = OrvoJSELookupJob(args.name.c_str());
     if (id < 0) return reportFailure("job " + args.name, Domain::JobName, id);
-    printLine(options.json ? "{\"id\":" + std::to_string(id) + ",\"name\":" + jsonQuote(args.name) + "}"
-                           : oneLine(args.name) + ": job " + std::to_string(id));
+    printId(options, id, "{\"id\":" + std::to_string(id) + ",\"name\":" + jsonQuote(args.name) + "}",
+            oneLine(args.name) + ": job " + std::to_string(id));
     return kExitOk;
 }
 
@@ -72,6 +74,16 @@ int finish(const GlobalOptions& options, const JobArgs& args) {
 int list(const GlobalOptions& options) { return printQuery(options, "jobs", JsonValue::Kind::Array, "no jobs"); }
 
 }  // namespace
+
+void printId(const GlobalOptions& options, long long id, const std::string& json, const std::string& sentence) {
+    if (options.json) {
+        printLine(json);
+        return;
+    }
+    printLine(std::to_string(id));
+    std::fflush(stdout);
+    if (options.verbose || ::isatty(STDOUT_FILENO)) std::fprintf(stderr, "%s\n", sentence.c_str());
+}
 
 std::optional<JobRef> resolveJob(const std::string& text, int& exitCode) {
     if (allDigits(text)) return JobRef{std::stoi(text), {}};

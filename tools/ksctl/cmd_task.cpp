@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -63,9 +64,27 @@ bool readAll(const std::string& path, std::string& out) {
 }
 
 int scheduled(const GlobalOptions& options, const TaskArgs& args, int handle) {
-    printLine(options.json ? "{\"handle\":" + std::to_string(handle) + ",\"name\":" + jsonQuote(args.name) + "}"
-                           : taskSubject(handle) + " scheduled: " + oneLine(args.name));
+    printId(options, handle, "{\"handle\":" + std::to_string(handle) + ",\"name\":" + jsonQuote(args.name) + "}",
+            taskSubject(handle) + " scheduled: " + oneLine(args.name));
     return kExitOk;
+}
+
+// ksd runs the program elsewhere than here: a relative path means this directory.
+std::string absoluteFromHere(const std::string& path) {
+    if (path.empty() || path.front() == '/') return path;
+    std::error_code error;
+    const std::filesystem::path whole = std::filesystem::absolute(path, error);
+    return error ? path : whole.lexically_normal().string();
+}
+
+// All digits: a handle; otherwise a name, looked up. 0 after reporting a failure in `exitCode`.
+int resolveTask(const std::string& text, int& exitCode) {
+    if (!text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos)
+        return std::stoi(text);
+    const int handle = OrvoTSScheduledTaskLookup(text.c_str());
+    if (handle > 0) return handle;
+    exitCode = reportFailure("task " + text, Domain::TaskName, handle);
+    return 0;
 }
 
 int schedule(const GlobalOptions& options, const TaskArgs& args) {
@@ -73,9 +92,14 @@ int schedule(const GlobalOptions& options, const TaskArgs& args) {
     const tTaskFrequency frequency = frequencyOf(args.every);
     if (frequency != cBootTime && !parseWhen(args.at, f))
         return reportError("--at must be 'YYYY-MM-DD HH:MM:SS' (local time)", kExitUsage);
+    // A bare name is looked up in PATH by ksd; anything with a slash is a path.
+    const std::string program =
+        args.program.find('/') == std::string::npos ? args.program : absoluteFromHere(args.program);
+    const std::string workDir = absoluteFromHere(args.workDir);
+    const std::string logFile = absoluteFromHere(args.logFile);
     const int handle =
-        OrvoTSScheduleTask(args.name.c_str(), args.program.c_str(), args.workDir.c_str(), args.arguments.c_str(),
-                           frequency, f.month, f.day, f.year, f.hour, f.minute, f.second, args.logFile.c_str());
+        OrvoTSScheduleTask(args.name.c_str(), program.c_str(), workDir.c_str(), args.arguments.c_str(), frequency,
+                           f.month, f.day, f.year, f.hour, f.minute, f.second, logFile.c_str());
     if (handle < 0) return reportFailure("task " + args.name, Domain::Task, handle);
     return scheduled(options, args, handle);
 }
@@ -95,14 +119,17 @@ int blobPut(const GlobalOptions& options, const TaskArgs& args) {
 }
 
 int blobGet(const TaskArgs& args) {
+    int exitCode = kExitOk;
+    const int handle = resolveTask(args.task, exitCode);
+    if (handle == 0) return exitCode;
     std::vector<char> buf(8192);
     int size = static_cast<int>(buf.size());
-    int rc = OrvoTSRetrieveBlobTask(args.handle, &size, buf.data());
+    int rc = OrvoTSRetrieveBlobTask(handle, &size, buf.data());
     if (rc == -12) {
         buf.resize(static_cast<std::size_t>(size));
-        rc = OrvoTSRetrieveBlobTask(args.handle, &size, buf.data());
+        rc = OrvoTSRetrieveBlobTask(handle, &size, buf.data());
     }
-    if (rc < 0) return taskFailure(taskSubject(args.handle), rc);
+    if (rc < 0) return taskFailure(taskSubject(handle), rc);
     if (args.file.empty() || args.file == "-") {
         std::fwrite(buf.data(), 1, static_cast<std::size_t>(size), stdout);
         return kExitOk;
@@ -171,21 +198,23 @@ int list(const GlobalOptions& options, const TaskArgs& args) {
 }
 
 int show(const GlobalOptions& options, const TaskArgs& args) {
-    const int state = OrvoTSTaskState(args.handle);
-    const int exitCode = OrvoTSExitCode(args.handle);
-    if (state < -1) return taskFailure(taskSubject(args.handle), state);
+    int rc = kExitOk;
+    const int handle = resolveTask(args.task, rc);
+    if (handle == 0) return rc;
+    const int state = OrvoTSTaskState(handle);
+    const int exitCode = OrvoTSExitCode(handle);
+    if (state < -1) return taskFailure(taskSubject(handle), state);
     // State -1 is also cExit; the exit code, never -1 for a real run, tells them apart.
-    if (state == -1 && exitCode == -1) return taskFailure(taskSubject(args.handle), -1);
+    if (state == -1 && exitCode == -1) return taskFailure(taskSubject(handle), -1);
     char last[64] = "";
     int lastSize = sizeof last;
-    OrvoTSExecutionInformation(args.handle, last, &lastSize);
+    OrvoTSExecutionInformation(handle, last, &lastSize);
     char next[64] = "";
     int nextSize = sizeof next, frequency = cOneTime;
-    if (OrvoTSScheduledTaskGetNextTime(args.handle, &nextSize, next, &frequency) != 0) next[0] = '\0';
+    if (OrvoTSScheduledTaskGetNextTime(handle, &nextSize, next, &frequency) != 0) next[0] = '\0';
     const char* const kFrequencies[] = {"daily", "weekly", "monthly", "once", "boot"};
     const std::string freq = frequency >= 0 && frequency <= 4 ? kFrequencies[frequency] : "unknown";
-    std::string json = "{\"handle\":" + std::to_string(args.handle) +
-                       ",\"state\":" + jsonQuote(taskStateWord(state)) +
+    std::string json = "{\"handle\":" + std::to_string(handle) + ",\"state\":" + jsonQuote(taskStateWord(state)) +
                        ",\"frequency\":" + jsonQuote(freq) + ",\"next_run\":" + jsonQuote(next) +
                        ",\"last_run\":" + jsonQuote(last) +
                        ",\"exit_code\":" + (exitCode == -61 ? std::string("null") : std::to_string(exitCode)) + "}";
@@ -198,10 +227,13 @@ int show(const GlobalOptions& options, const TaskArgs& args) {
 }
 
 int cancel(const GlobalOptions& options, const TaskArgs& args) {
-    const int rc = OrvoTSCancelTask(args.handle);
-    if (rc < 0) return taskFailure(taskSubject(args.handle), rc);
-    printLine(options.json ? "{\"handle\":" + std::to_string(args.handle) + ",\"cancelled\":true}"
-                           : taskSubject(args.handle) + " cancelled");
+    int exitCode = kExitOk;
+    const int handle = resolveTask(args.task, exitCode);
+    if (handle == 0) return exitCode;
+    const int rc = OrvoTSCancelTask(handle);
+    if (rc < 0) return taskFailure(taskSubject(handle), rc);
+    printLine(options.json ? "{\"handle\":" + std::to_string(handle) + ",\"cancelled\":true}"
+                           : taskSubject(handle) + " cancelled");
     return kExitOk;
 }
 

@@ -15,6 +15,7 @@
 #include "OrvoJobStatus.h"
 #include "commands.h"
 #include "daemon_events.h"
+#include "daemon_watch.h"
 #include "failure.h"
 #include "json.h"
 #include "operator_query.h"
@@ -126,6 +127,8 @@ int runJobWatch(const GlobalOptions& options, const JobArgs& args) {
     } else {
         display.show("progress", progress);
     }
+    // ksd keeps the subscription across its restarts; the user is told it was gone.
+    DaemonWatch watch;
     while (result < 0) {
         Mailbox& box = mailbox();
         std::unique_lock<std::mutex> lock(box.mutex);
@@ -147,6 +150,10 @@ int runJobWatch(const GlobalOptions& options, const JobArgs& args) {
             break;
         }
         const int now = OrvoJSEGetJobProgress(job->id);
+        if (now != -125 && (now < 0 || !watch.reachable())) {
+            watch.check();
+            if (!watch.reachable()) continue;
+        }
         if (now == -2) {
             display.show("deleted", progress);
             result = kExitJobDeleted;

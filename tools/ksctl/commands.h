@@ -13,7 +13,8 @@ namespace ksctl {
 
 struct GlobalOptions {
     bool json = false;
-    std::chrono::milliseconds replyTimeout{5000};
+    bool verbose = false;  // a command that prints an id also says what it did, on stderr
+    std::chrono::milliseconds replyTimeout{30000};
 };
 
 struct PublishArgs {
@@ -69,12 +70,16 @@ struct TaskArgs {
     std::string arguments;
     std::string workDir = "/";
     std::string logFile;
-    std::string at;             // "YYYY-MM-DD HH:MM:SS" (local; GMT for blobs)
-    std::string every = "once"; // once, daily, weekly, monthly, boot
-    std::string file;           // blob-put: input; blob-get: output ("-" or empty: standard output)
-    bool blobs = false;         // list: blob tasks instead of program tasks
-    int handle = 0;
+    std::string at;              // "YYYY-MM-DD HH:MM:SS" (local; GMT for blobs)
+    std::string every = "once";  // once, daily, weekly, monthly, boot
+    std::string file;            // blob-put: input; blob-get: output ("-" or empty: standard output)
+    bool blobs = false;          // list: blob tasks instead of program tasks
+    std::string task;            // show, cancel, blob-get: a handle, or a name looked up first
 };
+
+// Prints the bare id or handle on stdout for scripts, and `sentence` on stderr for a
+// person: on a terminal, or with --verbose. --json prints `json` alone.
+void printId(const GlobalOptions& options, long long id, const std::string& json, const std::string& sentence);
 
 int runPublish(const GlobalOptions& options, const PublishArgs& args);
 int runSubscribe(const GlobalOptions& options, const SubscribeArgs& args);

@@ -1,7 +1,7 @@
 #ifndef KSCTL_DAEMON_WATCH_H
 #define KSCTL_DAEMON_WATCH_H
 
-// Notices, for the long-running commands (subscribe, lock), a daemon that went
+// Notices, for the long-running commands (subscribe, lock, job watch), a daemon that went
 // away and one that came back, and says so once on stderr each time.
 
 #include <atomic>
@@ -15,6 +15,8 @@ class DaemonWatch {
 public:
     // Probes once; prints a line when reachability changed since the last probe.
     void check();
+    // As the last check found it.
+    bool reachable() const { return reachable_; }
 
     // Checks every `periodMs` on a thread of its own until stopped or destroyed.
     void startPeriodic(int periodMs);

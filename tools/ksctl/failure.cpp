@@ -1,6 +1,8 @@
 #include "failure.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "OrvoJobStatus.h"
@@ -29,9 +31,33 @@ std::string shortSubject(std::string_view subject) {
     return std::string(subject.substr(0, kMost)) + "... (" + std::to_string(subject.size()) + " bytes)";
 }
 
+// Over TCP ksd knows no user, so it refuses what needs one; the reply is only -13.
+std::string tcpRefusal(Domain domain) {
+    switch (domain) {
+        case Domain::Job:
+        case Domain::JobName:
+            return "over TCP ksd lets a client read jobs but not change them; use the pipe";
+        case Domain::Task:
+        case Domain::TaskName:
+            return "over TCP ksd schedules no programs; use the pipe";
+        case Domain::Notify:
+            return "over TCP ksd pushes only to a loopback TCP callback address (OCNET_CALLBACK_TYPE=socket)";
+        default:
+            return "over TCP ksd knows no user and refuses this; use the pipe";
+    }
+}
+
 }  // namespace
 
 int reportFailure(std::string_view subject, Domain domain, int code) {
+    // The request went out and no answer came within the deadline: asking again would wait
+    // as long once more, and could not tell whether the change was made.
+    if (code == -ETIMEDOUT && domain != Domain::Lock) {
+        const char* deadline = std::getenv("KSINTF_REPLY_TIMEOUT_MS");
+        return reportError(shortSubject(subject) + ": sent, outcome unknown: no answer from ksd at " +
+                               describeDaemon() + " within " + (deadline ? deadline : "?") + " ms (-110)",
+                           kExitOutcomeUnknown);
+    }
     int transportCode = 0;
     if (isTransportFailure(code)) {
         transportCode = code;
@@ -44,8 +70,8 @@ int reportFailure(std::string_view subject, Domain domain, int code) {
                                std::to_string(transportCode) + ")",
                            kExitUnreachable);
     }
-    return reportError(shortSubject(subject) + ": " + resultWords(domain, code) + " (" + std::to_string(code) + ")",
-                       kExitRefused);
+    const std::string words = code == -EACCES && daemonAddress().tcp ? tcpRefusal(domain) : resultWords(domain, code);
+    return reportError(shortSubject(subject) + ": " + words + " (" + std::to_string(code) + ")", kExitRefused);
 }
 
 }  // namespace ksctl

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <string>
 
@@ -18,7 +19,7 @@ using namespace ksctl;
 struct Parsed {
     std::optional<std::string> pipe;
     std::optional<int> tcpPort;
-    int replyTimeoutMs = 5000;
+    int replyTimeoutMs = 30000;
     GlobalOptions options;
     PublishArgs publish;
     SubscribeArgs subscribe;
@@ -37,12 +38,12 @@ const CLI::Validator kNonNegativeMs(
 
 void addJobCommands(CLI::App& job, Parsed& p) {
     job.require_subcommand(1);
-    auto* create = job.add_subcommand("create", "Create a job and print its id");
+    auto* create = job.add_subcommand("create", "Create a job and print its id (only the number)");
     create->add_option("name", p.job.name, "Job name, unique among live jobs")->required();
     create->add_option("--description,-d", p.job.description, "Free text describing the job");
     create->callback([&p] { p.job.action = JobArgs::Action::Create; });
 
-    auto* lookup = job.add_subcommand("lookup", "Print the id of the job with this name");
+    auto* lookup = job.add_subcommand("lookup", "Print the id of the job with this name (only the number)");
     lookup->add_option("name", p.job.name, "Job name")->required();
     lookup->callback([&p] { p.job.action = JobArgs::Action::Lookup; });
 
@@ -72,25 +73,32 @@ void addJobCommands(CLI::App& job, Parsed& p) {
 void addTaskCommands(CLI::App& task, Parsed& p) {
     task.require_subcommand(1);
     const auto every = CLI::IsMember({"once", "daily", "weekly", "monthly", "boot"});
-    auto* schedule = task.add_subcommand("schedule", "Schedule a program (run without a shell) and print its handle");
+    auto* schedule = task.add_subcommand(
+        "schedule", "Schedule a program (run without a shell) and print its handle (only the number)");
     schedule->add_option("name", p.task.name, "Task name, unique among tasks")->required();
-    schedule->add_option("program", p.task.program, "Program path, or a name looked up in PATH")->required();
+    schedule
+        ->add_option("program", p.task.program,
+                     "Program path (relative: to this directory), or a name looked up in PATH")
+        ->required();
     schedule->add_option("--args,-a", p.task.arguments, "Arguments as one string, split with shell-like quoting");
-    schedule->add_option("--dir,-C", p.task.workDir, "Working directory (default /)");
-    schedule->add_option("--log,-l", p.task.logFile, "Append the program's output to this file");
+    schedule->add_option("--dir,-C", p.task.workDir, "Working directory (default /; relative: to this directory)");
+    schedule->add_option("--log,-l", p.task.logFile,
+                         "Append the program's output to this file (relative: to this directory)");
     schedule->add_option("--at", p.task.at, "First run, local time: 'YYYY-MM-DD HH:MM:SS' (not for boot)");
     schedule->add_option("--every", p.task.every, "once, daily, weekly, monthly or boot")->check(every);
     schedule->callback([&p] { p.task.action = TaskArgs::Action::Schedule; });
 
-    auto* put = task.add_subcommand("blob-put", "Store a file's bytes as a blob task and print its handle");
+    auto* put =
+        task.add_subcommand("blob-put", "Store a file's bytes as a blob task and print its handle (only the number)");
     put->add_option("name", p.task.name, "Task name")->required();
     put->add_option("file", p.task.file, "File with the blob ('-': standard input)")->required();
     put->add_option("--at", p.task.at, "Due time in GMT: 'YYYY-MM-DD HH:MM:SS'")->required();
     put->add_option("--every", p.task.every, "once, daily, weekly, monthly or boot")->check(every);
     put->callback([&p] { p.task.action = TaskArgs::Action::BlobPut; });
 
+    const char* const taskHelp = "The task's handle, or its name";
     auto* get = task.add_subcommand("blob-get", "Write a blob task's bytes to standard output or a file");
-    get->add_option("handle", p.task.handle, "Task handle")->required();
+    get->add_option("task", p.task.task, taskHelp)->required();
     get->add_option("--output,-o", p.task.file, "Write here instead of standard output");
     get->callback([&p] { p.task.action = TaskArgs::Action::BlobGet; });
 
@@ -99,11 +107,11 @@ void addTaskCommands(CLI::App& task, Parsed& p) {
     list->callback([&p] { p.task.action = TaskArgs::Action::List; });
 
     auto* show = task.add_subcommand("show", "A task's state, exit code, last and next run");
-    show->add_option("handle", p.task.handle, "Task handle")->required();
+    show->add_option("task", p.task.task, taskHelp)->required();
     show->callback([&p] { p.task.action = TaskArgs::Action::Show; });
 
     auto* cancel = task.add_subcommand("cancel", "Cancel a task (a running program is left to finish)");
-    cancel->add_option("handle", p.task.handle, "Task handle")->required();
+    cancel->add_option("task", p.task.task, taskHelp)->required();
     cancel->callback([&p] { p.task.action = TaskArgs::Action::Cancel; });
 }
 
@@ -121,9 +129,10 @@ int main(int argc, char** argv) {
         app.add_option("--tcp-port", p.tcpPort, "Reach the daemon over TCP on 127.0.0.1")->check(CLI::Range(1, 65535));
     pipeOpt->excludes(tcpOpt);
     app.add_flag("--json", p.options.json, "Machine-readable output: one JSON value per line");
+    app.add_flag("--verbose,-v", p.options.verbose, "Also say in words on stderr what a command that prints an id did");
     auto* replyTimeout =
         app.add_option("--reply-timeout", p.replyTimeoutMs,
-                       "How long every call waits for ksd's answer, in ms (default: 30000, queries 5000)")
+                       "How long every call waits for ksd's answer, in ms (default: 30000, or KSINTF_REPLY_TIMEOUT_MS)")
             ->check(CLI::Range(1, 3600000));
 
     auto* publish = app.add_subcommand("publish", "Publish an event; prints how many subscribers it was queued for");
@@ -173,10 +182,19 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
+    // The library waits without limit unless told otherwise; a command line never should. The
+    // library reads its deadline from the environment at each call.
+    if (!*replyTimeout) {
+        const char* inherited = std::getenv("KSINTF_REPLY_TIMEOUT_MS");
+        char* end = nullptr;
+        const long ms = inherited ? std::strtol(inherited, &end, 10) : 0;
+        if (inherited && *end == '\0' && ms > 0 && ms <= 3600000) p.replyTimeoutMs = static_cast<int>(ms);
+    }
+    ::setenv("KSINTF_REPLY_TIMEOUT_MS", std::to_string(p.replyTimeoutMs).c_str(), 1);
     p.options.replyTimeout = std::chrono::milliseconds(p.replyTimeoutMs);
-    // The library reads its deadline from the environment at each call.
-    if (*replyTimeout) ::setenv("KSINTF_REPLY_TIMEOUT_MS", std::to_string(p.replyTimeoutMs).c_str(), 1);
     selectDaemon(p.pipe, p.tcpPort);
+    // ksd pushes to a TCP client only at a loopback TCP callback address.
+    if (daemonAddress().tcp) ::setenv("OCNET_CALLBACK_TYPE", "socket", 1);
 
     if (*publish) return runPublish(p.options, p.publish);
     if (*subscribe) return runSubscribe(p.options, p.subscribe);

@@ -134,7 +134,7 @@ int reportFailure(const GlobalOptions& options, const std::string& subject, cons
         case QueryAnswer::Outcome::NoAnswer:
             return reportError(
                 subject + ": no answer from ksd within " + std::to_string(options.replyTimeout.count()) + " ms",
-                kExitUnreachable);
+                kExitOutcomeUnknown);
     }
     return reportError(subject + ": ksd's answer is not the expected JSON", kExitRefused);
 }

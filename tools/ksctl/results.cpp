@@ -38,6 +38,8 @@ constexpr Entry kDomainWords[] = {
     {Domain::Task, -17, "a task already has that name"},
     {Domain::Task, -22, "invalid task fields"},
     {Domain::Task, -61, "the task has not run yet"},
+    {Domain::TaskName, -1, "not your task"},
+    {Domain::TaskName, -2, "no task has that name"},
     {Domain::Notify, -2, "reserved event name"},
 };
 
@@ -74,7 +76,8 @@ const char* const kExitCodeTable =
     "  3   lock: the time-out passed before the lock was granted\n"
     "  4   job watch: the job was cancelled\n"
     "  5   job watch: the job was deleted\n"
-    "  69  ksd could not be reached\n";
+    "  69  ksd could not be reached\n"
+    "  75  sent, outcome unknown: ksd did not answer within --reply-timeout\n";
 
 std::string resultWords(Domain domain, int code) {
     for (const auto& e : kDomainWords) {

@@ -10,17 +10,18 @@
 namespace ksctl {
 
 constexpr int kExitOk = 0;
-constexpr int kExitRefused = 1;       // the daemon answered with a negative domain result
-constexpr int kExitUsage = 2;         // bad command line or unreadable input file
-constexpr int kExitTimedOut = 3;      // `lock --timeout` expired
-constexpr int kExitJobCancelled = 4;  // `job watch`: the job was cancelled
-constexpr int kExitJobDeleted = 5;    // `job watch`: the job was deleted
-constexpr int kExitUnreachable = 69;  // sysexits' EX_UNAVAILABLE: the daemon could not be reached
+constexpr int kExitRefused = 1;          // the daemon answered with a negative domain result
+constexpr int kExitUsage = 2;            // bad command line or unreadable input file
+constexpr int kExitTimedOut = 3;         // `lock --timeout` expired
+constexpr int kExitJobCancelled = 4;     // `job watch`: the job was cancelled
+constexpr int kExitJobDeleted = 5;       // `job watch`: the job was deleted
+constexpr int kExitUnreachable = 69;     // sysexits' EX_UNAVAILABLE: the daemon could not be reached
+constexpr int kExitOutcomeUnknown = 75;  // sysexits' EX_TEMPFAIL: sent, but no answer within the deadline
 
 // The exit-code table as `ksctl --help` prints it.
 extern const char* const kExitCodeTable;
 
-enum class Domain { Generic, Job, JobName, Lock, Task, Notify };
+enum class Domain { Generic, Job, JobName, Lock, Task, TaskName, Notify };
 
 // Words for a negative result in a domain ("no such job"); generic errno words otherwise.
 std::string resultWords(Domain domain, int code);

@@ -11,8 +11,9 @@ import com.orvo.ksa.common.NativeLibrary;
  * released and returns the event's lock code; {@link #stopWaitNotification}
  * (from another thread) releases the waiter.
  *
- * <p>Threads: any thread may call. Null arguments are not allowed. No method
- * throws a Java exception of its own.
+ * <p>Threads: any thread may call. A null String argument throws
+ * {@link NullPointerException}; otherwise no method throws, and failures come
+ * back as negative results.
  */
 public class ResourceLock {
     static {
@@ -28,21 +29,36 @@ public class ResourceLock {
      */
     public native long resourceLock(String resourcename, int nmillisec);
 
-    /** @return true when the lock was released, false for an unknown handle or a refusal */
+    /**
+     * Releases a lock.
+     *
+     * @param handlereslock the lock's handle
+     * @return true when the lock was released, false for an unknown handle or a refusal
+     */
     public native boolean resourceUnLock(long handlereslock);
 
-    /** @return a registration id for the resource's lock events, or a negative code */
+    /**
+     * Subscribes to a resource's lock events.
+     *
+     * @param jsResourceName the resource
+     * @return a registration id for the resource's lock events, or a negative code
+     */
     public native int regForNotification(String jsResourceName);
 
     /**
      * Blocks until the next lock event of the registration.
      *
+     * @param hRegistration the registration id
      * @return the event's lock code, or -1 when the registration was stopped
      *         or is unknown (-1 is also the code of a lock freed because its
      *         holder ended)
      */
     public native int waitForNotification(int hRegistration);
 
-    /** Releases a waiter on the registration (after queued events) and unsubscribes. */
+    /**
+     * Releases a waiter on the registration (after queued events) and unsubscribes.
+     *
+     * @param hRegistration the registration id
+     */
     public native void stopWaitNotification(int hRegistration);
 }

@@ -19,9 +19,9 @@ import com.orvo.ksa.common.NativeLibrary;
  *
  * <p>Threads: any thread may call any method; one thread should wait on one
  * registration at a time. A retrieval is not synchronised with the waits of
- * other threads, so retrieve from the thread that waited. Null arguments are
- * not allowed (the native side does not check them). No method throws a Java
- * exception of its own; failures come back as negative results.
+ * other threads, so retrieve from the thread that waited. A null String or
+ * array argument throws {@link NullPointerException}; otherwise no method
+ * throws, and failures come back as negative results.
  */
 public class NNC {
     static {
@@ -92,6 +92,10 @@ public class NNC {
     /**
      * As {@link #NNotify(String, String, byte[])} for boxed bytes; a null
      * element is sent as 0.
+     *
+     * @param eventName the event's name
+     * @param notificationData its text
+     * @param producerData its bytes (may be empty)
      */
     public static void NNotify(String eventName, String notificationData, Byte[] producerData) {
         byte[] bytes = new byte[producerData.length];
@@ -101,7 +105,11 @@ public class NNC {
         NNotify(eventName, notificationData, bytes);
     }
 
-    /** Receives the text of a retrieved notification (called by the native side). */
+    /**
+     * Receives the text of a retrieved notification (called by the native side).
+     *
+     * @param notificationData the text
+     */
     public void setNotificationData(String notificationData) {
         m_sNotificationData = notificationData;
     }
@@ -110,6 +118,8 @@ public class NNC {
      * Receives the bytes of a retrieved notification. The native side passes
      * a primitive byte[] although the parameter is declared Byte[]; it is only
      * stored here and converted by {@link #getProducerData}.
+     *
+     * @param producerData the bytes
      */
     public void setProducerData(Byte[] producerData) {
         m_oProducerData = producerData;

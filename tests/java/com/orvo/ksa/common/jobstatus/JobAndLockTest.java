@@ -2,6 +2,7 @@ package com.orvo.ksa.common.jobstatus;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.orvo.ksa.common.KsdFixture;
@@ -53,6 +54,15 @@ class JobAndLockTest {
         job.stopWaitNotification(h);
         assertEquals(-1, job.waitForNotification(h));
         assertEquals(-1, job.waitForNotification(987654321));
+    }
+
+    @Test
+    void aNullStringThrowsNullPointerExceptionInsteadOfReachingC() {
+        Job job = new Job();
+        assertThrows(NullPointerException.class, () -> job.create(null, "java-null-description"));
+        assertThrows(NullPointerException.class, () -> job.create("a description", null));
+        assertThrows(NullPointerException.class, () -> new ResourceLock().resourceLock(null, 0));
+        assertEquals(-2, job.lookup("java-null-description"), "nothing was created");
     }
 
     @Test
