@@ -28,4 +28,8 @@ expect "ksctl task bl" blob-put
 expect "ksctl publish ev --" --data-file
 expect "ksctl ev" events
 expect "ksctl --json events --" --locks
+expect "ksctl task schedule n prog --" --every
+expect "ksctl task schedule n prog --log /tmp/x --" --dir
+expect "ksctl task schedule n prog --every " weekly
+expect "ksctl task schedule n prog --dir /" /tmp
 exit $status
