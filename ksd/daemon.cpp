@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "OrvoLogging.h"
-#include "state_dir.h"
 #include "services/operator/operator_service.h"
 #include "services/service_context.h"
+#include "state_dir.h"
 
 namespace ksd {
 
@@ -21,7 +21,7 @@ Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     if (cluster_) notifier->joinCluster(*cluster_);
     notifier_ = notifier.get();
     registry_.add(std::move(notifier));
-    ServiceContext context{io_, *notifier_, options_.stateDir};
+    ServiceContext context{io_, *notifier_, options_.stateDir, options_.scheduler};
     registerServices(registry_, context);
 
     registry_.add(std::make_unique<OperatorService>(registry_, [this]() -> std::vector<StatusItem> {

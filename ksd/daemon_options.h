@@ -10,6 +10,7 @@
 #include "cluster/cluster_options.h"
 #include "server/server_limits.h"
 #include "services/notifier/notifier_limits.h"
+#include "services/scheduler/scheduler_limits.h"
 
 namespace ksd {
 
@@ -22,6 +23,7 @@ struct DaemonOptions {
     ServerLimits server;
     NotifierLimits notifier;
     ClusterOptions cluster{};  // no servers: this host alone
+    SchedulerLimits scheduler{};
 };
 
 }  // namespace ksd

@@ -124,31 +124,61 @@ int main(int argc, char** argv) {
     cluster->add_option("--cluster-ca", options.cluster.caFile, "CA file: talk TLS to NATS")->check(CLI::ExistingFile);
     auto& server = options.server;
     auto* limits = app.add_option_group("Limits", "bounds that keep one client or user from harming the others");
-    limits->add_option("--max-connections", server.maxConnections,
-                       "connections in all; the last --root-reserve of them are for root (lowered to fit the "
-                       "descriptor limit)")
+    limits
+        ->add_option("--max-connections", server.maxConnections,
+                     "connections in all; the last --root-reserve of them are for root (lowered to fit the "
+                     "descriptor limit)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     limits->add_option("--root-reserve", server.rootReserve, "connections kept for root")->capture_default_str();
-    limits->add_option("--max-connections-per-user", server.maxConnectionsPerUser,
-                       "connections of one user (all TCP clients are one user; root is exempt)")
+    limits
+        ->add_option("--max-connections-per-user", server.maxConnectionsPerUser,
+                     "connections of one user (all TCP clients are one user; root is exempt)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    limits->add_option("--max-pending-bytes", server.maxPendingBytes,
-                       "bytes of requests not yet whole, in all (beyond: not read until they complete)")
+    limits
+        ->add_option("--max-pending-bytes", server.maxPendingBytes,
+                     "bytes of requests not yet whole, in all (beyond: not read until they complete)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    limits->add_option("--max-pending-bytes-per-user", server.maxPendingBytesPerUser,
-                       "bytes of requests not yet whole, per user (root is exempt)")
+    limits
+        ->add_option("--max-pending-bytes-per-user", server.maxPendingBytesPerUser,
+                     "bytes of requests not yet whole, per user (root is exempt)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     std::int64_t requestTimeoutMs = server.requestTimeout.count();
-    limits->add_option("--request-timeout", requestTimeoutMs,
-                       "ms within which a begun request must be whole, and a reply taken")
+    limits
+        ->add_option("--request-timeout", requestTimeoutMs,
+                     "ms within which a begun request must be whole, and a reply taken")
         ->capture_default_str()
         ->check(CLI::Range(std::int64_t{100}, std::int64_t{3600000}));
-    limits->add_option("--max-subscriptions-per-user", options.notifier.maxSubscriptionsPerUser,
-                       "subscriptions of one user (root is exempt)")
+    auto& scheduler = options.scheduler;
+    limits
+        ->add_option("--max-tasks-per-user", scheduler.maxTasksPerUser,
+                     "scheduled tasks one user keeps (all TCP clients are one user; root is exempt); "
+                     "over it scheduling answers -122")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits
+        ->add_option("--max-task-bytes-per-user", scheduler.maxTaskBytesPerUser,
+                     "bytes of one user's stored tasks, names, paths, parameters and blobs (root is exempt); "
+                     "over it scheduling answers -122")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits
+        ->add_option("--max-programs-per-user", scheduler.maxProgramsPerUser,
+                     "task programs of one user running at once; a due run over it is skipped (root is exempt)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits
+        ->add_option("--max-programs", scheduler.maxPrograms,
+                     "task programs running at once in all, root's included; a due run over it is skipped "
+                     "(two descriptors each, kept out of --max-connections)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits
+        ->add_option("--max-subscriptions-per-user", options.notifier.maxSubscriptionsPerUser,
+                     "subscriptions of one user (root is exempt)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     app.set_version_flag("--version", std::string("ksd ") + KS_VERSION + " (protocol " +
@@ -179,7 +209,9 @@ int main(int argc, char** argv) {
     options.stateDir = std::filesystem::absolute(options.stateDir, ec).lexically_normal();
     if (options.pipe.find('/') != std::string::npos)
         options.pipe = std::filesystem::absolute(options.pipe, ec).lexically_normal().string();
-    ksd::fitToDescriptors(options.server, raiseDescriptorLimit());
+    // Programs start with the limits of a login, not with the daemon's raised ones.
+    scheduler.programLimits = ksd::sched::loginLimits();
+    ksd::fitToDescriptors(options.server, raiseDescriptorLimit(), 2 * scheduler.maxPrograms);
     // Files the daemon makes (the database and its journal) are its own alone.
     ::umask(077);
 

@@ -37,16 +37,17 @@ struct ServerLimits {
     std::size_t descriptorLimit = 0;
 };
 
-// Descriptors the daemon keeps for itself: its database, listeners, the
-// callback connections it pushes through, and the programs it starts.
+// Descriptors the daemon keeps for itself: its database, listeners and the
+// callback connections it pushes through.
 inline constexpr std::size_t kDescriptorsKept = 256;
 
-// Lowers the connection caps so that they fit under the descriptor limit:
+// Lowers the connection caps so that they fit under the descriptor limit
+// beside the daemon's own and `reserved` more (the programs it runs):
 // running out of descriptors would refuse root and stall pushes alike.
-inline void fitToDescriptors(ServerLimits& limits, std::size_t descriptorLimit) {
+inline void fitToDescriptors(ServerLimits& limits, std::size_t descriptorLimit, std::size_t reserved = 0) {
     limits.descriptorLimit = descriptorLimit;
-    const std::size_t room = descriptorLimit > 2 * kDescriptorsKept ? descriptorLimit - kDescriptorsKept
-                                                                    : descriptorLimit / 2;
+    const std::size_t kept = kDescriptorsKept + reserved;
+    const std::size_t room = descriptorLimit > 2 * kept ? descriptorLimit - kept : descriptorLimit / 2;
     if (limits.maxConnections > room) limits.maxConnections = room;
     if (limits.rootReserve > limits.maxConnections / 8) limits.rootReserve = limits.maxConnections / 8;
 }

@@ -11,7 +11,6 @@
 
 namespace ksd {
 
-
 Service& Registry::add(std::unique_ptr<Service> service) {
     if (!service) throw std::invalid_argument("Registry::add: null service");
     if (find(service->name()) != nullptr)
@@ -48,7 +47,7 @@ void registerServices(Registry& registry, ServiceContext& context) {
     arbiter->restoreFrom(std::make_unique<LockStore>(context.stateDir));
     registry.add(std::move(arbiter));
     registry.add(std::make_unique<JobStatusService>(context.io, context.events, context.stateDir));
-    registry.add(std::make_unique<SchedulerService>(context.io, context.events, context.stateDir));
+    registry.add(std::make_unique<SchedulerService>(context.io, context.events, context.stateDir, context.scheduler));
 }
 
 }  // namespace ksd

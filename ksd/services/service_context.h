@@ -7,6 +7,7 @@
 #include <asio/io_context.hpp>
 #include <filesystem>
 
+#include "services/scheduler/scheduler_limits.h"
 #include "services/service.h"
 
 namespace ksd {
@@ -15,6 +16,7 @@ struct ServiceContext {
     asio::io_context& io;
     EventPublisher& events;
     std::filesystem::path stateDir;
+    SchedulerLimits scheduler;
 };
 
 }  // namespace ksd

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "OrvoTaskScheduler.h"
 #include "fake_daemon.h"
 #include "json.h"
 #include "ksctl_runner.h"
@@ -98,6 +99,25 @@ TEST_F(KsctlTask, RelativePathsAreTheCallersDirectory) {
         return std::getline(log, ran).good();
     })) << ksd_.log();
     EXPECT_EQ(ran, dir_.path() + "/work");
+}
+
+TEST_F(KsctlTask, AListLargerThanOneReplyIsReadInPages) {
+    // The only test here that talks to ksd through the library in this process.
+    ::setenv("KSINTF_CONN_TYPE", ksd_.connType().c_str(), 1);
+    const std::time_t t = std::time(nullptr) + 3600;
+    std::tm w{};
+    localtime_r(&t, &w);
+    const std::string params(128 * 1024 - 8, 'p');
+    constexpr int kTasks = 130;  // 17 MB of parameters: more than one reply's 16 MiB
+    for (int i = 0; i < kTasks; ++i)
+        ASSERT_GT(OrvoTSScheduleTask(("big" + std::to_string(i)).c_str(), "/bin/true", "/", params.c_str(), cDaily,
+                                     w.tm_mon + 1, w.tm_mday, w.tm_year + 1900, w.tm_hour, w.tm_min, w.tm_sec, ""),
+                  0);
+    const RunResult r = run({"task", "list"}, true);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const auto listed = ksctl::parseJson(r.out);
+    ASSERT_TRUE(listed);
+    EXPECT_EQ(listed->items.size(), std::size_t{kTasks});
 }
 
 }  // namespace

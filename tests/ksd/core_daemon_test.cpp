@@ -36,7 +36,7 @@ TEST(CoreDaemon, TakesItsStateDirectoryAndAddressesAndLeavesOthersAlone) {
         EXPECT_THROW(ksd::Daemon second(other), ksd::store::StoreError) << "the state directory is taken";
     }
     // A socket file nobody accepts on, as a killed daemon leaves behind, is replaced.
-    ksd::DaemonOptions o{tmp.path() + "/ksd.sock", -1, tmp.path(), {}, {}};
+    ksd::DaemonOptions o{tmp.path() + "/ksd.sock", -1, tmp.path(), {}, {}, {}};
     const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un a{};
     a.sun_family = AF_UNIX;

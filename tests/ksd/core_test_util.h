@@ -76,7 +76,7 @@ public:
 
     explicit TestServer(const std::function<void(ksd::DaemonOptions&)>& tune = nullptr)
         : thread([&] {
-              ksd::DaemonOptions o{kstest::uniqueName("kstest-core"), 0, state_.path(), {}, {}};
+              ksd::DaemonOptions o{kstest::uniqueName("kstest-core"), 0, state_.path(), {}, {}, {}};
               if (tune) tune(o);
               return o;
           }()) {

@@ -2,8 +2,10 @@
 // with their logs, exit codes and state events; programs run as the user who
 // scheduled them; blob tasks; tasks kept across kill -9 with a missed run
 // made up once; and bad input that must change nothing.
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -16,8 +18,8 @@
 #include "OrvoTaskScheduler.h"
 #include "e2e_support.h"
 #include "other_user.h"
-#include "wait_until.h"
 #include "fake_daemon.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -67,12 +69,24 @@ e2e::EventLog g_events;
 
 class TaskEndToEnd : public e2e::DaemonSuite {
 protected:
-    // The daemon gets supplementary groups that a program run for another user must not keep.
+    // ksd holds a terminal, as when started in the foreground from a root shell, and
+    // supplementary groups that a program run for another user must not keep.
     static void SetUpTestSuite() {
         const gid_t groups[] = {0, 4};
         if (::geteuid() == 0) ::setgroups(2, groups);
-        DaemonSuite::SetUpTestSuite();
+        terminal_ = ::posix_openpt(O_RDWR | O_NOCTTY);
+        ASSERT_GE(terminal_, 0);
+        ASSERT_EQ(::grantpt(terminal_) | ::unlockpt(terminal_), 0);
+        ksd_ = new kstest::KsdProcess();
+        ksd_->useTerminal(::ptsname(terminal_));
+        ASSERT_TRUE(ksd_->start()) << ksd_->log();
+        ::setenv("KSINTF_CONN_TYPE", ksd_->connType().c_str(), 1);
     }
+    static void TearDownTestSuite() {
+        DaemonSuite::TearDownTestSuite();
+        ::close(terminal_);
+    }
+    static inline int terminal_ = -1;
     kstest::ScopedTempDir dir_{"kstest-task"};
 };
 
@@ -84,6 +98,10 @@ TEST_F(TaskEndToEnd, AProgramRunsWithItsArgumentsLogAndCleanEnvironmentAndReport
     ASSERT_GT(h, 0);
     const int env = scheduleIn(2, "environment", "env", "", dir_.path() + "/env.log");
     ASSERT_GT(env, h);
+    // Keystrokes pushed into the daemon's terminal would run as its user.
+    const int tty =
+        scheduleIn(2, "terminal", "/bin/sh", "-c '(exec 3<>/dev/tty) 2>/dev/null && echo has a terminal; ulimit -n'",
+                   dir_.path() + "/tty.log");
     ASSERT_GE(OrvoTSRegisterForNotification(
                   h, [](int task, tTaskState s) { g_events.add(std::to_string(task).c_str(), static_cast<int>(s)); }),
               0);
@@ -107,6 +125,11 @@ TEST_F(TaskEndToEnd, AProgramRunsWithItsArgumentsLogAndCleanEnvironmentAndReport
     EXPECT_EQ(std::string(when), "") << "a one-time task that ran has no next time";
     EXPECT_EQ(freq, cOneTime);
 
+    ASSERT_TRUE(reaches(tty, cCompleted));
+    rlimit files{};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    EXPECT_EQ(readFile(dir_.path() + "/tty.log"), std::to_string(std::min<rlim_t>(files.rlim_cur, 1024)) + "\n")
+        << "no terminal, and a login's descriptor limit rather than the daemon's";
     ASSERT_TRUE(reaches(env, cCompleted));
     passwd* pw = ::getpwuid(::getuid());
     std::string expected = "PATH=";
@@ -135,6 +158,23 @@ TEST_F(TaskEndToEnd, FailingMissingAndKilledProgramsAndBadDirectoriesEndAsTheySh
     EXPECT_TRUE(reaches(noDir, cExit));
     EXPECT_EQ(OrvoTSExitCode(missing), -61) << "a program that never started has no exit code";
     EXPECT_EQ(OrvoTSRegisterForNotification(missing, [](int, tTaskState) {}), -9);
+}
+
+TEST_F(TaskEndToEnd, AFifoAsLogFileIsAFailedStartWithItsReasonAndTheDaemonStillRestarts) {
+    const std::string alone = dir_.path() + "/alone.fifo", read = dir_.path() + "/read.fifo";
+    ASSERT_EQ(::mkfifo(alone.c_str(), 0666) | ::mkfifo(read.c_str(), 0666), 0);
+    const int reader = ::open(read.c_str(), O_RDONLY | O_NONBLOCK);
+    const int blocking = scheduleIn(1, "fifo-alone", "/bin/echo", "x", alone);
+    const int opened = scheduleIn(1, "fifo-read", "/bin/echo", "x", read);
+    EXPECT_TRUE(reaches(blocking, cExit));
+    EXPECT_TRUE(reaches(opened, cExit));
+    ::close(reader);
+    const std::string listed = listOf(false);
+    EXPECT_NE(listed.find("\tfifo-read\texit\t"), std::string::npos) << listed;
+    EXPECT_NE(listed.find("\tx\tlog file is not a regular file\n"), std::string::npos) << listed;
+    EXPECT_NE(listed.find("\tx\tlog file: "), std::string::npos) << listed;
+    // A child stuck in the FIFO with the daemon's descriptors would keep the next ksd from starting.
+    ASSERT_TRUE(ksd_->restart()) << ksd_->log();
 }
 
 TEST_F(TaskEndToEnd, BlobTasksAreListedRetrievedWhateverTheBufferRunAndCancelled) {
@@ -190,10 +230,7 @@ TEST_F(TaskEndToEnd, BadInputIsRefusedAndChangesNothing) {
     for (std::int32_t length : {0x7fffffff, -1}) {
         kstest::WireClient c;
         ASSERT_TRUE(c.connect(ksd_->connType()));
-        c.send(kstest::requestWire("Scheduler", "TRVX_TS_SCHEDULE_BLOB")
-                   .addString("huge")
-                   .addInt(length)
-                   .bytes());
+        c.send(kstest::requestWire("Scheduler", "TRVX_TS_SCHEDULE_BLOB").addString("huge").addInt(length).bytes());
         Codec::Value v;
         ASSERT_TRUE(c.readValue(v));
         EXPECT_EQ(v.tag, Codec::kTagError);
@@ -237,8 +274,7 @@ TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
         kstest::WireClient c;
         Codec::Value v;
         if (!c.connect("socket:" + port)) return std::string("no connection");
-        c.send(kstest::requestWire("Scheduler", name).bytes() +
-               fields.bytes());
+        c.send(kstest::requestWire("Scheduler", name).bytes() + fields.bytes());
         return c.readValue(v) ? std::string(1, v.tag) + std::to_string(v.integer) : std::string("no answer");
     };
     const When w = in(3600);
@@ -284,8 +320,16 @@ TEST_F(TaskEndToEnd, AProgramRunsAsTheUserWhoScheduledItAndOthersCannotTouchIt) 
     const std::string log = dir_.path() + "/nobody.log";
     const std::string locked = dir_.path() + "/root-only";
     ::mkdir(locked.c_str(), 0755);
-    const int h = asNobody([&] { return scheduleIn(1, "as-nobody", "id", "-G", log); });
-    const int denied = asNobody([&] { return scheduleIn(1, "denied-log", "id", "-u", locked + "/x.log"); });
+    ASSERT_EQ(ksd_->stop(), 0);
+    ASSERT_TRUE(ksd_->start({"--max-programs-per-user", "1"})) << ksd_->log();
+    const int sleeper = asNobody([&] { return scheduleIn(1, "sleeper-1", "sleep", "2", ""); });
+    const int over = asNobody([&] { return scheduleIn(1, "sleeper-2", "sleep", "2", ""); });
+    const int h = asNobody([&] { return scheduleIn(5, "as-nobody", "id", "-G", log); });
+    const int denied = asNobody([&] { return scheduleIn(5, "denied-log", "id", "-u", locked + "/x.log"); });
+    EXPECT_TRUE(reaches(over, cExit)) << "a second program of the user at once is skipped";
+    EXPECT_TRUE(reaches(sleeper, cCompleted));
+    EXPECT_NE(listOf(false).find("\t2\trun skipped: over its user's running programs\n"), std::string::npos)
+        << listOf(false);
     const int mine = scheduleIn(3600, "root-task", "/bin/true", "", "");
     ASSERT_GT(h, 0);
     ASSERT_GT(denied, 0);

@@ -9,8 +9,8 @@
 #include <chrono>
 
 #include "OrvoCodec.h"
-#include "service_test_fakes.h"
 #include "fake_daemon.h"
+#include "service_test_fakes.h"
 
 namespace {
 
@@ -29,20 +29,22 @@ protected:
     // A zone without daylight saving, so that a day is always 86400 seconds here.
     SchedulerLoop() { ::setenv("TZ", "UTC", 1), ::tzset(); }
     ~SchedulerLoop() override { ::unsetenv("TZ"), ::tzset(); }
-    void open() {
+    void open(ksd::SchedulerLimits limits = {}) {
         service_.reset();
-        service_ = std::make_unique<ksd::SchedulerService>(io_, events_, dir_.path(), ksd::SchedulerLimits{},
-                                                           [this] { return now_; });
+        service_ = std::make_unique<ksd::SchedulerService>(io_, events_, dir_.path(), limits, [this] { return now_; });
     }
-    std::int64_t scheduleDaily(const std::string& name, const std::string& params, std::time_t at) {
+    std::int64_t scheduleDaily(const std::string& name, const std::string& params, std::time_t at,
+                               uid_t uid = ::getuid(), const std::string& program = "/bin/sh") {
         std::tm w{};
         localtime_r(&at, &w);
+        return ask("TRVX_TS_SCHEDULE",
+                   Fields{str(name), str(program), str("/"), str(params), lng(0), lng(w.tm_mon + 1), lng(w.tm_mday),
+                          lng(w.tm_year + 1900), lng(w.tm_hour), lng(w.tm_min), lng(w.tm_sec), str("")},
+                   uid);
+    }
+    std::int64_t ask(const char* request, Fields fields, uid_t uid = ::getuid()) {
         auto responder = std::make_shared<ksdtest::FakeResponder>();
-        ksd::Request r{
-            "Scheduler", "TRVX_TS_SCHEDULE",
-            Fields{str(name), str("/bin/sh"), str("/"), str(params), lng(0), lng(w.tm_mon + 1), lng(w.tm_mday),
-                   lng(w.tm_year + 1900), lng(w.tm_hour), lng(w.tm_min), lng(w.tm_sec), str("")},
-            unixPeer(1, ::getuid()), responder};
+        ksd::Request r{"Scheduler", request, std::move(fields), unixPeer(1, uid), responder};
         service_->handle(r);
         return responder->value().value_or(-9999);
     }
@@ -110,6 +112,29 @@ TEST_F(SchedulerLoop, DaysOfDowntimeYieldOneRunAndTheNextIsAfterTheRestart) {
     OrvoNet::Codec::putString(expected, ksd::sched::formatTime(kStart + 6 * 86400 + 10, ksd::sched::Zone::Local));
     OrvoNet::Codec::putInt(expected, 0);
     EXPECT_EQ(responder->replied.value_or(""), expected);
+}
+
+TEST_F(SchedulerLoop, AUsersTasksTheirBytesAndTheirFieldsAreBoundedAndRootIsExempt) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: tasks of another user";
+    ksd::SchedulerLimits limits;
+    limits.maxTasksPerUser = 2;
+    limits.maxTaskBytesPerUser = 4096;
+    open(limits);
+    const uid_t user = 65534;
+    const std::time_t at = kStart + 10;
+    const std::string big(3000, 'x');
+    const std::int64_t first = scheduleDaily("u1", "-c true", at, user);
+    EXPECT_GT(first, 0);
+    EXPECT_EQ(scheduleDaily("u2", big + " " + big, at, user), -EDQUOT) << "over the user's bytes";
+    EXPECT_GT(scheduleDaily("u2", big, at, user), 0);
+    EXPECT_EQ(scheduleDaily("u3", "", at, user), -EDQUOT) << "over the user's tasks";
+    for (int i = 0; i < 3; ++i) EXPECT_GT(scheduleDaily("root" + std::to_string(i), big + " " + big, at), 0);
+    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(first)}, user), 0);
+    EXPECT_GT(scheduleDaily("u3", "", at, user), 0) << "a cancelled task frees its place";
+    EXPECT_EQ(scheduleDaily("long-path", "", at, 0, "/" + std::string(4096, 'p')), -ENAMETOOLONG);
+    EXPECT_EQ(scheduleDaily("long-params", std::string(128 * 1024 + 1, 'a'), at, 0), -E2BIG);
+    open(limits);
+    EXPECT_EQ(scheduleDaily("u4", "", at, user), -EDQUOT) << "the quota is counted again at start";
 }
 
 }  // namespace

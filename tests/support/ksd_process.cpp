@@ -85,9 +85,15 @@ bool KsdProcess::start(const std::vector<std::string>& extraArgs) {
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    // Opened after setsid(), a terminal becomes the controlling one.
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, terminal_.empty() ? "/dev/null" : terminal_.c_str(),
+                                     terminal_.empty() ? O_RDONLY : O_RDWR, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int rc = ::posix_spawn(&pid_, args[0].c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    if (!terminal_.empty()) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    const int rc = ::posix_spawn(&pid_, args[0].c_str(), &actions, &attributes, argv.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) {
         pid_ = -1;

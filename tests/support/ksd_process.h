@@ -23,8 +23,8 @@ long residentKiB(pid_t pid);
 std::int64_t processCpuNs(pid_t pid);
 
 // Full paths of the programs tests run.
-std::string ksdProgram();            // <binary dir>/ksd/ksd
-std::string clientHelperProgram();   // <binary dir>/tests/support/ks_client_helper
+std::string ksdProgram();           // <binary dir>/ksd/ksd
+std::string clientHelperProgram();  // <binary dir>/tests/support/ks_client_helper
 
 // One ksd child process. The pipe name and state directory are chosen at
 // construction and kept across restarts; the state directory (and ksd's
@@ -47,10 +47,13 @@ public:
     // stop() (or kill() when `hard`), then start() with the same arguments.
     bool restart(bool hard = false);
     bool isRunning();
+    // Later starts run ksd in a session of its own with this terminal (a pty's
+    // slave path) as its controlling terminal and standard input.
+    void useTerminal(const std::string& path) { terminal_ = path; }
 
     pid_t pid() const { return pid_; }
     const std::string& pipeName() const { return pipe_; }
-    std::string connType() const { return "pipe:" + pipe_; }   // for KSINTF_CONN_TYPE
+    std::string connType() const { return "pipe:" + pipe_; }  // for KSINTF_CONN_TYPE
     const std::string& stateDir() const { return stateDir_; }
     // Everything ksd wrote to stderr since its last start.
     std::string log() const;
@@ -61,11 +64,12 @@ public:
 private:
     int waitExit();
 
-    std::string root_;       // temporary directory holding state/ and ksd.log
+    std::string root_;  // temporary directory holding state/ and ksd.log
     std::string stateDir_;
     std::string logFile_;
     std::string pipe_;
     std::vector<std::string> extraArgs_;
+    std::string terminal_;
     pid_t pid_ = -1;
 };
 
@@ -76,7 +80,7 @@ public:
     // `env` entries override or add to this process's environment.
     ChildProcess(const std::string& program, const std::vector<std::string>& args,
                  const std::map<std::string, std::string>& env = {});
-    ~ChildProcess();   // closes stdin, then kills and reaps a child still running
+    ~ChildProcess();  // closes stdin, then kills and reaps a child still running
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
@@ -94,8 +98,8 @@ public:
 
 private:
     pid_t pid_ = -1;
-    int in_ = -1;    // its stdin (our write end)
-    int out_ = -1;   // its stdout (our read end)
+    int in_ = -1;   // its stdin (our write end)
+    int out_ = -1;  // its stdout (our read end)
     std::string buffer_;
     int status_ = -1;
 };

@@ -14,6 +14,7 @@
 #include "daemon_events.h"
 #include "failure.h"
 #include "json.h"
+#include "operator_query.h"
 #include "output.h"
 
 namespace ksctl {
@@ -140,61 +141,10 @@ int blobGet(const TaskArgs& args) {
     return kExitOk;
 }
 
-// The daemon's list, one tab-separated line per task, as a JSON array of objects.
-std::string listJson(const std::string& text, bool blobs) {
-    static const char* const kProgram[] = {"handle",   "name",      "state",     "frequency", "next_run",
-                                           "last_run", "exit_code", "owner_uid", "program",   "arguments"};
-    static const char* const kBlob[] = {"handle",   "name",     "state",  "frequency",
-                                        "next_run", "last_run", "length", "owner_uid"};
-    std::string out = "[";
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (out.size() > 1) out.push_back(',');
-        out.push_back('{');
-        std::size_t from = 0;
-        for (std::size_t i = 0; i < (blobs ? std::size(kBlob) : std::size(kProgram)); ++i) {
-            const std::size_t to = std::min(line.find('\t', from), line.size());
-            const std::string field = from <= line.size() ? line.substr(from, to - from) : "";
-            const std::string key = blobs ? kBlob[i] : kProgram[i];
-            const bool number =
-                key == "handle" || key == "exit_code" || key == "length" || (key == "owner_uid" && field != "tcp");
-            // Appended piece by piece: a chain of temporaries here trips GCC 12's -Wrestrict in Release.
-            if (i) out.push_back(',');
-            out += jsonQuote(key);
-            out.push_back(':');
-            out += number && !field.empty() ? field : jsonQuote(field);
-            from = to + 1;
-        }
-        out.push_back('}');
-    }
-    return out + "]";
-}
-
+// Read in pages, so that any number of tasks of any size can be listed.
 int list(const GlobalOptions& options, const TaskArgs& args) {
-    std::vector<char> buf(65536);
-    for (;;) {
-        int size = static_cast<int>(buf.size());
-        const int rc =
-            args.blobs ? OrvoTSListAllBlobTasks(&size, buf.data()) : OrvoTSListAllExecTasks(&size, buf.data());
-        if (rc == -12) {
-            buf.resize(static_cast<std::size_t>(size) * 2);  // the list may grow between the calls
-            continue;
-        }
-        if (rc < 0) return reportFailure("task list", Domain::Task, rc);
-        break;
-    }
-    const std::string json = listJson(buf.data(), args.blobs);
-    if (options.json) {
-        printLine(json);
-        return kExitOk;
-    }
-    const auto value = parseJson(json);
-    if (!value || value->items.empty()) {
-        printLine(args.blobs ? "no blob tasks" : "no program tasks");
-        return kExitOk;
-    }
-    std::fputs(renderTable(*value).c_str(), stdout);
-    return kExitOk;
+    return printQuery(options, args.blobs ? "blob-tasks" : "tasks", JsonValue::Kind::Array,
+                      args.blobs ? "no blob tasks" : "no program tasks");
 }
 
 int show(const GlobalOptions& options, const TaskArgs& args) {

@@ -171,7 +171,10 @@ int printList(const GlobalOptions& options, const char* what, const char* key, c
 
 int printQuery(const GlobalOptions& options, const char* what, JsonValue::Kind expected, const char* emptyText) {
     const std::string_view list(what);
-    const char* key = list == "jobs" ? "id" : list == "locks" ? "handle" : list == "subscriptions" ? "seq" : nullptr;
+    const char* key = list == "jobs"                                               ? "id"
+                      : list == "locks" || list == "tasks" || list == "blob-tasks" ? "handle"
+                      : list == "subscriptions"                                    ? "seq"
+                                                                                   : nullptr;
     if (key && expected == JsonValue::Kind::Array) return printList(options, what, key, emptyText);
     QueryAnswer answer = queryDaemon(what, options.replyTimeout);
     const std::string subject = std::string(what) + " query";

@@ -48,7 +48,10 @@ void ReachCheck::run(const std::string& path, const UserIdentity& who, std::func
         return;
     }
     if (pid == 0) {
-        // Only system calls from here: the daemon may have other threads.
+        // Only system calls from here: the daemon may have other threads. The
+        // daemon's descriptors go first, so that a path that blocks (a hung
+        // mount) holds none of them.
+        ::syscall(SYS_close_range, 0U, ~0U, 0U);
         if (switchUser) {
             if (!canSwitch) ::_exit(EPERM);
             if (::syscall(SYS_setgroups, who.groups.size(), who.groups.data()) != 0 ||

@@ -5,6 +5,7 @@
 #include <linux/close_range.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -19,7 +20,7 @@ namespace ksd::sched {
 namespace {
 
 // Which step of the child failed; sent with errno through the pipe.
-enum Stage : int { kCredentials = 1, kChdir, kLogFile, kExec };
+enum Stage : int { kCredentials = 1, kChdir, kLogFile, kLogNotRegular, kExec, kSession, kLimits };
 
 const char* stageName(int stage) {
     switch (stage) {
@@ -29,8 +30,14 @@ const char* stageName(int stage) {
             return "working directory";
         case kLogFile:
             return "log file";
+        case kLogNotRegular:
+            return "log file is not a regular file";
         case kExec:
             return "exec";
+        case kSession:
+            return "new session";
+        case kLimits:
+            return "resource limits";
     }
     return "start";
 }
@@ -83,7 +90,22 @@ std::string locate(const std::string& program, const std::string& path) {
 
 }  // namespace
 
-ProgramRunner::ProgramRunner(asio::io_context& io) : children_(io) {}
+std::vector<ResourceLimit> loginLimits() {
+    std::vector<ResourceLimit> limits;
+    for (int r = 0; r < RLIM_NLIMITS; ++r) {
+        rlimit value{};
+        if (::getrlimit(static_cast<__rlimit_resource>(r), &value) != 0) continue;
+        // A login's soft descriptor limit is the select()-safe 1024, whatever the hard one.
+        if (r == RLIMIT_NOFILE && (value.rlim_cur == RLIM_INFINITY || value.rlim_cur > 1024)) value.rlim_cur = 1024;
+        limits.push_back({r, value});
+    }
+    return limits;
+}
+
+ProgramRunner::ProgramRunner(asio::io_context& io, std::vector<ResourceLimit> limits)
+    : limits_(std::move(limits)), children_(io) {
+    if (limits_.empty()) limits_ = loginLimits();
+}
 
 ProgramRunner::~ProgramRunner() = default;
 
@@ -121,27 +143,47 @@ pid_t ProgramRunner::start(const RunSpec& spec, std::function<void(const RunResu
         return -1;
     }
     if (pid == 0) {
-        ::close(report[0]);
-        ::setpgid(0, 0);
+        // Nothing of the daemon's survives into the child before it touches
+        // anything of the user's: a path that blocks (a FIFO, a hung mount)
+        // then holds no listener, database or lock, only this child.
+        const int fail = report[1];
+        if (fail > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(fail) - 1, 0U);
+        ::syscall(SYS_close_range, static_cast<unsigned>(fail) + 1, ~0U, 0U);
+        const int null = ::open("/dev/null", O_RDWR | O_NOCTTY);
+        if (null < 0) childFails(fail, kLogFile);
+        ::dup2(null, 0), ::dup2(null, 1), ::dup2(null, 2);
+        if (null > 2) ::close(null);
+        // A session of its own: no controlling terminal to inject keystrokes into.
+        if (::setsid() < 0) childFails(fail, kSession);
         sigset_t none;
         sigemptyset(&none);
         ::sigprocmask(SIG_SETMASK, &none, nullptr);
         for (int s = 1; s < NSIG; ++s) ::signal(s, SIG_DFL);
+        for (const ResourceLimit& l : limits_)
+            if (::setrlimit(static_cast<__rlimit_resource>(l.resource), &l.value) != 0 && switchUser)
+                childFails(fail, kLimits);
         if (switchUser && (::setgroups(account.groups.size(), account.groups.data()) != 0 ||
                            ::setgid(account.gid) != 0 || ::setuid(spec.uid) != 0))
-            childFails(report[1], kCredentials);
-        if (::chdir(workDir.c_str()) != 0) childFails(report[1], kChdir);
+            childFails(fail, kCredentials);
+        if (::chdir(workDir.c_str()) != 0) childFails(fail, kChdir);
         // The daemon's own 077 is not the program's business.
         ::umask(022);
-        const int in = ::open("/dev/null", O_RDONLY);
-        const int out = spec.logFile.empty() ? ::open("/dev/null", O_WRONLY)
-                                             : ::open(spec.logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (out < 0) childFails(report[1], kLogFile);
-        ::dup2(in, 0), ::dup2(out, 1), ::dup2(out, 2);
-        // Nothing of the daemon's leaks into the program; the report pipe is close-on-exec already.
-        ::syscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC);
+        if (!spec.logFile.empty()) {
+            // Non-blocking, so that a FIFO fails or opens at once; only a regular file is taken.
+            const int out = ::open(spec.logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY, 0644);
+            if (out < 0) childFails(fail, kLogFile);
+            struct stat st {};
+            if (::fstat(out, &st) != 0) childFails(fail, kLogFile);
+            if (!S_ISREG(st.st_mode)) {
+                errno = 0;  // the stage says it all
+                childFails(fail, kLogNotRegular);
+            }
+            ::fcntl(out, F_SETFL, O_APPEND);
+            ::dup2(out, 1), ::dup2(out, 2);
+            if (out > 2) ::close(out);
+        }
         ::execve(program.c_str(), argv.data(), envp.data());
-        childFails(report[1], kExec);
+        childFails(fail, kExec);
     }
     ::close(report[1]);
     ::fcntl(report[0], F_SETFL, O_NONBLOCK);

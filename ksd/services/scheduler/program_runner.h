@@ -1,11 +1,13 @@
 #ifndef KSD_SERVICES_SCHEDULER_PROGRAM_RUNNER_H
 #define KSD_SERVICES_SCHEDULER_PROGRAM_RUNNER_H
 
-// Starts a task's program without a shell, as the task's user, in its own
-// process group, and tells on the event loop how it ended. The child is
+// Starts a task's program without a shell, as the task's user, in a session
+// of its own with a login's resource limits and none of the daemon's
+// descriptors, and tells on the event loop how it ended. The child is
 // reaped when its pidfd turns readable, never by a blocking wait; a failure
 // between fork and exec comes back through a close-on-exec pipe.
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <asio/io_context.hpp>
@@ -32,9 +34,19 @@ struct RunResult {
     int exitCode = 0;   // exit status, or 128 + signal
 };
 
+struct ResourceLimit {
+    int resource;
+    rlimit value;
+};
+
+// The limits in force now, the soft descriptor limit lowered to a login's
+// 1024: taken before the daemon raises its own, they are what a program gets.
+std::vector<ResourceLimit> loginLimits();
+
 class ProgramRunner {
 public:
-    explicit ProgramRunner(asio::io_context& io);
+    // `limits`: set in every child (empty: loginLimits() of now).
+    ProgramRunner(asio::io_context& io, std::vector<ResourceLimit> limits = {});
     ~ProgramRunner();
 
     // The child's pid, or -1 with `failure` set when nothing could be started
@@ -43,6 +55,7 @@ public:
     std::size_t running() const { return children_.size(); }
 
 private:
+    std::vector<ResourceLimit> limits_;
     // Programs go on when the daemon stops: they are not killed here.
     ChildWatch children_;
 };

@@ -3,12 +3,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <asio/post.hpp>
 #include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstring>
 
 #include "OrvoLogging.h"
+#include "json/json_text.h"
+#include "services/list_page.h"
 #include "services/scheduler/arguments.h"
 #include "store/schema.h"
 
@@ -24,6 +27,8 @@ using sched::TaskState;
 constexpr std::int64_t kNeverRan = -ENODATA;  // -61
 // Wake at least this often, so that a change of the system clock delays a run by no more.
 constexpr std::time_t kMaxSleep = 60;
+// The longest the loop spends starting due tasks before it serves others.
+constexpr auto kSlice = std::chrono::milliseconds(10);
 
 bool fitsInt(std::int64_t v) { return v >= INT_MIN && v <= INT_MAX; }
 
@@ -37,6 +42,23 @@ std::string listField(std::string s) {
     std::replace_if(
         s.begin(), s.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
     return s;
+}
+
+// One line of the library's lists: handle, name, state, frequency, next run,
+// last run, then exit code, owner, program, parameters, last failed start
+// (programs) or length, owner (blobs).
+std::string listLine(const Task& t) {
+    std::string text = std::to_string(t.handle);
+    text += '\t' + t.name + '\t' + sched::stateName(t.state) + '\t' + sched::frequencyName(t.schedule.frequency);
+    text += '\t' + (t.nextDue ? sched::formatTime(*t.nextDue, t.zone()) : std::string());
+    text += '\t' + (t.lastRun ? sched::formatTime(*t.lastRun, sched::Zone::Local) : std::string());
+    if (t.kind == TaskKind::Program) {
+        text += '\t' + std::to_string(t.exitCode.value_or(kNeverRan)) + '\t' + std::to_string(t.owner);
+        text += '\t' + listField(t.program) + '\t' + listField(t.parameters) + '\t' + listField(t.lastFailure);
+    } else {
+        text += '\t' + std::to_string(t.blobSize) + '\t' + (t.ownerIsUnix ? std::to_string(t.owner) : "tcp");
+    }
+    return text + '\n';
 }
 
 // Owner rules: root reads and cancels any task; a user only its own; a TCP
@@ -74,7 +96,7 @@ SchedulerService::SchedulerService(asio::io_context& io, EventPublisher& events,
       db_(store::openStateDatabase(stateDir)),
       store_(std::make_unique<sched::TaskStore>(*db_)),
       timer_(io),
-      runner_(io),
+      runner_(io, limits.programLimits),
       schedulePlan_(fixedPlan({FieldKind::String, FieldKind::String, FieldKind::String, FieldKind::String,
                                FieldKind::Long, FieldKind::Long, FieldKind::Long, FieldKind::Long, FieldKind::Long,
                                FieldKind::Long, FieldKind::Long, FieldKind::String})),
@@ -102,6 +124,7 @@ SchedulerService::SchedulerService(asio::io_context& io, EventPublisher& events,
         if (boot) due = now;
         if (due && *due < now) ++missed;
         byName_.emplace(t.name, h);
+        account(t, +1);
         Task& kept = tasks_.emplace(h, std::move(t)).first->second;
         setDue(kept, due);
     }
@@ -182,16 +205,19 @@ void SchedulerService::handle(Request& request) {
         // A client with too small a buffer stops reading after the length; the
         // rest is dropped with its connection.
         std::string out = longReply(0);
-        Codec::putInt(out, static_cast<std::int32_t>(task->blob.size()));
-        out += task->blob;
+        const std::string blob = store_->blob(task->handle);
+        Codec::putInt(out, static_cast<std::int32_t>(blob.size()));
+        out += blob;
         return responder.reply(std::move(out));
     }
     if (r == "TRVX_TS_CANCEL") {
         if (!task) return responder.reply(longReply(error));
         // A running program is left to finish; its end no longer changes the state.
+        account(*task, -1);
         task->cancelled = true;
-        task->blob.clear();
-        task->blob.shrink_to_fit();
+        task->blobSize = 0;
+        for (std::string* field : {&task->program, &task->workDir, &task->parameters, &task->logFile})
+            std::string().swap(*field);
         byName_.erase(task->name);
         setDue(*task, std::nullopt);
         task->state = TaskState::Exit;
@@ -228,6 +254,10 @@ void SchedulerService::schedule(Request& request) {
     if (!valid) return responder.reply(longReply(-EINVAL));
     // Without root the daemon cannot become another user: it runs only its own user's programs.
     if (::geteuid() != 0 && request.peer.uid != ::geteuid()) return responder.reply(longReply(-EPERM));
+    if (t.program.size() > limits_.maxPathLength || t.workDir.size() > limits_.maxPathLength ||
+        t.logFile.size() > limits_.maxPathLength)
+        return responder.reply(longReply(-ENAMETOOLONG));
+    if (t.parameters.size() > limits_.maxParametersLength) return responder.reply(longReply(-E2BIG));
     if (byName_.count(t.name) != 0) return responder.reply(longReply(-EEXIST));
     responder.reply(longReply(add(std::move(t))));
     arm();
@@ -241,7 +271,7 @@ void SchedulerService::scheduleBlob(Request& request) {
     Task t;
     t.kind = TaskKind::Blob;
     t.name = f[0].text;
-    t.blob = f[2].text;
+    t.blobSize = f[2].text.size();
     t.ownerIsUnix = request.peer.isUnix;
     t.owner = request.peer.isUnix ? request.peer.uid : static_cast<uid_t>(-1);
     const auto frequency = sched::frequencyFrom(f[3].integer);
@@ -251,13 +281,30 @@ void SchedulerService::scheduleBlob(Request& request) {
     t.schedule = sched::Schedule{*frequency, field(6), field(4), field(5), field(7), field(8), field(9)};
     if (!sched::isValidSchedule(t.schedule)) return responder.reply(longReply(-EINVAL));
     if (byName_.count(t.name) != 0) return responder.reply(longReply(-EEXIST));
-    responder.reply(longReply(add(std::move(t))));
+    responder.reply(longReply(add(std::move(t), f[2].text)));
     arm();
 }
 
-std::int64_t SchedulerService::add(Task task) {
+void SchedulerService::account(const Task& task, int sign) {
+    Usage& u = usage_[task.ownerIsUnix ? static_cast<std::int64_t>(task.owner) : -1];
+    u.tasks += sign;
+    u.bytes += sign * static_cast<std::int64_t>(task.storedBytes());
+}
+
+std::int64_t SchedulerService::add(Task task, std::string_view blob) {
+    if (!task.ownerIsUnix || task.owner != 0) {
+        const Usage& u = usage_[task.ownerIsUnix ? static_cast<std::int64_t>(task.owner) : -1];
+        if (u.tasks >= limits_.maxTasksPerUser || u.bytes + task.storedBytes() > limits_.maxTaskBytesPerUser) {
+            ORVO_LOG(4, "ksd: Scheduler: task quota of uid "
+                            << (task.ownerIsUnix ? std::to_string(task.owner) : std::string("tcp")).c_str()
+                            << " reached (" << static_cast<unsigned long>(u.tasks) << " tasks, "
+                            << static_cast<unsigned long>(u.bytes) << " bytes): " << task.name.c_str() << " refused");
+            return -EDQUOT;
+        }
+    }
     task.state = TaskState::Waiting;
-    const std::int64_t h = store_->insert(task);
+    const std::int64_t h = store_->insert(task, blob);
+    account(task, +1);
     const std::optional<std::time_t> due = sched::firstRun(task.schedule, task.zone(), clock_());
     byName_.emplace(task.name, h);
     Task& kept = tasks_.emplace(h, std::move(task)).first->second;
@@ -268,26 +315,70 @@ std::int64_t SchedulerService::add(Task task) {
 }
 
 void SchedulerService::list(Request& request, TaskKind kind) {
-    // One line per task: handle, name, state, frequency, next run, last run,
-    // then exit code, owner, program, parameters (programs) or length, owner (blobs).
-    std::string text;
+    // The reply is one string: the tasks that fit it (the paged operator list has them all).
+    std::string text, line;
     for (const auto& [h, t] : tasks_) {
         if (t.cancelled || t.kind != kind || !mayTouch(request.peer, t)) continue;
-        text += std::to_string(h);
-        text += '\t' + t.name + '\t' + sched::stateName(t.state) + '\t' + sched::frequencyName(t.schedule.frequency);
-        text += '\t' + (t.nextDue ? sched::formatTime(*t.nextDue, t.zone()) : std::string());
-        text += '\t' + (t.lastRun ? sched::formatTime(*t.lastRun, sched::Zone::Local) : std::string());
-        if (kind == TaskKind::Program) {
-            text += '\t' + std::to_string(t.exitCode.value_or(kNeverRan)) + '\t' + std::to_string(t.owner);
-            text += '\t' + listField(t.program) + '\t' + listField(t.parameters);
-        } else {
-            text += '\t' + std::to_string(t.blob.size()) + '\t' + (t.ownerIsUnix ? std::to_string(t.owner) : "tcp");
-        }
-        text += '\n';
+        line = listLine(t);
+        if (text.size() + line.size() > Codec::kMaxStringLength) break;
+        text += line;
     }
     std::string out = longReply(0);
     Codec::putString(out, text);
     request.responder->reply(std::move(out));
+}
+
+std::string SchedulerService::queryFor(std::string_view what, const PeerInfo& asker) const {
+    const bool blobs = pageAfter(what, "blob-tasks").has_value();
+    const auto after = blobs ? pageAfter(what, "blob-tasks") : pageAfter(what, "tasks");
+    if (!after) return {};
+    const TaskKind kind = blobs ? TaskKind::Blob : TaskKind::Program;
+    std::string out = "[";
+    // At least one task per page, so that the pages advance.
+    for (auto it = tasks_.upper_bound(*after); it != tasks_.end() && (out.size() == 1 || out.size() < kListPageBytes);
+         ++it) {
+        const Task& t = it->second;
+        if (t.cancelled || t.kind != kind || !mayTouch(asker, t)) continue;
+        if (out.size() > 1) out.push_back(',');
+        // Appended piece by piece: chains of temporaries trip GCC 12's -Wrestrict in Release.
+        auto member = [&out](const char* key, const std::string& text) {
+            out += ",\"";
+            out += key;
+            out += "\":";
+            jsontext::appendString(out, text);
+        };
+        auto number = [&out](const char* key, const std::string& digits) {
+            out += ",\"";
+            out += key;
+            out += "\":";
+            out += digits;
+        };
+        out += "{\"handle\":";
+        out += std::to_string(t.handle);
+        member("name", t.name);
+        member("state", sched::stateName(t.state));
+        member("frequency", sched::frequencyName(t.schedule.frequency));
+        member("next_run", t.nextDue ? sched::formatTime(*t.nextDue, t.zone()) : std::string());
+        member("last_run", t.lastRun ? sched::formatTime(*t.lastRun, sched::Zone::Local) : std::string());
+        if (blobs) {
+            number("length", std::to_string(t.blobSize));
+            if (t.ownerIsUnix)
+                number("owner_uid", std::to_string(t.owner));
+            else
+                member("owner_uid", "tcp");
+        } else {
+            number("exit_code", std::to_string(t.exitCode.value_or(kNeverRan)));
+            number("owner_uid", std::to_string(t.owner));
+            member("program", t.program);
+            member("arguments", t.parameters);
+            member("work_dir", t.workDir);
+            member("log_file", t.logFile);
+            member("last_failure", t.lastFailure);
+        }
+        out.push_back('}');
+    }
+    out.push_back(']');
+    return out;
 }
 
 void SchedulerService::setDue(Task& task, std::optional<std::time_t> due) {
@@ -314,11 +405,21 @@ void SchedulerService::arm() {
 }
 
 void SchedulerService::onTimer() {
+    // Many tasks due at once start in short slices, so that other requests
+    // are served between them.
     const std::time_t now = clock_();
-    while (!due_.empty() && due_.begin()->first <= now) {
+    const auto sliceEnd = std::chrono::steady_clock::now() + kSlice;
+    while (!due_.empty() && due_.begin()->first <= now && std::chrono::steady_clock::now() < sliceEnd) {
         Task& task = tasks_.at(due_.begin()->second);
         setDue(task, std::nullopt);
         run(task, now);
+    }
+    if (!due_.empty() && due_.begin()->first <= now) {
+        std::weak_ptr<char> alive = alive_;
+        asio::post(timer_.get_executor(), [this, alive] {
+            if (!alive.expired()) onTimer();
+        });
+        return;
     }
     timer_.expires_at(std::chrono::system_clock::time_point::min());  // forces arm() to set a new wait
     arm();
@@ -327,11 +428,22 @@ void SchedulerService::onTimer() {
 void SchedulerService::run(Task& task, std::time_t now) {
     // Whatever was missed, the next run is the first one after now.
     const std::optional<std::time_t> next = sched::nextRunAfter(task.schedule, task.zone(), now);
-    if (task.running()) {
+    const char* skip = nullptr;
+    if (task.running())
+        skip = "still running at its next time";
+    else if (task.kind == TaskKind::Program && runner_.running() >= limits_.maxPrograms)
+        skip = "over the daemon's running programs";
+    else if (task.kind == TaskKind::Program && task.owner != 0 && runningBy_[task.owner] >= limits_.maxProgramsPerUser)
+        skip = "over its user's running programs";
+    if (skip != nullptr) {
         ++skipped_;
-        ORVO_LOG(4, "ksd: Scheduler: task " << task.handle << " (" << task.name.c_str()
-                                            << ") still running at its next time: run skipped");
+        ORVO_LOG(4, "ksd: Scheduler: task " << task.handle << " (" << task.name.c_str() << ", uid "
+                                            << static_cast<unsigned long>(task.owner) << ") " << skip
+                                            << ": run skipped");
         setDue(task, next);
+        // A run that will not come again ends the task as a start that failed.
+        if (!next && task.schedule.frequency != sched::Frequency::BootTime && !task.running())
+            return failedStart(task, std::string("run skipped: ") + skip);
         save(task);
         return;
     }
@@ -356,13 +468,9 @@ void SchedulerService::run(Task& task, std::time_t now) {
             if (!alive.expired()) programEnded(h, result);
         },
         failure);
-    if (pid < 0) {
-        ORVO_LOG(4, "ksd: Scheduler: task " << h << " could not start: " << failure.c_str());
-        setState(task, TaskState::Exit);
-        save(task);
-        return;
-    }
+    if (pid < 0) return failedStart(task, failure);
     task.pid = pid;
+    ++runningBy_[task.owner];
     ORVO_LOG(9, "ksd: Scheduler: task " << h << " started as pid " << static_cast<int>(pid));
     setState(task, TaskState::InProgress);
     save(task);
@@ -373,17 +481,22 @@ void SchedulerService::programEnded(std::int64_t handle, const sched::RunResult&
     if (it == tasks_.end()) return;
     Task& task = it->second;
     task.pid = -1;
-    if (!result.started) {
-        ORVO_LOG(4, "ksd: Scheduler: task " << handle << " could not start " << task.program.c_str() << ": "
-                                            << result.stage.c_str() << ": " << std::strerror(result.error));
-        if (!task.cancelled) setState(task, TaskState::Exit);
-        save(task);
-        return;
-    }
+    if (--runningBy_[task.owner] == 0) runningBy_.erase(task.owner);
+    if (!result.started)
+        return failedStart(task, result.error != 0 ? result.stage + ": " + std::strerror(result.error) : result.stage);
     task.exitCode = result.exitCode;
     if (task.cancelled) return save(task);
     setState(task, TaskState::Completed);
     afterRun(task);
+}
+
+void SchedulerService::failedStart(Task& task, const std::string& reason) {
+    ORVO_LOG(4, "ksd: Scheduler: task " << task.handle << " (" << task.name.c_str() << ", uid "
+                                        << static_cast<unsigned long>(task.owner) << ") could not start "
+                                        << task.program.c_str() << ": " << reason.c_str());
+    task.lastFailure = reason;
+    if (!task.cancelled) setState(task, TaskState::Exit);
+    save(task);
 }
 
 void SchedulerService::afterRun(Task& task) {

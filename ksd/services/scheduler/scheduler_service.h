@@ -17,17 +17,13 @@
 #include <unordered_map>
 
 #include "services/scheduler/program_runner.h"
+#include "services/scheduler/scheduler_limits.h"
 #include "services/scheduler/task.h"
 #include "services/scheduler/task_store.h"
 #include "services/service.h"
 #include "store/database.h"
 
 namespace ksd {
-
-struct SchedulerLimits {
-    std::uint32_t maxBlobBytes = 1024 * 1024;
-    std::uint32_t maxNameLength = 1024;
-};
 
 class SchedulerService final : public Service {
 public:
@@ -45,13 +41,17 @@ public:
     const FieldPlan* plan(std::string_view request) const override;
     void handle(Request& request) override;
     std::vector<StatusItem> status() const override;
+    // "tasks" and "blob-tasks", paged by handle: the tasks `asker` may see, as JSON.
+    std::string queryFor(std::string_view what, const PeerInfo& asker) const override;
 
 private:
     using Due = std::pair<std::time_t, std::int64_t>;
 
     void schedule(Request& request);
     void scheduleBlob(Request& request);
-    std::int64_t add(sched::Task task);
+    // The new task's handle, or the negative error that refused it.
+    std::int64_t add(sched::Task task, std::string_view blob = {});
+    void account(const sched::Task& task, int sign);
     void list(Request& request, sched::TaskKind kind);
     sched::Task* visible(const PeerInfo& peer, std::int64_t handle, std::int64_t& error);
 
@@ -60,6 +60,8 @@ private:
     void onTimer();
     void run(sched::Task& task, std::time_t now);
     void programEnded(std::int64_t handle, const sched::RunResult& result);
+    // Ends a run that never reached its program: state cExit, the reason kept and logged.
+    void failedStart(sched::Task& task, const std::string& reason);
     void afterRun(sched::Task& task);
     void setState(sched::Task& task, sched::TaskState state);
     void save(const sched::Task& task);
@@ -75,6 +77,12 @@ private:
     asio::system_timer timer_;
     sched::ProgramRunner runner_;
     std::shared_ptr<char> alive_ = std::make_shared<char>();
+    std::unordered_map<uid_t, std::size_t> runningBy_;  // programs running, per owner
+    struct Usage {
+        std::size_t tasks = 0;
+        std::uint64_t bytes = 0;
+    };
+    std::unordered_map<std::int64_t, Usage> usage_;  // live tasks per owner uid (-1: TCP)
     std::int64_t runs_ = 0, skipped_ = 0;
     FieldPlan schedulePlan_, blobPlan_, namePlan_, handlePlan_, infoPlan_, emptyPlan_;
 };

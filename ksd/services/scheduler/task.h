@@ -28,16 +28,22 @@ struct Task {
     bool ownerIsUnix = true;  // false: scheduled over TCP, owned by no user
     uid_t owner = 0;
     std::string program, workDir, parameters, logFile;
-    std::string blob;
+    std::size_t blobSize = 0;  // the blob itself stays in the store until asked for
     Schedule schedule;
     TaskState state = TaskState::Waiting;
     std::optional<std::int64_t> exitCode;
     std::optional<std::time_t> lastRun;
     std::optional<std::time_t> nextDue;
     bool cancelled = false;
+    // Why the last run that never reached its program failed; empty when none did.
+    std::string lastFailure;
     // Not stored: the running program (a blob task "runs" in no time).
     pid_t pid = -1;
 
+    // What the task costs its owner's quota: its strings and its blob.
+    std::uint64_t storedBytes() const {
+        return name.size() + program.size() + workDir.size() + parameters.size() + logFile.size() + blobSize;
+    }
     Zone zone() const { return kind == TaskKind::Blob ? Zone::Gmt : Zone::Local; }
     bool running() const { return pid > 0; }
 };

@@ -47,13 +47,18 @@ TaskStore::TaskStore(store::Database& db) : db_(db) {
         "  day INTEGER NOT NULL, hour INTEGER NOT NULL, minute INTEGER NOT NULL, second INTEGER NOT NULL,"
         "  state INTEGER NOT NULL, exit_code INTEGER, last_run INTEGER, next_due INTEGER,"
         "  cancelled INTEGER NOT NULL DEFAULT 0);");
+    auto& has = db_.cached("SELECT COUNT(*) FROM pragma_table_info('scheduler_tasks') WHERE name = 'last_failure'");
+    const bool hasFailure = has.step() && has.columnInt(0) != 0;
+    has.reset();
+    if (!hasFailure) db_.exec("ALTER TABLE scheduler_tasks ADD COLUMN last_failure TEXT NOT NULL DEFAULT ''");
     t.commit();
 }
 
 std::vector<Task> TaskStore::loadAll() {
     auto& s = db_.cached(
-        "SELECT handle, name, kind, owner_is_unix, owner_uid, program, work_dir, parameters, log_file, blob,"
-        " frequency, year, month, day, hour, minute, second, state, exit_code, last_run, next_due, cancelled"
+        "SELECT handle, name, kind, owner_is_unix, owner_uid, program, work_dir, parameters, log_file, length(blob),"
+        " frequency, year, month, day, hour, minute, second, state, exit_code, last_run, next_due, cancelled,"
+        " last_failure"
         " FROM scheduler_tasks ORDER BY handle");
     std::vector<Task> tasks;
     while (s.step()) {
@@ -67,7 +72,7 @@ std::vector<Task> TaskStore::loadAll() {
         t.workDir = s.columnText(6);
         t.parameters = s.columnText(7);
         t.logFile = s.columnText(8);
-        t.blob = s.columnText(9);
+        t.blobSize = static_cast<std::size_t>(s.columnInt(9));
         t.schedule = Schedule{static_cast<Frequency>(s.columnInt(10)), static_cast<int>(s.columnInt(11)),
                               static_cast<int>(s.columnInt(12)),       static_cast<int>(s.columnInt(13)),
                               static_cast<int>(s.columnInt(14)),       static_cast<int>(s.columnInt(15)),
@@ -77,6 +82,7 @@ std::vector<Task> TaskStore::loadAll() {
         if (auto v = optionalColumn(s, 19)) t.lastRun = static_cast<std::time_t>(*v);
         if (auto v = optionalColumn(s, 20)) t.nextDue = static_cast<std::time_t>(*v);
         t.cancelled = s.columnInt(21) != 0;
+        t.lastFailure = s.columnText(22);
         tasks.push_back(std::move(t));
     }
     s.reset();
@@ -90,7 +96,15 @@ std::int64_t TaskStore::lastHandle() {
     return h;
 }
 
-std::int64_t TaskStore::insert(Task& task) {
+std::string TaskStore::blob(std::int64_t handle) {
+    auto& s = db_.cached("SELECT blob FROM scheduler_tasks WHERE handle = ?1");
+    s.bind(1, handle);
+    std::string bytes = s.step() ? s.columnText(0) : std::string();
+    s.reset();
+    return bytes;
+}
+
+std::int64_t TaskStore::insert(Task& task, std::string_view blob) {
     store::Transaction t(db_);
     db_.cached("UPDATE counters SET value = value + 1 WHERE name = 'last_task_handle'").run();
     const std::int64_t handle = lastHandle();
@@ -108,7 +122,7 @@ std::int64_t TaskStore::insert(Task& task) {
         .bind(7, std::string_view(task.workDir))
         .bind(8, std::string_view(task.parameters))
         .bind(9, std::string_view(task.logFile))
-        .bind(10, std::string_view(task.blob))
+        .bind(10, blob.data() != nullptr ? blob : std::string_view(""))  // a null pointer would bind NULL
         .bind(11, static_cast<std::int64_t>(c.frequency))
         .bind(12, std::int64_t{c.year})
         .bind(13, std::int64_t{c.month})
@@ -126,12 +140,14 @@ std::int64_t TaskStore::insert(Task& task) {
 void TaskStore::update(const Task& task) {
     auto& s = db_.cached(
         "UPDATE scheduler_tasks SET state = ?2, exit_code = ?3, last_run = ?4, next_due = ?5, cancelled = ?6,"
-        " blob = CASE WHEN ?6 THEN x'' ELSE blob END WHERE handle = ?1");
+        " blob = CASE WHEN ?6 THEN x'' ELSE blob END, program = CASE WHEN ?6 THEN '' ELSE program END,"
+        " work_dir = CASE WHEN ?6 THEN '' ELSE work_dir END, parameters = CASE WHEN ?6 THEN '' ELSE parameters END,"
+        " log_file = CASE WHEN ?6 THEN '' ELSE log_file END, last_failure = ?7 WHERE handle = ?1");
     s.bind(1, task.handle).bind(2, static_cast<std::int64_t>(task.state));
     bindOptional(s, 3, task.exitCode);
     bindOptional(s, 4, task.lastRun ? std::optional<std::int64_t>(*task.lastRun) : std::nullopt);
     bindOptional(s, 5, task.nextDue ? std::optional<std::int64_t>(*task.nextDue) : std::nullopt);
-    s.bind(6, std::int64_t{task.cancelled ? 1 : 0});
+    s.bind(6, std::int64_t{task.cancelled ? 1 : 0}).bind(7, std::string_view(task.lastFailure));
     s.run();
 }
 

@@ -19,11 +19,14 @@ public:
     // Creates the scheduler's table and counter when missing.
     explicit TaskStore(store::Database& db);
 
+    // Every task, blobs left in the store (their sizes are loaded).
     std::vector<Task> loadAll();
-    // Stores `task` under the next handle, which it returns (and sets in task.handle).
-    std::int64_t insert(Task& task);
-    // Writes what changes over a task's life: state, runs, next time, cancellation (and the blob).
+    // Stores `task` and its `blob` under the next handle, which it returns (and sets in task.handle).
+    std::int64_t insert(Task& task, std::string_view blob = {});
+    // Writes what changes over a task's life: state, runs, next time, failure,
+    // cancellation (which drops the blob and the strings).
     void update(const Task& task);
+    std::string blob(std::int64_t handle);
     std::int64_t lastHandle();
 
 private:
