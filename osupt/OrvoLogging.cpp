@@ -3,6 +3,7 @@
 #include "OrvoLogging.h"
 
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 namespace OrvoSupport {
 
@@ -100,6 +102,19 @@ void writeAll(int fd, const char* p, std::size_t n) {
     }
 }
 
+// The names ksd's --log-level takes, in any case, or a number 0 or more; -1 otherwise.
+int parseLevelText(const char* pszText) {
+    static const std::pair<const char*, int> kNames[] = {
+        {"error", 1}, {"warning", 4}, {"info", 5}, {"debug", 8}, {"trace", 9}};
+    for (const auto& [pszName, nLevel] : kNames) {
+        if (::strcasecmp(pszText, pszName) == 0) return nLevel;
+    }
+    char* pszEnd = nullptr;
+    const long nLevel = std::strtol(pszText, &pszEnd, 10);
+    if (pszEnd == pszText || *pszEnd != '\0' || nLevel < 0 || nLevel > 1000) return -1;
+    return static_cast<int>(nLevel);
+}
+
 }  // namespace
 
 struct OrvoLogging::Impl {
@@ -110,10 +125,14 @@ struct OrvoLogging::Impl {
 };
 
 OrvoLogging::OrvoLogging() : m_pImpl(new Impl) {
-    if (const char* pszLevel = std::getenv("OSUPT_LOG_LEVEL")) {
-        char* pszEnd = nullptr;
-        long nLevel = std::strtol(pszLevel, &pszEnd, 10);
-        if (pszEnd != pszLevel && *pszEnd == '\0') m_pImpl->nLevel.store(static_cast<int>(nLevel));
+    if (const char* pszLevel = std::getenv("OSUPT_LOG_LEVEL"); pszLevel != nullptr && *pszLevel != '\0') {
+        const int nLevel = parseLevelText(pszLevel);
+        if (nLevel >= 0) {
+            m_pImpl->nLevel.store(nLevel);
+        } else {
+            std::fprintf(stderr, "OrvoLogging: OSUPT_LOG_LEVEL=%s is not a level (error, warning, info, debug, "
+                                 "trace or a number), using %d\n", pszLevel, kDefaultLevel);
+        }
     }
     if (const char* pszFile = std::getenv("OSUPT_LOG_FILE"); pszFile != nullptr && *pszFile != '\0') {
         int fd = ::open(pszFile, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);

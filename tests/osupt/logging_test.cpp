@@ -111,8 +111,11 @@ TEST(LoggingEnvTest, LevelAndFileFromTheEnvironment) {
     EXPECT_EQ(helperLines(sDir, {sFile}, "app.log"),
               (std::vector<std::string>{"?earlier line", "level one 1", "from thread", "from static destructor"}));
     EXPECT_EQ(helperLines(sDir, {sFile}, "err"), std::vector<std::string>{});
-    EXPECT_EQ(helperLines(sDir, {"OSUPT_LOG_LEVEL=9"}, "err"),
-              (std::vector<std::string>{"level one 1", "level two true@2", "level nine@9", "from thread",
-                                        "from static destructor"}));
+    for (const char* pszLevel : {"OSUPT_LOG_LEVEL=9", "OSUPT_LOG_LEVEL=Trace"}) {
+        EXPECT_EQ(helperLines(sDir, {pszLevel}, "err"),
+                  (std::vector<std::string>{"level one 1", "level two true@2", "level nine@9", "from thread",
+                                            "from static destructor"}))
+            << pszLevel;
+    }
     std::filesystem::remove_all(sDir);
 }
