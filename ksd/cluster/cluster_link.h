@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "cluster/cluster_options.h"
 
@@ -49,8 +50,29 @@ struct ClusterState {
     std::int64_t dropped = 0;    // publications not sent or not taken (NATS unreachable, backlog full)
 };
 
+// A key-value bucket of the cluster, each key with its revision: where jobs
+// are kept (and locks will be). Every call is a round trip to the bucket's
+// stream leader, so it is only ever called from work run by runOnBucket().
+class ClusterBucket {
+public:
+    enum class Result { Ok, Exists, Conflict, NotFound, Unreachable };
+    virtual ~ClusterBucket() = default;
+    virtual Result get(const std::string& key, std::string& value, std::uint64_t& revision) = 0;
+    // Writes only a key that is absent (or deleted): Exists otherwise.
+    virtual Result create(const std::string& key, std::string_view value, std::uint64_t& revision) = 0;
+    // Writes only a key still at revision `last`: Conflict otherwise.
+    virtual Result update(const std::string& key, std::string_view value, std::uint64_t last,
+                          std::uint64_t& revision) = 0;
+    virtual Result erase(const std::string& key) = 0;
+    // The live keys that start with `prefix`.
+    virtual Result keys(std::string_view prefix, std::vector<std::string>& out) = 0;
+};
+
 class ClusterLink {
 public:
+    // Blocking work on a bucket; what it returns, if anything, is run on the loop.
+    using BucketWork = std::function<std::function<void()>(ClusterBucket&)>;
+
     using Receiver = std::function<void(const RemoteNotification&)>;
 
     virtual ~ClusterLink() = default;
@@ -65,6 +87,12 @@ public:
     virtual void forward(const ClusterTopic& topic, std::string_view sender, std::string_view text,
                          std::string_view payload, const ClusterAudience& audience = {}) = 0;
     virtual ClusterState state() const = 0;
+    // Runs `work` on the cluster's worker thread, one piece at a time in the
+    // order given, against the bucket `bucket` (made when missing, replicated
+    // on up to three servers). While NATS is unreachable every call answers
+    // Unreachable at once; a call NATS leaves unanswered does so within the
+    // write time-out.
+    virtual void runOnBucket(const std::string& bucket, BucketWork work) = 0;
 };
 
 // Connects to the cluster (in the background: the link exists at once and

@@ -26,19 +26,6 @@ bool takeU32(std::string_view& in, std::uint32_t& v) {
     return true;
 }
 
-void putField(std::string& out, std::string_view field) {
-    putU32(out, static_cast<std::uint32_t>(field.size()));
-    out.append(field);
-}
-
-bool takeField(std::string_view& in, std::string& field) {
-    std::uint32_t n = 0;
-    if (!takeU32(in, n) || in.size() < n) return false;
-    field.assign(in.substr(0, n));
-    in.remove_prefix(n);
-    return true;
-}
-
 }  // namespace
 
 std::string hexToken(std::string_view name) {
@@ -107,6 +94,19 @@ std::optional<WireNotification> decodeNotification(std::string_view body) {
         if (!takeField(body, *field)) return std::nullopt;
     if (!body.empty()) return std::nullopt;
     return n;
+}
+
+void putField(std::string& out, std::string_view field) {
+    putU32(out, static_cast<std::uint32_t>(field.size()));
+    out.append(field);
+}
+
+bool takeField(std::string_view& in, std::string& field) {
+    std::uint32_t n = 0;
+    if (!takeU32(in, n) || in.size() < n) return false;
+    field.assign(in.substr(0, n));
+    in.remove_prefix(n);
+    return true;
 }
 
 bool isPlainToken(std::string_view text) {

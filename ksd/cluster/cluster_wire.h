@@ -35,6 +35,11 @@ std::string encodeNotification(const WireNotification& n);
 // Empty optional for a body that is cut short or has bytes left over.
 std::optional<WireNotification> decodeNotification(std::string_view body);
 
+// Length-prefixed fields, for the bodies above and the records of buckets.
+void putField(std::string& out, std::string_view field);
+// False when `in` is cut short; takes the field off its front otherwise.
+bool takeField(std::string_view& in, std::string& field);
+
 // A cluster or family name must be one plain subject token.
 bool isPlainToken(std::string_view text);
 

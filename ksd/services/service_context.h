@@ -2,11 +2,13 @@
 #define KSD_SERVICES_SERVICE_CONTEXT_H
 
 // What the daemon hands every service it builds: the one event loop, the
-// event publisher (the Notifier) and the state directory (exists, writable).
+// event publisher (the Notifier), the state directory (exists, writable)
+// and, on a cluster node, the link to the other nodes.
 
 #include <asio/io_context.hpp>
 #include <filesystem>
 
+#include "cluster/cluster_link.h"
 #include "services/scheduler/scheduler_limits.h"
 #include "services/service.h"
 
@@ -17,6 +19,7 @@ struct ServiceContext {
     EventPublisher& events;
     std::filesystem::path stateDir;
     SchedulerLimits scheduler;
+    ClusterLink* cluster = nullptr;  // set when the node is in a cluster
 };
 
 }  // namespace ksd

@@ -3,6 +3,7 @@
 // subscribers want (restored subscriptions too), job events cross nodes,
 // and with NATS gone each node goes on serving its own host.
 #include <csignal>
+#include <set>
 
 #include "OrvoNotificationNetwork.h"
 #include "e2e_support.h"
@@ -25,6 +26,13 @@ protected:
         }
         // This process publishes on node A.
         ::setenv("KSINTF_CONN_TYPE", nodes_[0]->connType().c_str(), 1);
+        // A new JetStream cluster answers once it has elected its leaders; until then writes answer -11.
+        ASSERT_TRUE(kstest::waitUntil(
+            [&] {
+                return run(0, {"create", "warm-up", "d"}, kstest::clientHelperProgram())->waitForLine("create ") !=
+                       "create -11";
+            },
+            std::chrono::seconds(30)));
     }
 
     std::unique_ptr<kstest::ChildProcess> run(int node, const std::vector<std::string>& args,
@@ -119,7 +127,56 @@ TEST_F(ClusterEndToEnd, JobEventsReachARestoredSubscriberOnAnotherNode) {
     EXPECT_EQ(line.substr(0, 20), "js-event remote-job ") << "CREATED or UPDATED, heard on B";
 }
 
-TEST_F(ClusterEndToEnd, WithNatsGoneLocalDeliveryGoesOnAndRemotePublicationsAreDropped) {
+TEST_F(ClusterEndToEnd, JobsAreOneStoreWhateverTheNodeAsked) {
+    const std::string helper = kstest::clientHelperProgram();
+    const std::string id = run(0, {"create", "shared", "made on A"}, helper)->waitForLine("create ").substr(7);
+    ASSERT_GT(std::stol(id), 0);
+    EXPECT_EQ(run(1, {"create", "shared", "again on B"}, helper)->waitForLine("create "), "create -17");
+    auto worker = run(1, {"progress", id, "40", "progress", id, "150"}, helper);
+    EXPECT_EQ(worker->waitForLine("progress "), "progress 0");
+    EXPECT_EQ(worker->waitForLine("progress "), "progress -22");
+    EXPECT_NE(kstest::operatorQuery(nodes_[2]->connType(), "jobs").find("\"progress\":40,\"state\":\"running\""),
+              std::string::npos);
+    EXPECT_NE(kstest::operatorQuery(nodes_[2]->connType(), "jobs").find("\"node\":\"A\""), std::string::npos);
+    EXPECT_EQ(run(2, {"job", "cancel", "shared"})->wait(), 0);
+    EXPECT_NE(run(1, {"job", "progress", "shared", "50"})->wait(), 0) << "a cancelled job takes no progress";
+    EXPECT_EQ(run(1, {"job", "delete", "shared"})->wait(), 0);
+    const std::string again = run(2, {"create", "shared", "made on C"}, helper)->waitForLine("create ").substr(7);
+    EXPECT_GT(std::stol(again), std::stol(id)) << "the name is free again, the id is new";
+}
+
+TEST_F(ClusterEndToEnd, NoAcknowledgedJobIsLostWhenANatsServerIsKilled) {
+    std::vector<std::string> steps[2];
+    for (int i = 0; i < 40; ++i)
+        for (int n = 0; n < 2; ++n)
+            steps[n].insert(steps[n].end(), {"create", "k" + std::to_string(n) + "-" + std::to_string(i), "d"});
+    auto onA = run(0, steps[0], kstest::clientHelperProgram()), onB = run(1, steps[1], kstest::clientHelperProgram());
+    std::map<std::string, long> acknowledged;
+    std::set<long> ids;
+    for (int i = 0; i < 40; ++i) {
+        if (i == 10) nats_.kill(0);
+        if (i == 25) {
+            ASSERT_TRUE(nats_.start(0));
+        }
+        for (int n = 0; n < 2; ++n) {
+            const std::string line = (n == 0 ? onA : onB)->waitForLine("create ");
+            ASSERT_FALSE(line.empty());
+            const long id = std::stol(line.substr(7));
+            EXPECT_TRUE(id > 0 || id == -11) << line;
+            if (id <= 0) continue;
+            EXPECT_TRUE(ids.insert(id).second) << "id " << id << " handed out twice";
+            acknowledged["k" + std::to_string(n) + "-" + std::to_string(i)] = id;
+        }
+    }
+    // Right after a server's return a read may still answer EAGAIN: asked again, it must show every job.
+    std::string jobs;
+    kstest::waitUntil([&] { return !(jobs = kstest::operatorQuery(nodes_[2]->connType(), "jobs")).empty(); },
+                      std::chrono::seconds(30));
+    for (const auto& [name, id] : acknowledged)
+        EXPECT_NE(jobs.find("{\"id\":" + std::to_string(id) + ",\"name\":\"" + name + "\""), std::string::npos) << name;
+}
+
+TEST_F(ClusterEndToEnd, WithNatsGoneLocalDeliveryGoesOnAndJobWritesAnswerEagain) {
     nats_.killAll();
     ASSERT_TRUE(kstest::waitUntil([&] { return status(0, "cluster_connected") == 0; }));
     auto local = subscribe(0, "alone");
@@ -128,6 +185,7 @@ TEST_F(ClusterEndToEnd, WithNatsGoneLocalDeliveryGoesOnAndRemotePublicationsAreD
     ASSERT_TRUE(local->readLine(line));
     EXPECT_NE(line.find("text \"hello\""), std::string::npos);
     EXPECT_GE(status(0, "cluster_dropped"), 1);
+    EXPECT_EQ(run(0, {"create", "offline", "d"}, kstest::clientHelperProgram())->waitForLine("create "), "create -11");
 }
 
 }  // namespace

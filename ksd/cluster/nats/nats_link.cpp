@@ -15,6 +15,7 @@
 #include "OrvoLogging.h"
 #include "cluster/cluster_link.h"
 #include "cluster/cluster_wire.h"
+#include "cluster/nats/bucket_worker.h"
 #include "cluster/nats/inbox.h"
 
 namespace ksd {
@@ -27,9 +28,10 @@ using Clock = std::chrono::steady_clock;
 
 // Arrivals waiting for the loop; a loop that stalls this long loses the rest.
 constexpr std::size_t kInboxBound = 65536;
-// Bytes a publication may wait in libnats while it reconnects; we do not
-// publish while disconnected, this only covers the moment it drops.
-constexpr int kReconnectBufferBytes = 1 << 20;
+// Bytes libnats may keep while it reconnects: next to none, so that a write
+// made while the connection is down fails at once instead of going out
+// later, after its caller was told it failed.
+constexpr int kReconnectBufferBytes = 64;
 
 void check(natsStatus s, const char* what) {
     if (s != NATS_OK) throw std::runtime_error(std::string("cluster: ") + what + ": " + natsStatus_GetText(s));
@@ -83,12 +85,14 @@ public:
         connect();
         inbox_->setSink([this](Arrival& a) { arrived(a); });
         subscribe(cluster::allNodesSubject(options_.name), ClusterTopic{}, true);
+        worker_ = std::make_unique<cluster::BucketWorker>(io_, nc_, options_.name, options_.writeTimeout);
         beat();
     }
 
     ~NatsLink() override {
         beat_.cancel();
         inbox_->close();
+        worker_.reset();
         for (auto& [subject, sub] : subs_) natsSubscription_Destroy(sub);
         subs_.clear();
         natsConnection_Close(nc_);
@@ -139,6 +143,8 @@ public:
         s.dropped = dropped_ + inbox_->overflow();
         return s;
     }
+
+    void runOnBucket(const std::string& bucket, BucketWork work) override { worker_->run(bucket, std::move(work)); }
 
 private:
     void connect() {
@@ -231,6 +237,7 @@ private:
     Receiver receiver_;
     asio::steady_timer beat_;
     std::unordered_map<std::string, Clock::time_point> seen_;
+    std::unique_ptr<cluster::BucketWorker> worker_;
     std::int64_t forwarded_ = 0, received_ = 0, dropped_ = 0;
 };
 

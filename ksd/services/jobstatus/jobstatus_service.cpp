@@ -90,6 +90,9 @@ void JobStatusService::handle(Request& request) {
     Responder& responder = *request.responder;
 
     // Reading needs no identity.
+    if (cluster_ && r == "TRVX_JS_LOOKUP") return cluster_->lookup(f[0].text, answerLaterTo(request));
+    if (cluster_ && r == "TRVX_JS_GET_PROGRESS") return cluster_->progress(f[0].integer, answerLaterTo(request));
+    if (cluster_ && r == "TRVX_JS_GET_ALL_PROGRESS") return cluster_->count(answerLaterTo(request));
     if (r == "TRVX_JS_LOOKUP") return responder.reply(longReply(book_->lookup(f[0].text)));
     if (r == "TRVX_JS_GET_PROGRESS") return responder.reply(longReply(book_->progress(f[0].integer)));
     if (r == "TRVX_JS_GET_ALL_PROGRESS")
@@ -107,27 +110,50 @@ void JobStatusService::handle(Request& request) {
         if (description.size() > limits.maxDescriptionLength)
             return responder.fail(EMSGSIZE, "job description longer than " +
                                                 std::to_string(limits.maxDescriptionLength) + " bytes");
-        return answer(request, book_->create(description, jobName, uid));
+        if (cluster_) {
+            if (jobName.empty() || jobName.find('\0') != std::string::npos)
+                return responder.reply(longReply(-EINVAL));
+            return cluster_->create(description, jobName, uid, answerLaterTo(request));
+        }
+        return answer(responder, book_->create(description, jobName, uid));
     }
     if (r == "TRVX_JS_MAP_JOB") {
         std::vector<std::int64_t> appIds;
         appIds.reserve(f.size() - 2);
         for (std::size_t i = 2; i < f.size(); ++i) appIds.push_back(f[i].integer);
-        return answer(request, book_->mapAppIds(f[0].integer, std::move(appIds), uid));
+        if (cluster_) return cluster_->mapAppIds(f[0].integer, std::move(appIds), uid, answerLaterTo(request));
+        return answer(responder, book_->mapAppIds(f[0].integer, std::move(appIds), uid));
     }
-    if (r == "TRVX_JS_DELETE") return answer(request, book_->remove(f[0].integer, uid));
+    if (cluster_) {
+        const std::int64_t id = f[0].integer;
+        if (r == "TRVX_JS_DELETE") return cluster_->remove(id, uid, answerLaterTo(request));
+        if (r == "TRVX_JS_CANCEL") return cluster_->cancel(id, uid, answerLaterTo(request));
+        if (r == "TRVX_JS_SET_PROGRESS") {
+            if (f[1].integer < 0 || f[1].integer > 100) return responder.reply(longReply(-EINVAL));
+            return cluster_->setProgress(id, f[1].integer, uid, answerLaterTo(request));
+        }
+    }
+    if (r == "TRVX_JS_DELETE") return answer(responder, book_->remove(f[0].integer, uid));
     if (r == "TRVX_JS_SET_PROGRESS") {
-        answer(request, book_->setProgress(f[0].integer, f[1].integer, uid));
+        answer(responder, book_->setProgress(f[0].integer, f[1].integer, uid));
         return applySoon();
     }
-    if (r == "TRVX_JS_CANCEL") return answer(request, book_->cancel(f[0].integer, uid));
+    if (r == "TRVX_JS_CANCEL") return answer(responder, book_->cancel(f[0].integer, uid));
     responder.fail(ENOSYS, "JobStatus does not serve " + r);
 }
 
-void JobStatusService::answer(Request& request, const Outcome& outcome) {
+void JobStatusService::answer(Responder& responder, const Outcome& outcome) {
     // The caller hears of its change before subscribers do; both follow the store.
-    request.responder->reply(longReply(outcome.reply));
+    responder.reply(longReply(outcome.reply));
     publish(outcome);
+}
+
+jobs::ClusterJobs::Done JobStatusService::answerLaterTo(const Request& request) {
+    return [this, responder = request.responder](Outcome outcome) { answer(*responder, outcome); };
+}
+
+void JobStatusService::useCluster(ClusterLink& link) {
+    cluster_ = std::make_unique<jobs::ClusterJobs>(link, book_->limits());
 }
 
 void JobStatusService::publish(const Outcome& outcome) {
@@ -154,6 +180,13 @@ bool JobStatusService::answerLater(std::string_view what, const PeerInfo& asker,
     (void)asker;  // every user may read every job
     const auto after = pageAfter(what, "jobs");
     if (!after) return false;
+    if (cluster_) {
+        cluster_->page(*after, [responder](std::string json) {
+            if (json.empty()) return responder->fail(EAGAIN, "the cluster's job store cannot be reached");
+            responder->reply(stringReply(json));
+        });
+        return true;
+    }
     applyLogged();  // the page shows every change already answered
     lister_->answer(*after, responder);
     return true;

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "services/jobstatus/cluster_jobs.h"
 #include "services/jobstatus/job_book.h"
 #include "services/jobstatus/job_lister.h"
 #include "services/jobstatus/job_store.h"
@@ -41,10 +42,14 @@ public:
                      const std::shared_ptr<Responder>& responder) override;
 
     const jobs::JobBook& book() const { return *book_; }
+    // From now on jobs are the cluster's, kept in its replicated bucket; the
+    // node's own database is no longer read or written.
+    void useCluster(ClusterLink& link);
 
 private:
     void publish(const jobs::Outcome& outcome);
-    void answer(Request& request, const jobs::Outcome& outcome);
+    void answer(Responder& responder, const jobs::Outcome& outcome);
+    jobs::ClusterJobs::Done answerLaterTo(const Request& request);
     // Progress reaches the database in batches, a short while after the log.
     void applySoon();
     void applyLogged() const;
@@ -54,6 +59,7 @@ private:
     std::unique_ptr<jobs::JobStore> store_;
     std::unique_ptr<jobs::JobBook> book_;
     std::unique_ptr<jobs::JobLister> lister_;
+    std::unique_ptr<jobs::ClusterJobs> cluster_;
     asio::steady_timer applyTimer_;
     bool applyArmed_ = false;
     FieldPlan stringPlan_, twoStringPlan_, idPlan_, twoLongPlan_, emptyPlan_, mapPlan_;

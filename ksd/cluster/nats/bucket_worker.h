@@ -1,0 +1,59 @@
+#ifndef KSD_CLUSTER_NATS_BUCKET_WORKER_H
+#define KSD_CLUSTER_NATS_BUCKET_WORKER_H
+
+// The thread that does the cluster's blocking key-value calls, one piece of
+// work at a time in the order handed in, so the event loop never waits for
+// a replicated write. Each piece's completion goes back to the loop.
+
+#include <nats/nats.h>
+
+#include <asio/io_context.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "cluster/cluster_link.h"
+
+namespace ksd::cluster {
+
+class BucketWorker {
+public:
+    // `nc` outlives the worker. Buckets are named "<prefix>-<name>".
+    BucketWorker(asio::io_context& io, natsConnection* nc, std::string prefix, std::chrono::milliseconds timeout);
+    // Stops and joins; work not begun yet is dropped, its completion never posted.
+    ~BucketWorker();
+    BucketWorker(const BucketWorker&) = delete;
+    BucketWorker& operator=(const BucketWorker&) = delete;
+
+    void run(const std::string& bucket, ClusterLink::BucketWork work);
+
+private:
+    struct Task {
+        std::string bucket;
+        ClusterLink::BucketWork work;
+    };
+    void loop();
+    // The open store of a bucket, made when missing; null when NATS did not answer.
+    kvStore* open(const std::string& bucket);
+    bool leaderReads(const std::string& name);
+
+    asio::io_context& io_;
+    natsConnection* nc_;
+    const std::string prefix_;
+    const std::chrono::milliseconds timeout_;
+    jsCtx* js_ = nullptr;                   // worker only
+    std::map<std::string, kvStore*> open_;  // worker only
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<Task> queue_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+}  // namespace ksd::cluster
+
+#endif
