@@ -1,0 +1,150 @@
+// Cluster figures in one run, each beside its one-host counterpart: publish
+// → callback p50/p99 at a fixed rate with the publisher on another node and
+// on the subscriber's own node, and sequential job create and progress
+// rates against the replicated bucket and against a ksd alone. It starts a
+// three-server NATS cluster (nats-server from the PATH or Debian's), three
+// ksd nodes and one ksd without --cluster.
+// Usage: cluster_bench [rate/s] [seconds]
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "OrvoCodec.h"
+#include "OrvoNotificationNetwork.h"
+#include "fake_daemon.h"
+#include "ksd_process.h"
+#include "nats_cluster.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::mutex g_mutex;
+std::vector<long> g_latencyNs;
+std::atomic<long> g_received{0};
+
+long nowNs() { return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count(); }
+
+void onNotification(const char*, OrvoNNNotification* n) {
+    const long sent = std::strtol(n->m_pszData, nullptr, 10);
+    const long latency = nowNs() - sent;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    if (sent > 0) g_latencyNs.push_back(latency);
+    g_received.fetch_add(1);
+}
+
+double percentileUs(std::vector<long> v, double p) {
+    if (v.empty()) return 0;
+    const auto k = static_cast<std::size_t>(p * static_cast<double>(v.size() - 1));
+    std::nth_element(v.begin(), v.begin() + static_cast<long>(k), v.end());
+    return static_cast<double>(v[k]) / 1000.0;
+}
+
+bool request(kstest::WireClient& c, const std::string& bytes, std::int64_t& reply) {
+    return c.send(bytes) && c.readReply(reply, 10000);
+}
+
+bool notify(kstest::WireClient& c, const std::string& event, const std::string& text) {
+    std::int64_t reply = 0;
+    return request(c,
+                   kstest::requestWire("Notifier", "TRVX_NN_NOTIFY")
+                       .addString("bench")
+                       .addString(event)
+                       .addString(text)
+                       .addLong(0),
+                   reply);
+}
+
+// Publishes at `rate` for `seconds` on `publisher`; the subscriber is this process.
+void latencyRow(const char* label, const std::string& publisher, const std::string& event, int rate, int seconds) {
+    kstest::WireClient c;
+    if (!c.connect(publisher)) return (void)std::printf("%s: cannot connect\n", label);
+    // Until the first one arrives, the subscription may not have reached every server.
+    for (int i = 0; i < 500 && g_received.load() == 0; ++i) {
+        notify(c, event, "0");
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        g_latencyNs.clear();
+    }
+    const long before = g_received.load();
+    const long total = static_cast<long>(rate) * seconds;
+    const auto interval = std::chrono::nanoseconds(1'000'000'000L / std::max(rate, 1));
+    const auto start = Clock::now();
+    for (long i = 0; i < total; ++i) {
+        std::this_thread::sleep_until(start + i * interval);
+        notify(c, event, std::to_string(nowNs()));
+    }
+    const auto end = Clock::now() + std::chrono::seconds(5);
+    while (g_received.load() - before < total && Clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::lock_guard<std::mutex> lock(g_mutex);
+    std::printf("%-34s %8ld/%-8ld %9.0f %9.0f\n", label, static_cast<long>(g_latencyNs.size()), total,
+                percentileUs(g_latencyNs, 0.5), percentileUs(g_latencyNs, 0.99));
+    g_received = 0;
+}
+
+// Sequential creates, then progress on the last job, each for `seconds`.
+void jobRow(const char* label, const std::string& node, int seconds) {
+    kstest::WireClient c;
+    if (!c.connect(node)) return (void)std::printf("%s: cannot connect\n", label);
+    const std::string prefix = std::string(label).substr(0, 4) + std::to_string(nowNs()) + "-";
+    std::int64_t id = 0, reply = 0;
+    long created = 0, failed = 0, progressed = 0;
+    auto end = Clock::now() + std::chrono::seconds(seconds);
+    const auto t0 = Clock::now();
+    while (Clock::now() < end) {
+        const auto w = kstest::requestWire("JobStatus", "TRVX_JS_CREATE")
+                           .addString("bench")
+                           .addString(prefix + std::to_string(created + failed));
+        if (!request(c, w, reply)) break;
+        reply > 0 ? (id = reply, ++created) : ++failed;
+    }
+    const double createS = std::chrono::duration<double>(Clock::now() - t0).count();
+    end = Clock::now() + std::chrono::seconds(seconds);
+    const auto t1 = Clock::now();
+    while (id > 0 && Clock::now() < end) {
+        const auto w =
+            kstest::requestWire("JobStatus", "TRVX_JS_SET_PROGRESS").addLong(id).addLong(1 + progressed % 99);
+        if (!request(c, w, reply)) break;
+        reply == 0 ? ++progressed : ++failed;
+    }
+    const double progressS = std::chrono::duration<double>(Clock::now() - t1).count();
+    std::printf("%-34s %10.0f %12.0f %8ld\n", label, static_cast<double>(created) / createS,
+                static_cast<double>(progressed) / progressS, failed);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int rate = argc > 1 ? std::atoi(argv[1]) : 1000;
+    const int seconds = argc > 2 ? std::atoi(argv[2]) : 3;
+    kstest::NatsCluster nats;
+    if (!nats.up()) return std::fprintf(stderr, "NATS cluster did not start\n"), 1;
+    kstest::KsdProcess nodes[3], alone;
+    for (int i = 0; i < 3; ++i)
+        if (!nodes[i].start({"--cluster", nats.urls(), "--node", std::string(1, char('A' + i))}))
+            return std::fprintf(stderr, "ksd node did not start: %s\n", nodes[i].log().c_str()), 1;
+    if (!alone.start()) return std::fprintf(stderr, "ksd did not start\n"), 1;
+
+    ::setenv("KSINTF_CONN_TYPE", nodes[1].connType().c_str(), 1);  // this process subscribes on B
+    const std::string event = "bench.cluster." + std::to_string(::getpid());
+    if (OrvoNNRegisterForNotification(event.c_str(), onNotification, nullptr) < 0)
+        return std::fprintf(stderr, "register failed\n"), 1;
+    std::printf("publish -> callback at %d/s for %d s  %17s %9s %9s\n", rate, seconds, "got/sent", "p50 us", "p99 us");
+    latencyRow("same node (B -> B)", nodes[1].connType(), event, rate, seconds);
+    latencyRow("across nodes (A -> B)", nodes[0].connType(), event, rate, seconds);
+
+    std::printf("\njobs, one client, sequential  %15s %12s %8s\n", "creates/s", "progress/s", "failed");
+    jobRow("one host (no --cluster)", alone.connType(), seconds);
+    jobRow("cluster, R3 bucket (node A)", nodes[0].connType(), seconds);
+    return 0;
+}
