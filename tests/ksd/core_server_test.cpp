@@ -122,6 +122,21 @@ TEST(CoreServer, MalformedInputGetsOneErrorValueAtOnceAndTheConnectionCloses) {
     EXPECT_TRUE(echoWorks(server.address()));
 }
 
+// The rest of a refused request is read and dropped, but only up to a bound.
+TEST(CoreServer, WhatFollowsARefusedRequestIsDrainedOnlyUpToItsBound) {
+    TestServer server([](ksd::DaemonOptions& o) {
+        o.server.errorDrainBytes = 64 * 1024;
+        o.server.errorDrainTime = std::chrono::minutes(1);
+    });
+    WireClient client;
+    ASSERT_TRUE(client.connect(server.address()));
+    ASSERT_EQ(roundTrip(client, requestWire("Test", "BLOB").addLong((64LL << 20) + 1)).error, EMSGSIZE);
+    const std::string junk(16 * 1024, 'j');
+    bool open = true;
+    for (int i = 0; i < 256 && open; ++i) open = client.send(junk);
+    EXPECT_FALSE(open) << "still draining after 4 MiB";
+}
+
 TEST(CoreServer, HalfARequestThenSilenceIsCutOffButAnIdleConnectionStays) {
     TestServer server([](ksd::DaemonOptions& o) { o.server.requestTimeout = std::chrono::milliseconds(150); });
     WireClient idle, half;

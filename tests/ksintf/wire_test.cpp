@@ -4,6 +4,7 @@
 // protocols of text and blob replies, and pushed events reaching the caller.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
 #include <functional>
 #include <mutex>
@@ -262,6 +263,18 @@ TEST_F(WireTest, AnErrorValueLetsTheNextRequestSucceedAtOnce) {
     EXPECT_EQ(OrvoNNNotify("second", &plain), 3);
     ASSERT_EQ(m_daemon.requestCount(), 2u);
     EXPECT_NE(m_daemon.request(1).connection, m_daemon.request(0).connection);
+}
+
+// A reply later than KSINTF_REPLY_TIMEOUT_MS is not waited for, though it would come.
+TEST_F(WireTest, AReplyPastTheConfiguredBoundIsNotWaitedFor) {
+    ScopedEnv bound("KSINTF_REPLY_TIMEOUT_MS", "100");
+    Script late = scriptFor("JobStatus TRVX_JS_LOOKUP s:", "");
+    late.replyFn = [](const Request&) {
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        return Wire().addLong(7).bytes();
+    };
+    m_daemon.expect(late);
+    EXPECT_EQ(OrvoJSELookupJob("late"), -ETIMEDOUT);
 }
 
 // Bad arguments are refused with their codes before any connection is made;
