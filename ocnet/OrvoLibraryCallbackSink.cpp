@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -100,6 +102,21 @@ FrameStatus parseFrame(const char* p, std::size_t nAvail, int& nId, std::size_t&
     return FrameStatus::complete;
 }
 
+constexpr int kNameTries = 4;
+
+// 64 bits from the kernel's generator, as hex.
+std::string randomHex() {
+    std::uint64_t nBits = 0;
+    for (std::size_t nGot = 0; nGot < sizeof nBits;) {
+        const ssize_t n = ::getrandom(reinterpret_cast<char*>(&nBits) + nGot, sizeof nBits - nGot, 0);
+        if (n < 0 && errno != EINTR) throw OrvoException("OrvoLibraryCallbackSink: getrandom failed", errno);
+        if (n > 0) nGot += static_cast<std::size_t>(n);
+    }
+    char sz[17];
+    std::snprintf(sz, sizeof sz, "%016llx", static_cast<unsigned long long>(nBits));
+    return sz;
+}
+
 int listenOn(bool bTcp, const std::string& sName, int& nPort) {
     const int fd = ::socket(bTcp ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return -1;
@@ -141,13 +158,18 @@ OrvoString OrvoLibraryCallbackSink::getCallbackAddress() {
 }
 
 void OrvoLibraryCallbackSink::startListener() {
-    static std::atomic<int> s_nSinkCounter{0};
     const char* pszType = std::getenv("OCNET_CALLBACK_TYPE");
     const bool bTcp = pszType && std::strcmp(pszType, "socket") == 0;
-    const std::string sName =
-        "ksintf-cb-" + std::to_string(::getpid()) + "-" + std::to_string(s_nSinkCounter.fetch_add(1) + 1);
+    // A name another user could guess could be bound before us; a taken
+    // one (unlikely with 64 random bits) is retried with a fresh name.
+    std::string sName;
     int nPort = 0;
-    const int fd = listenOn(bTcp, sName, nPort);
+    int fd = -1;
+    for (int nTry = 0; nTry < kNameTries && fd < 0; ++nTry) {
+        sName = "ksintf-cb-" + std::to_string(::getpid()) + "-" + randomHex();
+        fd = listenOn(bTcp, sName, nPort);
+        if (fd < 0 && errno != EADDRINUSE) break;
+    }
     if (fd < 0) {
         const int nCode = errno;
         throw OrvoException(OrvoString("OrvoLibraryCallbackSink: cannot listen for callbacks: ") + std::strerror(nCode),

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 namespace OrvoNet {
@@ -95,6 +96,15 @@ bool unixPeerCredentials(int fd, OrvoPeerCredentials& credentials) {
     credentials.m_nPid = cred.pid;
     credentials.m_nUid = static_cast<long>(cred.uid);
     return true;
+}
+
+bool isTrustedDaemonUid(long nUid) {
+    if (nUid == 0 || nUid == static_cast<long>(::geteuid())) return true;
+    const char* pszNamed = std::getenv("KSINTF_DAEMON_UID");
+    if (pszNamed == nullptr || *pszNamed == '\0') return false;
+    char* pszEnd = nullptr;
+    const long nNamed = std::strtol(pszNamed, &pszEnd, 10);
+    return *pszEnd == '\0' && nNamed >= 0 && nNamed == nUid;
 }
 
 long daemonUid() { return g_nDaemonUid.load(); }

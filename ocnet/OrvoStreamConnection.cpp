@@ -10,11 +10,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 
 #include "OrvoException.h"
+#include "OrvoLogging.h"
 #include "OrvoPeerCredentials.h"
 
 namespace OrvoNet {
@@ -38,6 +40,12 @@ int sendAll(int fd, const char* p, std::size_t n, long& nCalls) {
         n -= static_cast<std::size_t>(nSent);
     }
     return 0;
+}
+
+// A refused listener usually stays where it is: one line per uid, not one per call.
+void logRefusalOnce(long nUid, const OrvoString& sMessage) {
+    static std::atomic<long> s_nLastLogged{-2};
+    if (s_nLastLogged.exchange(nUid) != nUid) ORVO_LOG(1, "OrvoStreamConnection::establishImpl: refused: " << sMessage);
 }
 
 void closeKeepingErrno(int fd) {
@@ -92,12 +100,23 @@ int OrvoStreamConnection::establishImpl(OrvoString& sExceptionMessage) {
         sExceptionMessage = sWhat + ": " + std::strerror(nCode);
         return nCode;
     }
+    // Not a byte goes to a listener that is not the daemon's: while ksd is
+    // down anyone may bind its name. The one who answers is then the uid
+    // pushes are accepted from (besides root).
+    OrvoPeerCredentials peer;
+    const bool bKnown = opensUnixSockets() ? unixPeerCredentials(fd, peer) : peerCredentials(fd, peer);
+    if (!bKnown || !isTrustedDaemonUid(peer.m_nUid)) {
+        ::close(fd);
+        const OrvoString sWho =
+            bKnown ? "runs as uid " + std::to_string(peer.m_nUid) : OrvoString("has no known owner");
+        sExceptionMessage = sWhat + ": the listener " + sWho + ", neither root nor uid " + std::to_string(::geteuid()) +
+                            " (KSINTF_DAEMON_UID names another daemon uid)";
+        logRefusalOnce(peer.m_nUid, sExceptionMessage);
+        return EACCES;
+    }
+    noteDaemonUid(peer.m_nUid);
     m_fd = fd;
     applyReceiveTimeout();
-    // The one who answers our requests is the daemon: pushes are accepted
-    // only from its uid (or root).
-    OrvoPeerCredentials peer;
-    if (opensUnixSockets() ? unixPeerCredentials(fd, peer) : peerCredentials(fd, peer)) noteDaemonUid(peer.m_nUid);
     if (m_in.size() < kInputBufferSize) m_in.resize(kInputBufferSize);
     return 0;
 }

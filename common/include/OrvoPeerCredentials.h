@@ -19,8 +19,14 @@ ORVO_NET_API bool peerCredentials(int fd, OrvoPeerCredentials& credentials);
 // The same for a socket known to be a Unix one: no call to learn its family.
 ORVO_NET_API bool unixPeerCredentials(int fd, OrvoPeerCredentials& credentials);
 
+// Whether a listener of uid nUid may answer as the daemon: root, the calling
+// user, or the uid KSINTF_DAEMON_UID names (a daemon run under its own
+// account). Anyone else could have bound the daemon's name while it was down.
+ORVO_NET_API bool isTrustedDaemonUid(long nUid);
+
 // The daemon's uid as seen on the library's own request connections (every
-// stream connection notes it when it opens); -1 until one was opened.
+// stream connection notes it when it opens, once it proved trusted); -1
+// until one was opened.
 ORVO_NET_API long daemonUid();
 ORVO_NET_API void noteDaemonUid(long nUid);
 

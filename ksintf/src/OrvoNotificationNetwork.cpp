@@ -74,6 +74,9 @@ int _OrvoNNRegisterForNotification(const char* pszEventName, PFNNNotificationCal
         pCallback->setCallback(pfNotificationCallback, pContext);
     }
     try {
+        // The sink listens before the request starts: a sink that cannot
+        // listen fails the call at once, not half a request left unanswered.
+        KSIntfLibrary::getInstance().getCallbackAddress();
         OrvoLibraryConnection connection(kServiceName, "TRVX_NN_REGISTER");
         connection.transfer(sEventName);
         const int handle = connection.registerCallback(spCallback);

@@ -3,10 +3,13 @@
 // stream, failed writes and connects, reopening; then whole requests over the
 // real pipe and TCP transports against the fake daemon.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -15,6 +18,8 @@
 #include "OrvoPeerCredentials.h"
 #include "OrvoStreamConnection.h"
 #include "fake_daemon.h"
+#include "other_user.h"
+#include "wait_until.h"
 
 using kstest::Wire;
 using OrvoNet::OrvoString;
@@ -254,3 +259,50 @@ TEST_P(Exchange, RequestsSurviveACutReplyAndADaemonRestart) {
 
 INSTANTIATE_TEST_SUITE_P(Transports, Exchange, ::testing::Values(kstest::Transport::pipe, kstest::Transport::tcp),
                          [](const auto& info) { return info.param == kstest::Transport::pipe ? "pipe" : "tcp"; });
+
+// Another user binds the daemon's name while it is down: not a byte goes to
+// it, its uid is not taken for the daemon's (its pushes stay refused), and
+// only a uid the caller names in KSINTF_DAEMON_UID is talked to.
+TEST(Impostor, AListenerOfAnotherUidGetsNothingUnlessNamed) {
+    const std::string sName = kstest::uniqueName("kstest-impostor");
+    auto impostor = kstest::OtherUser::start([sName](kstest::OtherUser::Keep&) {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un a;
+        const unsigned nLen = OrvoNet::pipeAddress(sName, &a);
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), nLen) != 0 || ::listen(fd, 4) != 0) return std::string("no");
+        std::string sGot;
+        for (int i = 0; i < 3; ++i) {
+            pollfd p{fd, POLLIN, 0};
+            if (::poll(&p, 1, 10000) != 1) return sGot + "none";
+            const int c = ::accept(fd, nullptr, nullptr);
+            std::size_t nBytes = 0;
+            char buf[256];
+            for (ssize_t n; (n = ::recv(c, buf, sizeof buf, 0)) > 0;) nBytes += static_cast<std::size_t>(n);
+            ::close(c);
+            sGot += std::to_string(nBytes) + " ";
+        }
+        return sGot;
+    });
+    if (!impostor) GTEST_SKIP() << "needs root to act as another user";
+    ASSERT_TRUE(kstest::waitUntil([&] {
+        std::ifstream unix("/proc/net/unix");
+        return std::string(std::istreambuf_iterator<char>(unix), {}).find("@" + sName) != std::string::npos;
+    }));
+    OrvoNet::noteDaemonUid(-7);
+    {
+        OrvoNet::OrvoPipeConnection conn(sName);
+        OrvoString sMessage;
+        EXPECT_EQ(conn.establishImpl(sMessage), EACCES);
+        EXPECT_NE(sMessage.find("runs as uid 65534"), std::string::npos) << sMessage;
+        EXPECT_EQ(codeOf([&] { conn.transfer(OrvoString("secret")); }), EACCES);
+        EXPECT_EQ(OrvoNet::daemonUid(), -7);
+    }
+    {
+        kstest::ScopedEnv env("KSINTF_DAEMON_UID", "65534");
+        OrvoNet::OrvoPipeConnection conn(sName);
+        conn.transfer(OrvoString("named"));
+        conn.flush();
+        EXPECT_EQ(OrvoNet::daemonUid(), 65534);
+    }
+    EXPECT_EQ(impostor->result(), "0 0 " + std::to_string(Wire().addString("named").bytes().size()) + " ");
+}

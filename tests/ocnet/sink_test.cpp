@@ -3,6 +3,8 @@
 // listener serving the next frame; destruction stops and joins it. Then the
 // callback objects and their container.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@
 #include "OrvoLibraryCallbackSink.h"
 #include "OrvoPayloadConnection.h"
 #include "OrvoPeerCredentials.h"
+#include "OrvoStreamConnection.h"
 #include "fake_daemon.h"
 
 using kstest::Wire;
@@ -194,6 +197,30 @@ TEST_P(SinkTest, StopAndDestructionCloseTheListener) {
     EXPECT_FALSE(m_sink->isRunning());
     EXPECT_TRUE(push.waitPeerClosed());  // the listener and its connections are gone
     EXPECT_FALSE(WireClient().connect(sAddress));
+}
+
+// Another user may bind every name it can guess before we start: sink names
+// carry a random part, so the sink still listens, on a name nobody guessed.
+TEST(SinkNames, NamesBoundInAdvanceDoNotKeepTheSinkFromListening) {
+    std::vector<int> squatted;
+    for (int n = 1; n <= 64; ++n) {
+        sockaddr_un a;
+        const unsigned nLen =
+            OrvoNet::pipeAddress("ksintf-cb-" + std::to_string(getpid()) + "-" + std::to_string(n), &a);
+        squatted.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(bind(squatted.back(), reinterpret_cast<sockaddr*>(&a), nLen), 0);
+    }
+    OrvoNet::OrvoLibraryCallbackSink first("first"), second("second");
+    std::string sFirst, sSecond;
+    ASSERT_NO_THROW(sFirst = first.getCallbackAddress());
+    ASSERT_NO_THROW(sSecond = second.getCallbackAddress());
+    const std::string sStem = "pipe:ksintf-cb-" + std::to_string(getpid()) + "-";
+    for (const std::string& s : {sFirst, sSecond}) {
+        ASSERT_EQ(s.rfind(sStem, 0), 0u) << s;
+        EXPECT_EQ(s.size() - sStem.size(), 16u) << "64 random bits: " << s;
+    }
+    EXPECT_NE(sFirst, sSecond);
+    for (int fd : squatted) close(fd);
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, SinkTest, ::testing::Values("", "socket"),

@@ -128,8 +128,10 @@ int reportFailure(const GlobalOptions& options, const std::string& subject, cons
         case QueryAnswer::Outcome::Refused:
             return reportError(subject + ": ksd says: " + oneLine(answer.text), kExitRefused);
         case QueryAnswer::Outcome::Unreachable:
+            // A refused listener is named by its uid: the operator sees who holds the name.
             return reportError("cannot reach ksd at " + describeDaemon() + ": " + transportWords(-answer.code) + " (" +
-                                   std::to_string(-answer.code) + ")",
+                                   std::to_string(-answer.code) + ")" +
+                                   (answer.code == EACCES ? ": " + oneLine(answer.text) : std::string()),
                                kExitUnreachable);
         case QueryAnswer::Outcome::NoAnswer:
             return reportError(
