@@ -21,7 +21,7 @@ Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     if (cluster_) notifier->joinCluster(*cluster_);
     notifier_ = notifier.get();
     registry_.add(std::move(notifier));
-    ServiceContext context{io_, *notifier_, options_.stateDir, options_.scheduler, cluster_.get()};
+    ServiceContext context{io_, *notifier_, options_.stateDir, options_.scheduler, cluster_.get(), options_.jobs};
     registerServices(registry_, context);
 
     registry_.add(std::make_unique<OperatorService>(registry_, [this]() -> std::vector<StatusItem> {

@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
     limits->add_option("--root-reserve", server.rootReserve, "connections kept for root")->capture_default_str();
     limits
         ->add_option("--max-connections-per-user", server.maxConnectionsPerUser,
-                     "connections of one user (all TCP clients are one user; root is exempt)")
+                     "connections of one user (a TCP client counts for its socket's owner; root is exempt)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     limits
@@ -181,6 +181,21 @@ int main(int argc, char** argv) {
                      "subscriptions of one user (root is exempt)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
+    limits->add_option("--max-push-bytes-per-user", options.notifier.maxQueuedBytesPerUser,
+                       "bytes of notifications queued for one user's subscribers, all addresses together (root "
+                       "is exempt; beyond: that user's notifications are dropped and counted)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits->add_option("--max-jobs-per-user", options.jobs.maxJobsPerUser,
+                       "live jobs of one user (root is exempt; beyond: -122)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits->add_option("--max-jobs", options.jobs.maxJobs,
+                       "live jobs in all; the last --job-root-reserve of them are for root (beyond: -28)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    limits->add_option("--job-root-reserve", options.jobs.rootReserve, "live jobs kept for root")
+        ->capture_default_str();
     app.set_version_flag("--version", std::string("ksd ") + KS_VERSION + " (protocol " +
                                           std::to_string(OrvoNet::Protocol::kProtocolVersion) + ")");
     CLI11_PARSE(app, argc, argv);

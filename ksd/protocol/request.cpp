@@ -5,7 +5,7 @@
 namespace ksd {
 
 std::string peerText(const PeerInfo& peer) {
-    if (!peer.isUnix) return "a TCP client";
+    if (!peer.isUnix) return peer.tcpOwnerKnown ? "a TCP client of uid " + std::to_string(peer.uid) : "a TCP client";
     return "pid " + std::to_string(peer.pid) + " uid " + std::to_string(peer.uid);
 }
 

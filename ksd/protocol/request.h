@@ -20,21 +20,27 @@ namespace ksd {
 
 using Value = OrvoNet::Codec::Value;
 
-// Who sent a request. A TCP client has no identity (isUnix false).
+// Who sent a request. A Unix client is known by its peer credentials; a
+// loopback TCP client by the owner of its socket (no pid), when the kernel
+// tells it.
 struct PeerInfo {
     bool isUnix = false;
+    bool tcpOwnerKnown = false;
     pid_t pid = -1;
     uid_t uid = static_cast<uid_t>(-1);
     gid_t gid = static_cast<gid_t>(-1);
     std::uint64_t connectionId = 0;  // unique per accepted connection
 };
 
-// Root on a Unix socket: trusted, and bound by none of the per-user limits.
-// A TCP client is never root, whatever its uid field says.
-inline bool isRoot(const PeerInfo& peer) { return peer.isUnix && peer.uid == 0; }
+// Whether `uid` is the kernel's word. A client without it is nobody: it may
+// publish and read, nothing else.
+inline bool isIdentified(const PeerInfo& peer) { return peer.isUnix || peer.tcpOwnerKnown; }
 
-// "pid P uid U" for a Unix client, "a TCP client" otherwise: log lines about a
-// client say who it is.
+// Root, known as such: trusted, and bound by none of the per-user limits.
+inline bool isRoot(const PeerInfo& peer) { return isIdentified(peer) && peer.uid == 0; }
+
+// "pid P uid U" for a Unix client, "a TCP client [of uid U]" otherwise: log
+// lines about a client say who it is.
 std::string peerText(const PeerInfo& peer);
 
 // The next field a request carries. Raw fields are `rawLength` untagged

@@ -66,6 +66,11 @@ void Server::onAccept(GenericSocket socket, bool isUnix) {
     } else {
         int one = 1;
         ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        // On loopback the kernel knows who owns the client's socket.
+        if (auto owner = loopbackPeerOwner(socket.native_handle())) {
+            peer.tcpOwnerKnown = true;
+            peer.uid = *owner;
+        }
     }
     const auto admission = manager_.admit(peer);
     if (admission != ConnectionManager::Admission::Accept) {
@@ -95,7 +100,7 @@ void Server::refuse(GenericSocket& socket, const PeerInfo& peer, bool overUserLi
     }
     if (const auto count = refusals_.refused(peer.uid)) {
         ORVO_LOG(4, "ksd: " << (overUserLimit ? "connection limit of " : "daemon connection cap reached, refused ")
-                            << (peer.isUnix ? "uid " + std::to_string(peer.uid) : std::string("TCP clients"))
+                            << (isIdentified(peer) ? "uid " + std::to_string(peer.uid) : std::string("TCP clients"))
                             << (overUserLimit ? " reached" : "") << " (pid " << static_cast<int>(peer.pid) << "): "
                             << static_cast<unsigned long>(*count) << " connection(s) refused since the last such line");
     }

@@ -46,7 +46,7 @@ void registerServices(Registry& registry, ServiceContext& context) {
     auto arbiter = std::make_unique<ArbiterService>(context.io, context.events);
     arbiter->restoreFrom(std::make_unique<LockStore>(context.stateDir));
     registry.add(std::move(arbiter));
-    auto jobs = std::make_unique<JobStatusService>(context.io, context.events, context.stateDir);
+    auto jobs = std::make_unique<JobStatusService>(context.io, context.events, context.stateDir, context.jobLimits);
     if (context.cluster != nullptr) jobs->useCluster(*context.cluster);
     registry.add(std::move(jobs));
     registry.add(std::make_unique<SchedulerService>(context.io, context.events, context.stateDir, context.scheduler));

@@ -3,13 +3,15 @@
 
 // What the daemon hands every service it builds: the one event loop, the
 // event publisher (the Notifier), the state directory (exists, writable)
-// and, on a cluster node, the link to the other nodes.
+// and, on a cluster node, the link to the other nodes; and the limits the
+// operator set.
 
 #include <asio/io_context.hpp>
 #include <filesystem>
 
 #include "cluster/cluster_link.h"
 #include "services/scheduler/scheduler_limits.h"
+#include "services/jobstatus/job.h"
 #include "services/service.h"
 
 namespace ksd {
@@ -20,6 +22,7 @@ struct ServiceContext {
     std::filesystem::path stateDir;
     SchedulerLimits scheduler;
     ClusterLink* cluster = nullptr;  // set when the node is in a cluster
+    jobs::JobLimits jobLimits;
 };
 
 }  // namespace ksd

@@ -370,7 +370,7 @@ TEST_F(KsctlCli, OverTcpSubscriptionsWorkAndRefusalsSayWhy) {
     ASSERT_TRUE(waitUntil([&] { return run({"publish", "over-tcp"}).out == "over-tcp: queued for 1 subscriber\n"; }));
     const RunResult got = subscriber.wait();
     EXPECT_EQ(got.exitCode, 0) << got.err;
-    const RunResult refused = runKsctl({"--tcp-port", port, "job", "create", "remote"});
-    EXPECT_EQ(refused.exitCode, 1);
-    expectOneErrorLine(refused, "job remote: over TCP ksd lets a client read jobs but not change them");
+    // Over loopback TCP the client is its socket's owner: it may change what it owns.
+    const RunResult created = runKsctl({"--tcp-port", port, "job", "create", "remote"});
+    EXPECT_EQ(created.exitCode, 0) << created.err;
 }

@@ -104,13 +104,15 @@ TEST_F(Arbiter, WaitersAreServedInArrivalOrderAndThoseWhoLeftAreSkipped) {
 TEST_F(Arbiter, OnlyTheHoldersUserOrRootMayUnlock) {
     ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 1);
     EXPECT_EQ(unlock(1, unixPeer(11, kBob)), -EPERM);
-    EXPECT_EQ(unlock(1, tcpPeer()), -EPERM) << "a TCP client is nobody's user";
+    EXPECT_EQ(unlock(1, tcpPeer()), -EPERM) << "a TCP client of unknown owner is nobody's user";
+    EXPECT_EQ(unlock(1, ksdtest::tcpPeerOf(kBob)), -EPERM);
     EXPECT_EQ(unlock(1, unixPeer(99, kAlice)), 0) << "another process of the same user may";
     ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 2);
     EXPECT_EQ(unlock(2, unixPeer(12, 0)), 0) << "root may";
-    ASSERT_EQ(lock("net", -1, tcpPeer())->value(), 3);
-    EXPECT_EQ(unlock(3, unixPeer(10, kAlice)), -EPERM);
-    EXPECT_EQ(unlock(3, tcpPeer()), 0);
+    EXPECT_EQ(lock("net", -1, tcpPeer())->failCode, EACCES) << "nor may it lock";
+    ASSERT_EQ(lock("net", -1, ksdtest::tcpPeerOf(kAlice))->value(), 3);
+    EXPECT_EQ(unlock(3, unixPeer(10, kBob)), -EPERM);
+    EXPECT_EQ(unlock(3, unixPeer(10, kAlice)), 0) << "over TCP too a lock is its owner's";
 }
 
 TEST_F(Arbiter, AnEndedHolderReleasesAllItsLocksAndTheWaiterGetsThem) {
@@ -158,7 +160,7 @@ TEST_F(Arbiter, TheLockListComesInPagesByHandleEachHoldingALock) {
     };
     ASSERT_EQ(lock("b", 0, unixPeer(10, kAlice))->value(), 1);
     ASSERT_EQ(lock("a", 0, unixPeer(11, kBob))->value(), 2);
-    ASSERT_EQ(lock("c", 0, tcpPeer())->value(), 3);
+    ASSERT_EQ(lock("c", 0, ksdtest::tcpPeerOf(kBob))->value(), 3);
     auto waiter = lock("a", -1, unixPeer(12, kAlice));
     EXPECT_EQ(handles("locks") + "| " + handles("locks>1") + "| " + handles("locks>2") + "| " + handles("locks>3"),
               "1 | 2 | 3 | ");

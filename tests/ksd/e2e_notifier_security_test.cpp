@@ -97,7 +97,7 @@ protected:
         return at == std::string::npos ? -1 : std::stoll(status.substr(at + 16));
     }
 
-    std::vector<std::string> args_ = {"--log-level", "4"};
+    std::vector<std::string> args_ = {"--log-level", "4", "--tcp-port", "0"};
     kstest::KsdProcess ksd_;
 };
 
@@ -121,6 +121,7 @@ TEST_F(NotifierSecurity, AnotherUsersEarlierRegistrationNeitherBlocksNorReplaces
 }
 
 TEST_F(NotifierSecurity, ACallbackPathOrPortTheRegistrantCannotReachIsRefused) {
+    const std::string tcp = "socket:127.0.0.1:" + std::to_string(ksd_.tcpPort());  // before the log names others
     kstest::ScopedTempDir dir("kstest-sec-dir");
     ASSERT_EQ(::chmod(dir.path().c_str(), 0700), 0);
     const std::string path = dir.path() + "/root.sock";
@@ -165,7 +166,19 @@ TEST_F(NotifierSecurity, ACallbackPathOrPortTheRegistrantCannotReachIsRefused) {
     EXPECT_EQ(asNobody("socket:127.0.0.1:" + std::to_string(nobodyPort)), "0") << "its own port";
     ::close(rootListener);
     EXPECT_EQ(asNobody("socket:127.0.0.1:" + std::to_string(rootPort)), "-13") << "nobody listens";
+    // Over TCP the registrant is its socket's owner: another user's sink port stays out of its reach.
+    int victimPort = 0;
+    const int victim = tcpListener(kOther, victimPort);
+    const auto overTcp = [&](int port) {
+        return kstest::runAs(kNobody, [&] {
+            return std::to_string(subscribe(tcp, "forged", "socket:127.0.0.1:" + std::to_string(port), 1));
+        });
+    };
+    EXPECT_EQ(overTcp(victimPort), "-13");
+    EXPECT_EQ(overTcp(nobodyPort), "0") << "its own port";
+    EXPECT_EQ(notify(d, "forged"), 1) << "nothing is queued for the victim's port";
     ::close(nobodyListener);
+    ::close(victim);
     EXPECT_NE(ksd_.log().find("may not register pipe:" + path), std::string::npos) << ksd_.log();
 }
 

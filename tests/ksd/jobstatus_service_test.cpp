@@ -99,12 +99,14 @@ TEST_F(JobStatus, OtherUsersAndTcpClientsMayReadButNotChange) {
              {"TRVX_JS_MAP_JOB", {lng(1), lng(0)}}}) {
         EXPECT_EQ(call(request, fields, kBobPeer)->value(), -EPERM) << request;
         EXPECT_EQ(call(request, fields, ksdtest::tcpPeer())->failCode, EACCES) << request;
+        EXPECT_EQ(call(request, fields, ksdtest::tcpPeerOf(1001))->value(), -EPERM) << "Bob over TCP: " << request;
     }
     EXPECT_EQ(call("TRVX_JS_CREATE", {str("d"), str("tcp")}, ksdtest::tcpPeer())->failCode, EACCES);
     EXPECT_EQ(call("TRVX_JS_SET_PROGRESS", {lng(1), lng(5)}, unixPeer(30, 0))->value(), 0) << "root may";
     EXPECT_EQ(call("TRVX_JS_GET_PROGRESS", {lng(1)}, kBobPeer)->value(), 5);
     EXPECT_EQ(call("TRVX_JS_LOOKUP", {str("mine")}, ksdtest::tcpPeer())->value(), 1);
-    EXPECT_EQ(events_.events.size(), 2u) << "created, and root's update; nothing refused was announced";
+    EXPECT_EQ(call("TRVX_JS_DELETE", {lng(1)}, ksdtest::tcpPeerOf(1000))->value(), 0) << "Alice over TCP";
+    EXPECT_EQ(events_.events.size(), 3u) << "created, root's update, deleted; nothing refused was announced";
 }
 
 // Records the thread an answer came on: only the loop's may use a responder.

@@ -206,12 +206,23 @@ TEST_F(LoggedJobs, ALaterChangeIsNeverUndoneByReplayingOlderProgress) {
     EXPECT_EQ(std::make_pair(book_->size(), book_->progress(2)), std::make_pair(std::size_t{1}, std::int64_t{30}));
 }
 
-TEST_F(Jobs, TheLiveJobLimitAnswersNoSpace) {
-    ksd::jobs::JobBook small(*store_, ksd::jobs::JobLimits{.maxJobs = 1});
-    ASSERT_EQ(small.create("d", "a", kAlice).reply, 1);
-    EXPECT_EQ(small.create("d", "b", kAlice).reply, -ENOSPC);
-    ASSERT_EQ(small.remove(1, kAlice).reply, 0);
-    EXPECT_EQ(small.create("d", "b", kAlice).reply, 2);
+// One user fills its own quota, not the table; the last places are root's.
+TEST_F(Jobs, PerUserQuotaAndARootReserveInTheLiveJobCap) {
+    const ksd::jobs::JobLimits limits{.maxJobs = 4, .maxJobsPerUser = 2, .rootReserve = 1};
+    auto small = std::make_unique<ksd::jobs::JobBook>(*store_, limits);
+    ASSERT_EQ(small->create("d", "a1", kAlice).reply, 1);
+    ASSERT_EQ(small->create("d", "a2", kAlice).reply, 2);
+    EXPECT_EQ(small->create("d", "a3", kAlice).reply, -EDQUOT);
+    ASSERT_EQ(small->create("d", "b1", kBob).reply, 3);
+    EXPECT_EQ(small->create("d", "b2", kBob).reply, -ENOSPC) << "the last place is root's";
+    ASSERT_EQ(small->create("d", "r1", 0).reply, 4);
+    EXPECT_EQ(small->create("d", "r2", 0).reply, -ENOSPC);
+    ASSERT_EQ(small->remove(1, kAlice).reply, 0);
+    ASSERT_EQ(small->remove(4, 0).reply, 0);
+    small = std::make_unique<ksd::jobs::JobBook>(*store_, limits);
+    EXPECT_EQ(small->create("d", "a3", kAlice).reply, 5);
+    EXPECT_EQ(small->create("d", "a4", kAlice).reply, -EDQUOT) << "counts restored with the jobs";
+    EXPECT_EQ(small->create("d", "b2", kBob).reply, -ENOSPC);
 }
 
 }  // namespace

@@ -137,48 +137,67 @@ TEST_F(Notifier, AFamilyNameCarriesEveryEventItsSubscriberMaySeeAndNothingWhenUn
                    ksdtest::tcpPeer(),
                    tcp};
     notifier_.handle(r);
-    ASSERT_EQ(tcp->value(), 0);
+    ASSERT_EQ(tcp->failCode, EACCES) << "pushes for nobody could land anywhere";
 
     const std::int64_t published = status("notifications");
     notifier_.publishEvent(EventFamily::Task, "7", 0, EventAudience::ownerAndRoot(kAlice));
     EXPECT_EQ(status("queued_notifications"), 1 + 3) << "task 7's name, Alice and root; not Bob, not TCP";
     notifier_.publishEvent(EventFamily::Task, "8", 0, EventAudience::ownerAndRoot(uid_t(-1)));
-    EXPECT_EQ(status("queued_notifications"), 4 + 2) << "a TCP client's task: TCP and root";
+    EXPECT_EQ(status("queued_notifications"), 4 + 1) << "a TCP client's task: root";
     notifier_.publishEvent(EventFamily::Job, "j", 2, EventAudience::everyone());
-    EXPECT_EQ(status("queued_notifications"), 6 + 1) << "Bob's job family subscription";
+    EXPECT_EQ(status("queued_notifications"), 5 + 1) << "Bob's job family subscription";
     notifier_.publishEvent(EventFamily::Lock, "r", 1, EventAudience::everyone());
-    EXPECT_EQ(status("queued_notifications"), 7) << "nobody listens to locks";
+    EXPECT_EQ(status("queued_notifications"), 6) << "nobody listens to locks";
     EXPECT_EQ(status("notifications"), published + 4) << "an event counts once, whoever hears it";
 }
 
-TEST(PushChannel, TheQueueIsBoundedByBytesAndByFrames) {
+TEST(PushChannel, TheQueueIsBoundedByFramesBytesAndItsOwnersBudgetOverAllAddresses) {
     struct Owner final : ksd::PushChannelOwner {
         void channelFailed(ksd::PushChannel&, const std::string&) override {}
         void channelIdle(ksd::PushChannel&) override {}
         void subscriberRefused(ksd::PushChannel&, std::int32_t, uid_t) override {}
     } owner;
     asio::io_context io;
+    constexpr std::size_t kFrame = ksd::kFrameHeaderSize + 1000;
     ksd::NotifierLimits limits;
-    limits.maxQueuedFrames = 5;
-    limits.maxQueuedBytes = 3 * (ksd::kFrameHeaderSize + 1000) + ksd::kFrameHeaderSize;
+    limits.maxQueuedFrames = 6;
+    limits.maxQueuedBytes = 3 * kFrame + ksd::kFrameHeaderSize;
     const std::string text = "pipe:" + kstest::uniqueName("kstest-nobody");
     ksd::CallbackAddress address;
     ASSERT_EQ(ksd::parseCallbackAddress(text, address), AddressCheck::Ok);
-    auto channel = std::make_shared<ksd::PushChannel>(io, text, address, limits, owner);
+    auto budget = std::make_shared<ksd::PushBudget>(2 * kFrame);
+    std::vector<std::shared_ptr<ksd::PushChannel>> channels;
+    const auto channel = [&] {
+        return channels.emplace_back(std::make_shared<ksd::PushChannel>(io, text, address, limits, budget, owner));
+    };
+    auto rootQueue = channel();
     const auto payload = std::make_shared<const std::string>(1000, 'x');
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(channel->push(1, 0, payload)) << i;
-    EXPECT_FALSE(channel->push(1, 0, payload)) << "a fourth frame would pass the byte limit";
-    EXPECT_TRUE(channel->push(1, 0, std::make_shared<const std::string>())) << "an empty one still fits";
-    EXPECT_EQ(channel->drops(), 1u);
+    const auto empty = std::make_shared<const std::string>();
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(rootQueue->push(1, 0, payload)) << "root has no budget: " << i;
+    EXPECT_FALSE(rootQueue->push(1, 0, payload)) << "a fourth frame would pass the byte limit";
+    EXPECT_TRUE(rootQueue->push(1, 0, empty)) << "an empty one still fits";
+    EXPECT_EQ(rootQueue->drops(), 1u);
     limits.maxQueuedBytes *= 2;
     limits.maxPayload = 1000;
-    EXPECT_TRUE(channel->push(1, 0, std::make_shared<const std::string>(1000, 'y'))) << "exactly the limit";
-    EXPECT_FALSE(channel->push(1, 0, std::make_shared<const std::string>(1001, 'y')))
+    EXPECT_TRUE(rootQueue->push(1, 0, std::make_shared<const std::string>(1000, 'y'))) << "exactly the limit";
+    EXPECT_FALSE(rootQueue->push(1, 0, std::make_shared<const std::string>(1001, 'y')))
         << "a frame over it is never queued";
-    EXPECT_EQ(channel->queuedFrames(), 5u);
-    EXPECT_FALSE(channel->push(1, 0, std::make_shared<const std::string>())) << "a sixth frame passes the frame bound";
-    channel->detach();
-    channel->close();
+    EXPECT_TRUE(rootQueue->push(1, 0, empty));
+    EXPECT_FALSE(rootQueue->push(1, 0, empty)) << "not one frame over the bound";
+    EXPECT_EQ(rootQueue->queuedFrames(), 6u);
+
+    // Alice's two frames on one address spend her budget for every address; Bob's is his own.
+    auto first = channel(), second = channel();
+    EXPECT_TRUE(first->push(1, kAlice, payload) && first->push(2, kAlice, payload));
+    EXPECT_FALSE(second->push(1, kAlice, payload));
+    EXPECT_TRUE(second->push(2, kBob, payload));
+    EXPECT_EQ(second->drops(), 1u);
+    first->close();
+    EXPECT_TRUE(second->push(1, kAlice, payload)) << "a closed queue gives its bytes back";
+    for (auto& c : channels) {
+        c->detach();
+        c->close();
+    }
 }
 
 TEST(SubscriptionTable, OwnersAreCountedApartAndRootIsNotBound) {

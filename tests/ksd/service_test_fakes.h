@@ -83,6 +83,12 @@ inline ksd::PeerInfo unixPeer(pid_t pid, uid_t uid) {
     p.isUnix = true, p.pid = pid, p.uid = p.gid = uid;
     return p;
 }
+// A TCP client whose owner the kernel did not tell, or did.
 inline ksd::PeerInfo tcpPeer() { return ksd::PeerInfo{}; }
+inline ksd::PeerInfo tcpPeerOf(uid_t uid) {
+    ksd::PeerInfo p;
+    p.tcpOwnerKnown = true, p.uid = uid;
+    return p;
+}
 
 }  // namespace ksdtest

@@ -17,11 +17,9 @@ namespace Codec = OrvoNet::Codec;
 constexpr std::int64_t kTimedOut = -ETIMEDOUT;  // -110
 
 // Whether `caller` may free a lock taken by `holder`: the same user, or root.
-// A TCP client has no user: it may free only what a TCP client took.
 bool mayUnlock(const PeerInfo& caller, const PeerInfo& holder) {
     if (isRoot(caller)) return true;
-    if (caller.isUnix != holder.isUnix) return false;
-    return !caller.isUnix || caller.uid == holder.uid;
+    return isIdentified(caller) && isIdentified(holder) && caller.uid == holder.uid;
 }
 
 }  // namespace
@@ -63,6 +61,7 @@ void ArbiterService::lock(Request& request) {
     if (name.size() > limits_.maxNameLength)
         return responder.fail(EMSGSIZE, "resource name longer than " + std::to_string(limits_.maxNameLength) + " bytes");
     if (name.empty()) return responder.reply(longReply(-EINVAL));
+    if (!isIdentified(request.peer)) return responder.fail(EACCES, "a TCP client whose owner is unknown may not lock");
     const auto held = heldByUser_.find(request.peer.uid);
     if (!isRoot(request.peer) && held != heldByUser_.end() && held->second >= limits_.maxLocksPerUser)
         return responder.fail(EDQUOT, "too many locks held by this user (limit " +

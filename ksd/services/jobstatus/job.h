@@ -37,6 +37,8 @@ struct JobLimits {
     std::size_t maxDescriptionLength = 64 * 1024;
     std::int64_t maxAppIds = 65536;     // per MAP_JOB request
     std::size_t maxJobs = 100000;       // live jobs, all users together
+    std::size_t maxJobsPerUser = 10000; // live jobs of one user (root is exempt)
+    std::size_t rootReserve = 1000;     // the last places of maxJobs, kept for root
     std::size_t listPageBytes = kListPageBytes;   // "jobs" answered in pages of about this size
 };
 

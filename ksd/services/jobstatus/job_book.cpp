@@ -1,5 +1,6 @@
 #include "services/jobstatus/job_book.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 
@@ -22,6 +23,7 @@ Outcome failed(const char* what, const store::StoreError& e) {
 JobBook::JobBook(JobStore& store, JobLimits limits) : store_(store), limits_(limits), lastId_(store.lastId()) {
     for (Job& job : store_.loadAll()) {
         byName_[job.name] = job.id;
+        ++perOwner_[job.owner];
         const std::int64_t id = job.id;
         byId_.emplace(id, std::move(job));
     }
@@ -44,8 +46,11 @@ Outcome JobBook::create(std::string_view description, std::string_view name, uid
     if (name.empty() || name.find('\0') != std::string_view::npos) return Outcome{-EINVAL, {}, {}};
     if (byName_.count(std::string(name)) != 0) return Outcome{-EEXIST, {}, {}};
     // Clients see ids as 32-bit ints: stop before one would turn negative.
-    if (byId_.size() >= limits_.maxJobs || lastId_ >= std::numeric_limits<std::int32_t>::max())
-        return Outcome{-ENOSPC, {}, {}};
+    const bool root = owner == 0;
+    if (!root && perOwner_[owner] >= limits_.maxJobsPerUser) return Outcome{-EDQUOT, {}, {}};
+    // One user filling the table leaves root room to act.
+    const std::size_t cap = root ? limits_.maxJobs : limits_.maxJobs - std::min(limits_.rootReserve, limits_.maxJobs);
+    if (byId_.size() >= cap || lastId_ >= std::numeric_limits<std::int32_t>::max()) return Outcome{-ENOSPC, {}, {}};
     Job job;
     job.name = std::string(name);
     job.description = std::string(description);
@@ -58,6 +63,7 @@ Outcome JobBook::create(std::string_view description, std::string_view name, uid
     const std::int64_t id = job.id;
     lastId_ = id;
     byName_[job.name] = id;
+    ++perOwner_[owner];
     Outcome out{id, job.name, {JobEvent::Created}};
     byId_.emplace(id, std::move(job));
     return out;
@@ -89,6 +95,8 @@ Outcome JobBook::remove(std::int64_t id, uid_t caller) {
         return failed("deletion", e);
     }
     Outcome out{0, job->name, {JobEvent::Exit}};
+    if (auto owned = perOwner_.find(job->owner); owned != perOwner_.end() && --owned->second == 0)
+        perOwner_.erase(owned);
     byName_.erase(job->name);
     byId_.erase(id);
     return out;

@@ -9,7 +9,8 @@
 // Replies: an id or 0 on success; -1 the caller may not change the job;
 // -2 no such job; -17 the name is taken by a live job; -22 invalid argument
 // (progress outside 0..100, empty name, NUL byte in the name); -28 the job
-// table is full; -125 progress reported for a cancelled job; -5 store failure.
+// table is full (for anyone but root, short of its reserve); -122 the
+// owner's quota is full; -125 progress reported for a cancelled job; -5 store failure.
 
 #include <sys/types.h>
 
@@ -59,6 +60,7 @@ private:
     std::int64_t lastId_ = 0;
     std::map<std::int64_t, Job> byId_;
     std::unordered_map<std::string, std::int64_t> byName_;
+    std::unordered_map<uid_t, std::size_t> perOwner_;  // live jobs of each owner
 };
 
 }  // namespace ksd::jobs

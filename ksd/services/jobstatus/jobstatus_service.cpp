@@ -99,7 +99,8 @@ void JobStatusService::handle(Request& request) {
         return responder.reply(longReply(static_cast<std::int64_t>(book_->size())));
 
     // Changing does: ownership rests on the peer's user id.
-    if (!request.peer.isUnix) return responder.fail(EACCES, "a TCP client may read jobs but not change them");
+    if (!isIdentified(request.peer))
+        return responder.fail(EACCES, "a TCP client whose owner is unknown may read jobs but not change them");
     const uid_t uid = request.peer.uid;
     if (r == "TRVX_JS_CREATE") {
         const std::string& description = f[0].text;

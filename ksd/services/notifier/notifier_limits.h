@@ -14,6 +14,8 @@ struct NotifierLimits {
     // Per callback address: notifications waiting to be pushed, by count and bytes.
     std::size_t maxQueuedFrames = 1024;
     std::size_t maxQueuedBytes = 80u * 1024u * 1024u;
+    // All the queues together, per subscription owner (root is not bound).
+    std::size_t maxQueuedBytesPerUser = 64u * 1024u * 1024u;
     // Root is not bound by it.
     std::size_t maxSubscriptionsPerUser = 4096;
     // Payload of one notification; a payload larger than maxQueuedBytes could

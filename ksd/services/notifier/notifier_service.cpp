@@ -130,6 +130,11 @@ void NotifierService::handleRegister(Request& request) {
         request.responder->fail(EACCES, "a TCP client may only register a socket: callback address");
         return;
     }
+    if (!isIdentified(request.peer)) {
+        // Pushes for nobody could land in anybody's sink.
+        request.responder->fail(EACCES, "a TCP client whose owner is unknown may not subscribe");
+        return;
+    }
     // Each user's keys are its own: nobody's registration can block or replace another's.
     SubscriptionKey key{address, callbackId, uid};
     const bool root = isRoot(request.peer);
@@ -138,8 +143,6 @@ void NotifierService::handleRegister(Request& request) {
     if (root) return commitRegister(*request.responder, key, std::move(event));
     if (parsed.kind == CallbackAddress::Kind::Tcp) {
         // The daemon must not push, for this user, to a port another user listens on.
-        // A TCP client has no identity to check: it may subscribe (it could reach that port itself).
-        if (!request.peer.isUnix) return commitRegister(*request.responder, key, std::move(event));
         const auto owners = tcpListenerOwners(parsed.host, parsed.port);
         if (!owners) return refuseUnreachable(*request.responder, key, "the kernel did not say who listens");
         if (owners->empty()) return refuseUnreachable(*request.responder, key, "nobody listens");
@@ -313,8 +316,8 @@ PushChannel* NotifierService::channelFor(const std::string& address) {
     if (it != channels_.end()) return it->second.get();
     CallbackAddress parsed;
     if (parseCallbackAddress(address, parsed) != AddressCheck::Ok) return nullptr;
-    auto channel =
-        std::make_shared<PushChannel>(io_, address, std::move(parsed), limits_, static_cast<PushChannelOwner&>(*this));
+    auto channel = std::make_shared<PushChannel>(io_, address, std::move(parsed), limits_, pushBudget_,
+                                                 static_cast<PushChannelOwner&>(*this));
     return channels_.emplace(address, std::move(channel)).first->second.get();
 }
 
@@ -401,7 +404,7 @@ std::string NotifierService::listSubscriptions(std::string_view what, const Peer
     const bool seesAll = asker == nullptr || isRoot(*asker);
     std::string out = "[";
     table_.forEachAfter(static_cast<std::uint64_t>(*after), [&](const SubscriptionKey& key, const Subscription& sub) {
-        if (!seesAll && (!asker->isUnix || key.owner != asker->uid)) return true;
+        if (!seesAll && (!isIdentified(*asker) || key.owner != asker->uid)) return true;
         if (out.size() > 1) out.push_back(',');
         out += "{\"seq\":" + std::to_string(sub.sequence) + ",\"event\":";
         jsontext::appendString(out, sub.event);

@@ -92,6 +92,7 @@ private:
     SubscriptionTable table_;
     std::unique_ptr<SubscriptionStore> store_;
     std::unordered_map<std::string, std::shared_ptr<PushChannel>> channels_;
+    std::shared_ptr<PushBudget> pushBudget_ = std::make_shared<PushBudget>(limits_.maxQueuedBytesPerUser);
     ReachCheck reach_;
     asio::steady_timer sweepTimer_;
     std::shared_ptr<char> alive_ = std::make_shared<char>();

@@ -16,12 +16,13 @@ constexpr std::size_t kMaxFramesPerWrite = 256;
 }  // namespace
 
 PushChannel::PushChannel(asio::io_context& io, std::string addressText, CallbackAddress address,
-                         const NotifierLimits& limits, PushChannelOwner& owner)
+                         const NotifierLimits& limits, std::shared_ptr<PushBudget> budget, PushChannelOwner& owner)
     : socket_(io),
       connectTimer_(io),
       addressText_(std::move(addressText)),
       address_(std::move(address)),
       limits_(limits),
+      budget_(std::move(budget)),
       owner_(&owner) {}
 
 template <typename Report>
@@ -31,7 +32,9 @@ void PushChannel::report(Report report) {
     });
 }
 
-PushChannel::~PushChannel() = default;
+PushChannel::~PushChannel() {
+    for (const Item& item : queue_) budget_->give(item.owner, kFrameHeaderSize + item.payload->size());
+}
 
 bool PushChannel::push(std::int32_t callbackId, uid_t owner, std::shared_ptr<const std::string> payload) {
     if (state_ == State::Closed) return false;
@@ -48,6 +51,14 @@ bool PushChannel::push(std::int32_t callbackId, uid_t owner, std::shared_ptr<con
         ++drops_;
         if (dropsInBurst_++ == 0)
             ORVO_LOG(4, "ksd: notifier: queue of " << addressText_ << " is full, dropping notifications");
+        return false;
+    }
+    if (!budget_->take(owner, bytes)) {
+        ++drops_;
+        if (dropsInBurst_++ == 0)
+            ORVO_LOG(4, "ksd: notifier: uid " << owner << " has " << static_cast<unsigned long>(budget_->used(owner))
+                                              << " bytes queued for push, dropping its notifications to "
+                                              << addressText_);
         return false;
     }
     if (dropsInBurst_ != 0) {
@@ -139,8 +150,7 @@ void PushChannel::writeQueued() {
     for (auto it = queue_.begin(); it != queue_.end() && inFlight_ < kMaxFramesPerWrite;) {
         if (!ownerAccepted(it->owner)) {
             refused.emplace_back(it->callbackId, it->owner);
-            queuedBytes_ -= kFrameHeaderSize + it->payload->size();
-            it = queue_.erase(it);
+            it = dequeue(it);
             continue;
         }
         buffers_.emplace_back(asio::buffer(it->header));
@@ -160,10 +170,7 @@ void PushChannel::writeQueued() {
             self->fail(ec.message());
             return;
         }
-        for (std::size_t i = 0; i < self->inFlight_; ++i) {
-            self->queuedBytes_ -= kFrameHeaderSize + self->queue_.front().payload->size();
-            self->queue_.pop_front();
-        }
+        for (std::size_t i = 0; i < self->inFlight_; ++i) self->dequeue(self->queue_.begin());
         self->inFlight_ = 0;
         self->writeQueued();
     });
@@ -201,9 +208,17 @@ void PushChannel::close() {
     connectTimer_.cancel();
     std::error_code ignored;
     socket_.close(ignored);
+    for (const Item& item : queue_) budget_->give(item.owner, kFrameHeaderSize + item.payload->size());
     queue_.clear();
     queuedBytes_ = 0;
     inFlight_ = 0;
+}
+
+std::deque<PushChannel::Item>::iterator PushChannel::dequeue(std::deque<Item>::iterator it) {
+    const std::size_t bytes = kFrameHeaderSize + it->payload->size();
+    queuedBytes_ -= bytes;
+    budget_->give(it->owner, bytes);
+    return queue_.erase(it);
 }
 
 }  // namespace ksd

@@ -20,6 +20,7 @@
 #include "net/endpoints.h"
 #include "services/notifier/callback_address.h"
 #include "services/notifier/notifier_limits.h"
+#include "services/notifier/push_budget.h"
 #include "services/notifier/push_frame.h"
 
 namespace ksd {
@@ -43,12 +44,13 @@ public:
 class PushChannel : public std::enable_shared_from_this<PushChannel> {
 public:
     PushChannel(asio::io_context& io, std::string addressText, CallbackAddress address, const NotifierLimits& limits,
-                PushChannelOwner& owner);
+                std::shared_ptr<PushBudget> budget, PushChannelOwner& owner);
     ~PushChannel();
     PushChannel(const PushChannel&) = delete;
     PushChannel& operator=(const PushChannel&) = delete;
 
-    // Queues one frame; false when the queue is full (dropped and counted).
+    // Queues one frame; false when the queue or its owner's budget is full
+    // (dropped and counted).
     bool push(std::int32_t callbackId, uid_t owner, std::shared_ptr<const std::string> payload);
     // Starts the write push() scheduled now instead of on the loop's next turn.
     void flush();
@@ -77,6 +79,8 @@ private:
     void watchPeer();
     void fail(const std::string& reason);
     bool ownerAccepted(uid_t owner) const;
+    // Takes a frame off the queue, and its bytes off the queue's and the owner's count.
+    std::deque<Item>::iterator dequeue(std::deque<Item>::iterator it);
     template <typename Report>
     void report(Report report);
 
@@ -85,6 +89,7 @@ private:
     std::string addressText_;
     CallbackAddress address_;
     const NotifierLimits& limits_;
+    std::shared_ptr<PushBudget> budget_;
     PushChannelOwner* owner_;
     State state_ = State::Idle;
     std::optional<uid_t> listenerUid_;
