@@ -85,6 +85,9 @@ void reportReady(int& readyFd, bool ok) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Until the loop's own handler is in place, a hang-up must not stop a
+    // daemon that already listens (clients may see it before it is ready).
+    ::signal(SIGHUP, SIG_IGN);
     CLI::App app{"ksd: shared-services daemon (notifications, scheduler, locks, job status)"};
     ksd::DaemonOptions options;
     std::string stateDir;

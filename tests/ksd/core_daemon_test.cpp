@@ -81,14 +81,19 @@ TEST(CoreDaemon, SighupReopensTheLogFileAfterARotation) {
     kstest::ScopedEnv logFile("OSUPT_LOG_FILE", file);
     kstest::KsdProcess ksd;
     ASSERT_TRUE(ksd.start({"--log-level", "1"})) << ksd.log();
+    std::string text;
+    const auto read = [&] {
+        std::ifstream in(file);
+        text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        return text;
+    };
+    ASSERT_TRUE(ksdtest::waitUntil([&] { return read().find("ready") != std::string::npos; })) << text;
     fs::rename(file, file + ".1");
     ASSERT_EQ(::kill(ksd.pid(), SIGHUP), 0);
     EXPECT_TRUE(ksdtest::waitUntil([&] { return fs::exists(file) && fs::file_size(file) > 0; }));
     EXPECT_TRUE(ksd.isRunning());
     EXPECT_EQ(ksd.stop(), 0);
-    std::ifstream in(file);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_NE(text.find("stopped on SIGTERM"), std::string::npos) << text;
+    EXPECT_NE(read().find("stopped on SIGTERM"), std::string::npos) << text;
     fs::remove_all(dir);
 }
 
