@@ -73,41 +73,22 @@ private:
 
 BucketWorker::BucketWorker(asio::io_context& io, natsConnection* nc, std::string prefix,
                            std::chrono::milliseconds timeout)
-    : io_(io), nc_(nc), prefix_(std::move(prefix)), timeout_(timeout), thread_([this] { loop(); }) {}
+    : io_(io), nc_(nc), prefix_(std::move(prefix)), timeout_(timeout), thread_([this](Task& task) { handle(task); }) {}
 
 BucketWorker::~BucketWorker() {
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
-    }
-    wake_.notify_one();
-    thread_.join();
+    thread_.stop();  // before the stores it uses go
     for (auto& [name, kv] : open_) kvStore_Destroy(kv);
     if (js_ != nullptr) jsCtx_Destroy(js_);
 }
 
 void BucketWorker::run(const std::string& bucket, ClusterLink::BucketWork work) {
-    {
-        std::lock_guard lock(mutex_);
-        queue_.push_back(Task{bucket, std::move(work)});
-    }
-    wake_.notify_one();
+    thread_.push(Task{bucket, std::move(work)});
 }
 
-void BucketWorker::loop() {
-    for (;;) {
-        Task task;
-        {
-            std::unique_lock lock(mutex_);
-            wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-            if (stopping_) return;
-            task = std::move(queue_.front());
-            queue_.pop_front();
-        }
-        NatsBucket bucket(nc_, open(task.bucket));
-        auto done = task.work(bucket);
-        if (done) asio::post(io_, std::move(done));
-    }
+void BucketWorker::handle(Task& task) {
+    NatsBucket bucket(nc_, open(task.bucket));
+    auto done = task.work(bucket);
+    if (done) asio::post(io_, std::move(done));
 }
 
 kvStore* BucketWorker::open(const std::string& bucket) {

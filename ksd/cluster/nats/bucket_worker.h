@@ -9,14 +9,11 @@
 
 #include <asio/io_context.hpp>
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <map>
-#include <mutex>
 #include <string>
-#include <thread>
 
 #include "cluster/cluster_link.h"
+#include "util/work_thread.h"
 
 namespace ksd::cluster {
 
@@ -36,7 +33,7 @@ private:
         std::string bucket;
         ClusterLink::BucketWork work;
     };
-    void loop();
+    void handle(Task& task);
     // The open store of a bucket, made when missing; null when NATS did not answer.
     kvStore* open(const std::string& bucket);
     bool leaderReads(const std::string& name);
@@ -47,11 +44,7 @@ private:
     const std::chrono::milliseconds timeout_;
     jsCtx* js_ = nullptr;                   // worker only
     std::map<std::string, kvStore*> open_;  // worker only
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<Task> queue_;
-    bool stopping_ = false;
-    std::thread thread_;
+    WorkThread<Task> thread_;
 };
 
 }  // namespace ksd::cluster

@@ -15,45 +15,22 @@ JobLister::JobLister(asio::io_context& io, const std::filesystem::path& stateDir
     : io_(io),
       pageBytes_(pageBytes),
       db_(std::make_unique<store::Database>(stateDir / store::kDatabaseFileName, store::Database::ReadOnly{})),
-      worker_([this] { work(); }) {}
-
-JobLister::~JobLister() {
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
-    }
-    wake_.notify_one();
-    worker_.join();
-}
+      worker_([this](Pending& next) { build(next); }) {}
 
 void JobLister::answer(std::int64_t after, std::shared_ptr<Responder> responder) {
-    {
-        std::lock_guard lock(mutex_);
-        queue_.push_back(Pending{after, std::move(responder)});
-    }
-    wake_.notify_one();
+    worker_.push(Pending{after, std::move(responder)});
 }
 
-void JobLister::work() {
-    for (;;) {
-        Pending next;
-        {
-            std::unique_lock lock(mutex_);
-            wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-            if (stopping_) return;
-            next = std::move(queue_.front());
-            queue_.pop_front();
-        }
-        // The responder moves into the handler: it is used, and let go, on the loop only.
-        try {
-            std::string json = page(next.after);
-            asio::post(io_, [responder = std::move(next.responder), json = std::move(json)] {
-                responder->reply(stringReply(json));
-            });
-        } catch (const std::exception& e) {
-            ORVO_LOG(1, "ksd: JobStatus: job list page after " << next.after << " not read: " << e.what());
-            asio::post(io_, [responder = std::move(next.responder)] { responder->fail(EIO, "internal error"); });
-        }
+void JobLister::build(Pending& next) {
+    // The responder moves into the handler: it is used, and let go, on the loop only.
+    try {
+        std::string json = page(next.after);
+        asio::post(io_, [responder = std::move(next.responder), json = std::move(json)] {
+            responder->reply(stringReply(json));
+        });
+    } catch (const std::exception& e) {
+        ORVO_LOG(1, "ksd: JobStatus: job list page after " << next.after << " not read: " << e.what());
+        asio::post(io_, [responder = std::move(next.responder)] { responder->fail(EIO, "internal error"); });
     }
 }
 

@@ -7,17 +7,15 @@
 // the loop, so a Responder is only ever used there.
 
 #include <asio/io_context.hpp>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "protocol/request.h"
 #include "store/database.h"
+#include "util/work_thread.h"
 
 namespace ksd::jobs {
 
@@ -25,8 +23,8 @@ class JobLister {
 public:
     // The database in `stateDir` must exist in WAL mode already. Throws store::StoreError.
     JobLister(asio::io_context& io, const std::filesystem::path& stateDir, std::size_t pageBytes);
-    // Stops the worker; pages not built yet are never answered.
-    ~JobLister();
+    // Stops the worker (the last member); pages not built yet are never answered.
+    ~JobLister() = default;
     JobLister(const JobLister&) = delete;
     JobLister& operator=(const JobLister&) = delete;
 
@@ -40,17 +38,13 @@ private:
         std::int64_t after;
         std::shared_ptr<Responder> responder;
     };
-    void work();
+    void build(Pending& next);
 
     asio::io_context& io_;
     const std::size_t pageBytes_;
     std::mutex dbMutex_;  // the connection serves the worker and page()
     std::unique_ptr<store::Database> db_;
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<Pending> queue_;
-    bool stopping_ = false;
-    std::thread worker_;
+    WorkThread<Pending> worker_;
 };
 
 }  // namespace ksd::jobs
