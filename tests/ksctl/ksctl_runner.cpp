@@ -72,9 +72,9 @@ bool KsctlRun::pump(int timeoutMs) {
     return true;
 }
 
-bool KsctlRun::waitForErr(const std::string& fragment) {
+bool KsctlRun::waitFor(const std::string& fragment, std::string RunResult::*stream) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (read_.err.find(fragment) == std::string::npos) {
+    while ((read_.*stream).find(fragment) == std::string::npos) {
         if (std::chrono::steady_clock::now() > end || !pump(100)) return false;
     }
     return true;

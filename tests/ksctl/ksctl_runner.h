@@ -28,12 +28,14 @@ public:
     KsctlRun& operator=(const KsctlRun&) = delete;
 
     void signal(int sig) const;
-    // Reads both streams until stderr holds `fragment` (true), they end or 20 s pass.
-    bool waitForErr(const std::string& fragment);
+    // Reads both streams until stderr (or stdout) holds `fragment` (true), they end or 20 s pass.
+    bool waitForErr(const std::string& fragment) { return waitFor(fragment, &RunResult::err); }
+    bool waitForOut(const std::string& fragment) { return waitFor(fragment, &RunResult::out); }
     // Reads both streams to their end and reaps the process.
     RunResult wait();
 
 private:
+    bool waitFor(const std::string& fragment, std::string RunResult::*stream);
     // One poll of both streams (up to timeoutMs); false once both have ended.
     bool pump(int timeoutMs);
 
