@@ -10,8 +10,6 @@
 #include <fstream>
 #include <thread>
 
-#include "OrvoJobStatus.h"
-#include "OrvoResourceArbitration.h"
 #include "fake_daemon.h"
 #include "json.h"
 #include "ksctl_runner.h"
@@ -235,46 +233,6 @@ TEST_F(KsctlCli, ASubscriberHearsAPublicationMadeAfterKsdWasKilledAndRestarted) 
     RunResult got = subscriber.wait();
     EXPECT_EQ(got.exitCode, 0) << got.err;
     EXPECT_NE(got.out.find("still here"), std::string::npos) << got.out;
-}
-
-TEST_F(KsctlCli, AJobListLargerThanAnyFrameComesWholeInPages) {
-    kstest::ScopedEnv env("KSINTF_CONN_TYPE", "pipe:" + ksd_.pipeName());
-    const std::string description(64 * 1024, 'd');
-    EXPECT_EQ(OrvoJSECreateJob((description + "d").c_str(), "too-long"), -90) << "one byte over the most";
-    for (int i = 0; i < 300; ++i)
-        ASSERT_GT(OrvoJSECreateJob(description.c_str(), ("big-" + std::to_string(i)).c_str()), 0) << i;
-    EXPECT_LT(kstest::operatorQuery("pipe:" + ksd_.pipeName(), "jobs").size(), 4u << 20) << "one page stays small";
-    RunResult listed = runJson({"job", "list"});
-    ASSERT_EQ(listed.exitCode, 0) << listed.err;
-    const JsonValue jobs = parseLine(listed.out);
-    ASSERT_EQ(jobs.items.size(), 300u);
-    for (std::size_t i = 0; i < jobs.items.size(); ++i) {
-        EXPECT_EQ(at(jobs.items[i], "name"), "big-" + std::to_string(i)) << "each job once, in order";
-        EXPECT_EQ(at(jobs.items[i], "description").size(), description.size());
-    }
-}
-
-TEST_F(KsctlCli, ALockListLargerThanAPageComesWholeInHandleOrder) {
-    kstest::ScopedEnv env("KSINTF_CONN_TYPE", "pipe:" + ksd_.pipeName());
-    // The longest names, each byte escaped six times over in JSON: about 6 KiB a lock.
-    constexpr int kLocks = 400;
-    std::vector<long> taken;
-    for (int i = 0; i < kLocks; ++i) {
-        const std::string digits = std::to_string(10000 + (kLocks - i));  // names in the reverse order of handles
-        taken.push_back(OrvoRAResourceLock((std::string(1024 - digits.size(), '\x01') + digits).c_str(), 0));
-        ASSERT_GT(taken.back(), 0) << i;
-    }
-    const std::string firstPage = kstest::operatorQuery("pipe:" + ksd_.pipeName(), "locks");
-    EXPECT_TRUE(firstPage.size() > 1000 && firstPage.size() < 2u << 20) << firstPage.size();
-    RunResult listed = runJson({"locks"});
-    ASSERT_EQ(listed.exitCode, 0) << listed.err;
-    const JsonValue locks = parseLine(listed.out);
-    ASSERT_EQ(locks.items.size(), static_cast<std::size_t>(kLocks));
-    for (int i = 0; i < kLocks; ++i) {
-        EXPECT_EQ(at(locks.items[i], "handle"), std::to_string(taken[i])) << "each lock once, by handle";
-        EXPECT_EQ(at(locks.items[i], "name").size(), 1024u);
-    }
-    for (long handle : taken) ASSERT_EQ(OrvoRAResourceUnlock(handle), 0);
 }
 
 TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {

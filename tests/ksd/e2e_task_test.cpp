@@ -268,44 +268,23 @@ TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) 
 TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
     kstest::KsdProcess tcp;
     ASSERT_TRUE(tcp.start({"--tcp-port", "0", "--log-level", "error"}));  // the ready line names the port
-    const std::string port = std::to_string(tcp.tcpPort());
-    namespace Codec = OrvoNet::Codec;
-    auto request = [&](const kstest::Wire& fields, const char* name) {
-        kstest::WireClient c;
-        Codec::Value v;
-        if (!c.connect("socket:" + port)) return std::string("no connection");
-        c.send(kstest::requestWire("Scheduler", name).bytes() + fields.bytes());
-        return c.readValue(v) ? std::string(1, v.tag) + std::to_string(v.integer) : std::string("no answer");
-    };
     const When w = in(3600);
-    EXPECT_EQ(request(kstest::Wire()
-                          .addString("t")
-                          .addString("/bin/true")
-                          .addString("/")
-                          .addString("")
-                          .addLong(cOneTime)
-                          .addLong(w.month)
-                          .addLong(w.day)
-                          .addLong(w.year)
-                          .addLong(w.hour)
-                          .addLong(w.minute)
-                          .addLong(w.second)
-                          .addString(""),
-                      "TRVX_TS_SCHEDULE"),
-              "E13");
-    EXPECT_EQ(request(kstest::Wire()
-                          .addString("b")
-                          .addInt(1)
-                          .addRaw("x")
-                          .addInt(cOneTime)
-                          .addInt(w.month)
-                          .addInt(w.day)
-                          .addInt(w.year)
-                          .addInt(w.hour)
-                          .addInt(w.minute)
-                          .addInt(w.second),
-                      "TRVX_TS_SCHEDULE_BLOB"),
-              "l1");
+    kstest::Wire program = kstest::requestWire("Scheduler", "TRVX_TS_SCHEDULE");
+    kstest::Wire blob = kstest::requestWire("Scheduler", "TRVX_TS_SCHEDULE_BLOB").addString("b").addInt(1).addRaw("x");
+    program.addString("t").addString("/bin/true").addString("/").addString("");
+    for (int n : {int(cOneTime), w.month, w.day, w.year, w.hour, w.minute, w.second}) {
+        program.addLong(n);
+        blob.addInt(n);
+    }
+    program.addString("");
+    for (const auto& [request, answer] : {std::pair{program, "E13"}, {blob, "l1"}}) {
+        kstest::WireClient c;
+        OrvoNet::Codec::Value v;
+        ASSERT_TRUE(c.connect("socket:" + std::to_string(tcp.tcpPort())));
+        c.send(request.bytes());
+        ASSERT_TRUE(c.readValue(v));
+        EXPECT_EQ(std::string(1, v.tag) + std::to_string(v.integer), answer);
+    }
 }
 
 // Runs `body` as the user nobody; its int result comes back (-9999 when none did).

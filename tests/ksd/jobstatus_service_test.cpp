@@ -1,4 +1,4 @@
-// The JobStatus service as the request layer drives it: field plans, the
+// The JobStatus service as the request layer drives it: the
 // requests with their replies, who may change what, and the events in order.
 #include <gtest/gtest.h>
 
@@ -13,7 +13,6 @@
 
 namespace {
 
-using ksd::FieldKind;
 using ksdtest::unixPeer;
 using Fields = std::vector<ksd::Value>;
 
@@ -31,42 +30,12 @@ protected:
         service_->handle(r);
         return responder;
     }
-    // The kinds a request's plan asks for when fed `fields` one by one, as the parser would.
-    std::vector<FieldKind> walkPlan(const char* request, const Fields& fields, int* errorCode = nullptr) {
-        const ksd::FieldPlan* plan = service_->plan(request);
-        std::vector<FieldKind> kinds;
-        for (Fields soFar; plan != nullptr; soFar.push_back(fields[soFar.size()])) {
-            const auto asked = (*plan)(soFar);
-            kinds.push_back(asked.kind);
-            if (errorCode) *errorCode = asked.errorCode;
-            if (asked.kind == FieldKind::Done || asked.kind == FieldKind::Invalid || soFar.size() == fields.size()) break;
-        }
-        return kinds;
-    }
-
     kstest::ScopedTempDir dir_{"kstest-jobstatus"};
     asio::io_context io_;
     ksdtest::RecordingPublisher events_;
     std::unique_ptr<ksd::JobStatusService> service_ = std::make_unique<ksd::JobStatusService>(
         io_, events_, dir_.path(), ksd::jobs::JobLimits{.maxNameLength = 8, .maxDescriptionLength = 16, .maxAppIds = 4, .listPageBytes = 1});
 };
-
-TEST_F(JobStatus, EveryRequestAwaitsExactlyTheFieldsItsClientFunctionSends) {
-    for (const auto& [request, fields] : std::vector<std::pair<const char*, Fields>>{
-             {"TRVX_JS_CREATE", {str("d"), str("n")}}, {"TRVX_JS_LOOKUP", {str("n")}}, {"TRVX_JS_DELETE", {lng(1)}},
-             {"TRVX_JS_GET_PROGRESS", {lng(1)}}, {"TRVX_JS_CANCEL", {lng(1)}}, {"TRVX_JS_SET_PROGRESS", {lng(1), lng(2)}},
-             {"TRVX_JS_GET_ALL_PROGRESS", {}}, {"TRVX_JS_MAP_JOB", {lng(1), lng(-3)}},
-             {"TRVX_JS_MAP_JOB", {lng(1), lng(2), lng(5), lng(6)}},
-             {"TRVX_JS_MAP_JOB", {lng(1), lng(4), lng(5), lng(6), lng(7), lng(8)}}}) {
-        std::vector<FieldKind> expected;
-        for (const auto& f : fields) expected.push_back(f.tag == 's' ? FieldKind::String : FieldKind::Long);
-        expected.push_back(FieldKind::Done);
-        EXPECT_EQ(walkPlan(request, fields), expected) << request;
-    }
-    int error = 0;
-    EXPECT_EQ(walkPlan("TRVX_JS_MAP_JOB", {lng(1), lng(5)}, &error).back(), FieldKind::Invalid) << "count bounded first";
-    EXPECT_EQ(error, EMSGSIZE);
-}
 
 TEST_F(JobStatus, ALifeCycleAnswersEachRequestAndPublishesEachEventInOrder) {
     for (const auto& tooLong : {Fields{str("d"), str("123456789")}, Fields{str(std::string(17, 'd')), str("n")}})

@@ -113,23 +113,6 @@ protected:
     std::unique_ptr<TestServer> server_;
 };
 
-TEST_F(NotifierTest, RegisterNotifyUnregisterWithOneSubscriptionPerAddressAndId) {
-    start();
-    TestSink sink;
-    EXPECT_EQ(subscribe("weather", sink.address(), 7), 0);
-    EXPECT_EQ(subscribe("weather", sink.address(), 7), 0);
-    EXPECT_EQ(status("subscriptions"), 1) << "the same address and id twice is one subscription";
-    const std::string payload("\x00\x01\x02rain", 7);
-    EXPECT_EQ(notify("weather", "<w>rain</w>", payload), 1) << "queued for one subscription";
-    EXPECT_EQ(sink.next(), "7|udp:127.0.0.1:0|weather|<w>rain</w>|" + payload);
-    EXPECT_EQ(subscribe("climate", sink.address(), 7), 0) << "the key moves to another event";
-    EXPECT_EQ(notify("weather"), 0);
-    EXPECT_EQ(notify("climate"), 1);
-    EXPECT_EQ(unsubscribe(sink.address(), 7), 0);
-    EXPECT_EQ(unsubscribe(sink.address(), 7), -2);
-    EXPECT_EQ(notify("climate"), 0);
-}
-
 TEST_F(NotifierTest, DeliveryFollowsPublicationOrderOverOnePushConnection) {
     start();
     TestSink sink;

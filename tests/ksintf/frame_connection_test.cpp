@@ -1,5 +1,5 @@
 // OrvoLibraryConnection: transport choice from KSINTF_CONN_TYPE, request
-// framing bytes, and the raw whole-buffer operations.
+// framing: one send per request, the trailer read.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -129,41 +129,4 @@ TEST(FrameConnectionType, UniquePipeAndTcpPortCarryTenFieldsInOneSend) {
         EXPECT_EQ(daemon.connectionBytes(1), sHeader + sFields);
         EXPECT_TRUE(daemon.waitForClientClosed(1));  // the trailer was read and the transport closed
     }
-}
-
-// Header and trailer bytes, exactly, on a transport in memory; a connection
-// without a request reads and writes nothing.
-TEST(FrameRequest, HeaderWrittenAndTrailerReadExactly) {
-    const std::string sIncoming = Wire().addShort(0).addShort(7777).addRaw("rest!");
-    auto* pMemory = new OrvoNet::OrvoPayloadConnection(sIncoming);
-    OrvoSmartPointer<OrvoConnection> memory(pMemory);
-    { OrvoLibraryConnection idle(memory); }
-    EXPECT_EQ(pMemory->remaining(), sIncoming.size());
-    {
-        OrvoLibraryConnection connection(memory, "JobStatus", "TRVX_JS_CANCEL");
-        EXPECT_TRUE(connection.isRequestActive());
-        EXPECT_EQ(pMemory->written(),
-                  std::string("h\x00\x01h\x1e\x61s\x00\x00\x00\x09JobStatuss\x00\x00\x00\x0eTRVX_JS_CANCEL", 39));
-        EXPECT_EQ(pMemory->remaining(), sIncoming.size());
-    }
-    EXPECT_EQ(pMemory->remaining(), 5u);  // only the two trailing shorts were read
-    EXPECT_EQ(memory->getServiceName(), "TRVX");
-    OrvoSmartPointer<OrvoConnection> cut(new OrvoNet::OrvoPayloadConnection(std::string("h\x00", 2)));
-    OrvoLibraryConnection connection(cut, "S", "R");
-    EXPECT_NO_THROW(connection.endRequest());  // a cut-off trailer does not throw
-    EXPECT_FALSE(connection.isRequestActive());
-    EXPECT_NO_THROW(connection.endRequest());
-}
-
-TEST(FrameRawBuffers, PutAndGetMoveWholeBuffersOrThrow) {
-    auto* pMemory = new OrvoNet::OrvoPayloadConnection("abcdef");
-    OrvoSmartPointer<OrvoConnection> memory(pMemory), broken(new OrvoConnection);  // the base has no transport
-    char out[] = {'x', '\0', 'y'}, in[4] = {};
-    EXPECT_EQ(memory->put(out, 3), 3);
-    EXPECT_EQ(pMemory->written(), std::string(out, 3));
-    EXPECT_EQ(memory->get(in, 4), 4);
-    EXPECT_EQ(std::string(in, 4), "abcd");
-    EXPECT_EQ(frametest::failureOf([&] { memory->get(in, 3); }).rfind("OrvoConnection::get: failed read ", 0), 0u);
-    EXPECT_EQ(frametest::failureOf([&] { broken->put(out, 3); }),
-              "OrvoConnection::put: transfer failed. " + std::to_string(EBADF));
 }
