@@ -158,7 +158,8 @@ int main(int argc, char** argv) {
     auto& scheduler = options.scheduler;
     limits
         ->add_option("--max-tasks-per-user", scheduler.maxTasksPerUser,
-                     "scheduled tasks one user keeps (all TCP clients are one user; root is exempt); "
+                     "scheduled tasks one user keeps (a TCP client counts for its socket's owner; root is exempt; "
+                     "the last 64 cancelled of each user stay readable and count for nothing); "
                      "over it scheduling answers -122")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);

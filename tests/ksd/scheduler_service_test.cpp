@@ -19,6 +19,9 @@ using Fields = std::vector<ksd::Value>;
 
 ksd::Value str(std::string s) { return {'s', 0, std::move(s)}; }
 ksd::Value lng(std::int64_t v) { return {'l', v, {}}; }
+ksd::Value num(std::int64_t v) { return {'i', v, {}}; }
+// An error value (the connection then closed) comes back as kRefused + its code.
+constexpr std::int64_t kRefused = 1000;
 
 // A month before the real time: every due time the test creates lies in the
 // real past, so the loop's timer fires as soon as the test lets it run.
@@ -43,10 +46,13 @@ protected:
                    uid);
     }
     std::int64_t ask(const char* request, Fields fields, uid_t uid = ::getuid()) {
+        return ask(request, std::move(fields), unixPeer(1, uid));
+    }
+    std::int64_t ask(const char* request, Fields fields, const ksd::PeerInfo& peer) {
         auto responder = std::make_shared<ksdtest::FakeResponder>();
-        ksd::Request r{"Scheduler", request, std::move(fields), unixPeer(1, uid), responder};
+        ksd::Request r{"Scheduler", request, std::move(fields), peer, responder};
         service_->handle(r);
-        return responder->value().value_or(-9999);
+        return responder->failCode ? kRefused + *responder->failCode : responder->value().value_or(-9999);
     }
     std::vector<std::int32_t> states() const {
         std::vector<std::int32_t> out;
@@ -135,6 +141,34 @@ TEST_F(SchedulerLoop, AUsersTasksTheirBytesAndTheirFieldsAreBoundedAndRootIsExem
     EXPECT_EQ(scheduleDaily("long-params", std::string(128 * 1024 + 1, 'a'), at, 0), -E2BIG);
     open(limits);
     EXPECT_EQ(scheduleDaily("u4", "", at, user), -EDQUOT) << "the quota is counted again at start";
+}
+
+TEST_F(SchedulerLoop, OverTcpABlobTaskIsItsSocketOwnersAndAClientOfUnknownOwnerChangesNothing) {
+    open();
+    const auto blob = [&](const char* name, const ksd::PeerInfo& peer) {
+        return ask("TRVX_TS_SCHEDULE_BLOB",
+                   Fields{str(name), num(1), {0, 0, "x"}, num(3), num(1), num(1), num(2040), num(0), num(0), num(0)},
+                   peer);
+    };
+    EXPECT_EQ(blob("nobody's", ksdtest::tcpPeer()), kRefused + EACCES);
+    const std::int64_t h = blob("alice's", ksdtest::tcpPeerOf(1000));
+    ASSERT_GT(h, 0);
+    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(h)}, ksdtest::tcpPeer()), kRefused + EACCES);
+    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(h)}, ksdtest::tcpPeerOf(1001)), -EPERM) << "Bob over TCP";
+    EXPECT_EQ(ask("TRVX_TS_TASK_STATE", Fields{lng(h)}, 1000), kWaiting) << "Alice's, however she comes";
+}
+
+TEST_F(SchedulerLoop, ACancelledTaskAnswersUntilItsOwnerCancelsMoreThenLeavesTheStore) {
+    ksd::SchedulerLimits limits;
+    limits.cancelledKeptPerUser = 1;
+    open(limits);
+    const std::int64_t a = scheduleDaily("a", "-c true", kStart + 3600), b = scheduleDaily("b", "-c true", kStart + 3600);
+    ASSERT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(a)}), 0);
+    EXPECT_EQ(ask("TRVX_TS_TASK_STATE", Fields{lng(a)}), -1) << "exit";
+    ASSERT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(b)}), 0);
+    open();  // keeping more now brings back nothing that was forgotten
+    EXPECT_EQ(ask("TRVX_TS_TASK_STATE", Fields{lng(a)}), -ENOENT);
+    EXPECT_EQ(ask("TRVX_TS_TASK_STATE", Fields{lng(b)}), -1);
 }
 
 }  // namespace

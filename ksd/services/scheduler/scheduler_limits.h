@@ -18,10 +18,13 @@ struct SchedulerLimits {
     // Paths (program, directory, log file) and the parameter string.
     std::size_t maxPathLength = 4096;  // PATH_MAX
     std::size_t maxParametersLength = 128 * 1024;
-    // Tasks one user keeps (all TCP clients are one user), and their stored
+    // Tasks one user keeps (a TCP client counts as its socket's owner), and their stored
     // bytes: strings and blobs. Over either, scheduling answers -122.
     std::size_t maxTasksPerUser = 1000;
     std::uint64_t maxTaskBytesPerUser = 64u * 1024u * 1024u;
+    // Cancelled tasks kept readable per user (root too), the most recently
+    // cancelled; an older one is then forgotten (its handle answers -2).
+    std::size_t cancelledKeptPerUser = 64;
     // Programs running at once, per user and in all; each costs the daemon
     // two descriptors, reserved at start. A due run over either is skipped.
     std::size_t maxProgramsPerUser = 64;

@@ -56,18 +56,22 @@ std::string listLine(const Task& t) {
         text += '\t' + std::to_string(t.exitCode.value_or(kNeverRan)) + '\t' + std::to_string(t.owner);
         text += '\t' + listField(t.program) + '\t' + listField(t.parameters) + '\t' + listField(t.lastFailure);
     } else {
-        text += '\t' + std::to_string(t.blobSize) + '\t' + (t.ownerIsUnix ? std::to_string(t.owner) : "tcp");
+        text += '\t' + std::to_string(t.blobSize) + '\t' + (t.ownerKnown ? std::to_string(t.owner) : "tcp");
     }
     return text + '\n';
 }
 
-// Owner rules: root reads and cancels any task; a user only its own; a TCP
-// client (no identity) only what a TCP client scheduled.
+// Owner rules: root reads and cancels any task; a user, over Unix or TCP,
+// only its own; a TCP client of unknown owner only reads what such a client
+// stored before they were refused (changes are refused it in handle()).
 bool mayTouch(const PeerInfo& peer, const Task& task) {
     if (isRoot(peer)) return true;
-    if (peer.isUnix != task.ownerIsUnix) return false;
-    return !peer.isUnix || peer.uid == task.owner;
+    if (!isIdentified(peer) || !task.ownerKnown) return isIdentified(peer) == task.ownerKnown;
+    return peer.uid == task.owner;
 }
+
+// Whose quota a task counts against: its owner's uid, -1 for nobody.
+std::int64_t ownerKey(const Task& task) { return task.ownerKnown ? static_cast<std::int64_t>(task.owner) : -1; }
 
 // TRVX_TS_SCHEDULE_BLOB: name, length, the raw bytes, then seven ints. The
 // length is judged before a byte of the blob is awaited.
@@ -110,7 +114,9 @@ SchedulerService::SchedulerService(asio::io_context& io, EventPublisher& events,
     for (Task& t : store_->loadAll()) {
         const std::int64_t h = t.handle;
         if (t.cancelled) {
+            const std::int64_t owner = ownerKey(t);
             tasks_.emplace(h, std::move(t));
+            keepCancelled(owner, h);
             continue;
         }
         const bool boot = t.schedule.frequency == sched::Frequency::BootTime;
@@ -169,6 +175,8 @@ void SchedulerService::handle(Request& request) {
     const auto& f = request.fields;
     Responder& responder = *request.responder;
     if (r == "TRVX_TS_SCHEDULE") return schedule(request);
+    if ((r == "TRVX_TS_SCHEDULE_BLOB" || r == "TRVX_TS_CANCEL") && !isIdentified(request.peer))
+        return responder.fail(EACCES, "a TCP client whose owner is unknown may read tasks but not change them");
     if (r == "TRVX_TS_SCHEDULE_BLOB") return scheduleBlob(request);
     if (r == "TRVX_TS_LIST_EXEC") return list(request, TaskKind::Program);
     if (r == "TRVX_TS_LIST_BLOB") return list(request, TaskKind::Blob);
@@ -224,6 +232,7 @@ void SchedulerService::handle(Request& request) {
         save(*task);
         responder.reply(longReply(0));
         setState(*task, TaskState::Exit);
+        keepCancelled(ownerKey(*task), task->handle);
         return arm();
     }
     responder.fail(ENOSYS, "Scheduler does not serve " + r);
@@ -272,8 +281,7 @@ void SchedulerService::scheduleBlob(Request& request) {
     t.kind = TaskKind::Blob;
     t.name = f[0].text;
     t.blobSize = f[2].text.size();
-    t.ownerIsUnix = request.peer.isUnix;
-    t.owner = request.peer.isUnix ? request.peer.uid : static_cast<uid_t>(-1);
+    t.owner = request.peer.uid;  // handle() let only identified clients through
     const auto frequency = sched::frequencyFrom(f[3].integer);
     // The client checks none of these fields.
     if (!frequency || !isPrintableName(t.name)) return responder.reply(longReply(-EINVAL));
@@ -286,17 +294,17 @@ void SchedulerService::scheduleBlob(Request& request) {
 }
 
 void SchedulerService::account(const Task& task, int sign) {
-    Usage& u = usage_[task.ownerIsUnix ? static_cast<std::int64_t>(task.owner) : -1];
+    Usage& u = usage_[ownerKey(task)];
     u.tasks += sign;
     u.bytes += sign * static_cast<std::int64_t>(task.storedBytes());
 }
 
 std::int64_t SchedulerService::add(Task task, std::string_view blob) {
-    if (!task.ownerIsUnix || task.owner != 0) {
-        const Usage& u = usage_[task.ownerIsUnix ? static_cast<std::int64_t>(task.owner) : -1];
+    if (task.owner != 0) {
+        const Usage& u = usage_[ownerKey(task)];
         if (u.tasks >= limits_.maxTasksPerUser || u.bytes + task.storedBytes() > limits_.maxTaskBytesPerUser) {
             ORVO_LOG(4, "ksd: Scheduler: task quota of uid "
-                            << (task.ownerIsUnix ? std::to_string(task.owner) : std::string("tcp")).c_str()
+                            << static_cast<unsigned long>(task.owner)
                             << " reached (" << static_cast<unsigned long>(u.tasks) << " tasks, "
                             << static_cast<unsigned long>(u.bytes) << " bytes): " << task.name.c_str() << " refused");
             return -EDQUOT;
@@ -362,7 +370,7 @@ std::string SchedulerService::queryFor(std::string_view what, const PeerInfo& as
         member("last_run", t.lastRun ? sched::formatTime(*t.lastRun, sched::Zone::Local) : std::string());
         if (blobs) {
             number("length", std::to_string(t.blobSize));
-            if (t.ownerIsUnix)
+            if (t.ownerKnown)
                 number("owner_uid", std::to_string(t.owner));
             else
                 member("owner_uid", "tcp");
@@ -462,10 +470,11 @@ void SchedulerService::run(Task& task, std::time_t now) {
     std::string failure;
     std::weak_ptr<char> alive = alive_;
     const std::int64_t h = task.handle;
+    const uid_t owner = task.owner;
     const pid_t pid = runner_.start(
         spec,
-        [this, alive, h](const sched::RunResult& result) {
-            if (!alive.expired()) programEnded(h, result);
+        [this, alive, h, owner](const sched::RunResult& result) {
+            if (!alive.expired()) programEnded(h, owner, result);
         },
         failure);
     if (pid < 0) return failedStart(task, failure);
@@ -476,12 +485,12 @@ void SchedulerService::run(Task& task, std::time_t now) {
     save(task);
 }
 
-void SchedulerService::programEnded(std::int64_t handle, const sched::RunResult& result) {
+void SchedulerService::programEnded(std::int64_t handle, uid_t owner, const sched::RunResult& result) {
+    if (--runningBy_[owner] == 0) runningBy_.erase(owner);
     auto it = tasks_.find(handle);
-    if (it == tasks_.end()) return;
+    if (it == tasks_.end()) return;  // cancelled and forgotten while it ran
     Task& task = it->second;
     task.pid = -1;
-    if (--runningBy_[task.owner] == 0) runningBy_.erase(task.owner);
     if (!result.started)
         return failedStart(task, result.error != 0 ? result.stage + ": " + std::strerror(result.error) : result.stage);
     task.exitCode = result.exitCode;
@@ -510,10 +519,23 @@ void SchedulerService::setState(Task& task, TaskState state) {
     task.state = state;
     // Only those who may read the task's state hear of it among all tasks.
     events_.publishEvent(EventFamily::Task, std::to_string(task.handle), static_cast<std::int32_t>(state),
-                         EventAudience::ownerAndRoot(task.ownerIsUnix ? task.owner : static_cast<uid_t>(-1)));
+                         EventAudience::ownerAndRoot(task.ownerKnown ? task.owner : static_cast<uid_t>(-1)));
 }
 
 void SchedulerService::save(const Task& task) { store_->update(task); }
+
+void SchedulerService::keepCancelled(std::int64_t owner, std::int64_t handle) {
+    // A cancelled task answers for itself (state exit, exit code, times) only
+    // until its owner has cancelled enough later ones: cancelling in a loop
+    // must not grow the store.
+    std::deque<std::int64_t>& kept = cancelledBy_[owner];
+    kept.push_back(handle);
+    while (kept.size() > limits_.cancelledKeptPerUser) {
+        store_->erase(kept.front());
+        tasks_.erase(kept.front());
+        kept.pop_front();
+    }
+}
 
 std::vector<StatusItem> SchedulerService::status() const {
     return {{"tasks", static_cast<std::int64_t>(byName_.size())},

@@ -8,6 +8,7 @@
 
 #include <asio/io_context.hpp>
 #include <asio/system_timer.hpp>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -59,12 +60,14 @@ private:
     void arm();
     void onTimer();
     void run(sched::Task& task, std::time_t now);
-    void programEnded(std::int64_t handle, const sched::RunResult& result);
+    void programEnded(std::int64_t handle, uid_t owner, const sched::RunResult& result);
     // Ends a run that never reached its program: state cExit, the reason kept and logged.
     void failedStart(sched::Task& task, const std::string& reason);
     void afterRun(sched::Task& task);
     void setState(sched::Task& task, sched::TaskState state);
     void save(const sched::Task& task);
+    // Keeps a task just cancelled, dropping the owner's oldest beyond the limit.
+    void keepCancelled(std::int64_t owner, std::int64_t handle);
 
     EventPublisher& events_;
     Clock clock_;
@@ -82,7 +85,8 @@ private:
         std::size_t tasks = 0;
         std::uint64_t bytes = 0;
     };
-    std::unordered_map<std::int64_t, Usage> usage_;  // live tasks per owner uid (-1: TCP)
+    std::unordered_map<std::int64_t, Usage> usage_;  // live tasks per owner uid (-1: nobody)
+    std::unordered_map<std::int64_t, std::deque<std::int64_t>> cancelledBy_;  // oldest first, per owner
     std::int64_t runs_ = 0, skipped_ = 0;
     FieldPlan schedulePlan_, blobPlan_, namePlan_, handlePlan_, infoPlan_, emptyPlan_;
 };

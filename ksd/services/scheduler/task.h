@@ -25,7 +25,8 @@ struct Task {
     std::int64_t handle = 0;
     std::string name;
     TaskKind kind = TaskKind::Program;
-    bool ownerIsUnix = true;  // false: scheduled over TCP, owned by no user
+    // false: stored by a TCP client whose owner was unknown (refused since), owned by no user.
+    bool ownerKnown = true;
     uid_t owner = 0;
     std::string program, workDir, parameters, logFile;
     std::size_t blobSize = 0;  // the blob itself stays in the store until asked for

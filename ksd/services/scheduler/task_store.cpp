@@ -66,7 +66,7 @@ std::vector<Task> TaskStore::loadAll() {
         t.handle = s.columnInt(0);
         t.name = s.columnText(1);
         t.kind = static_cast<TaskKind>(s.columnInt(2));
-        t.ownerIsUnix = s.columnInt(3) != 0;
+        t.ownerKnown = s.columnInt(3) != 0;
         t.owner = static_cast<uid_t>(s.columnInt(4));
         t.program = s.columnText(5);
         t.workDir = s.columnText(6);
@@ -88,6 +88,8 @@ std::vector<Task> TaskStore::loadAll() {
     s.reset();
     return tasks;
 }
+
+void TaskStore::erase(std::int64_t handle) { db_.cached("DELETE FROM scheduler_tasks WHERE handle = ?1").bind(1, handle).run(); }
 
 std::int64_t TaskStore::lastHandle() {
     auto& s = db_.cached("SELECT value FROM counters WHERE name = 'last_task_handle'");
@@ -116,7 +118,7 @@ std::int64_t TaskStore::insert(Task& task, std::string_view blob) {
         .bind(1, handle)
         .bind(2, std::string_view(task.name))
         .bind(3, static_cast<std::int64_t>(task.kind))
-        .bind(4, std::int64_t{task.ownerIsUnix ? 1 : 0})
+        .bind(4, std::int64_t{task.ownerKnown ? 1 : 0})
         .bind(5, static_cast<std::int64_t>(task.owner))
         .bind(6, std::string_view(task.program))
         .bind(7, std::string_view(task.workDir))

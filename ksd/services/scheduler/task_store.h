@@ -26,6 +26,7 @@ public:
     // Writes what changes over a task's life: state, runs, next time, failure,
     // cancellation (which drops the blob and the strings).
     void update(const Task& task);
+    void erase(std::int64_t handle);
     std::string blob(std::int64_t handle);
     std::int64_t lastHandle();
 
