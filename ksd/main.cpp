@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <asio/signal_set.hpp>
 #include <chrono>
 #include <cstdint>
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -185,17 +185,20 @@ int main(int argc, char** argv) {
                      "subscriptions of one user (root is exempt)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    limits->add_option("--max-push-bytes-per-user", options.notifier.maxQueuedBytesPerUser,
-                       "bytes of notifications queued for one user's subscribers, all addresses together (root "
-                       "is exempt; beyond: that user's notifications are dropped and counted)")
+    limits
+        ->add_option("--max-push-bytes-per-user", options.notifier.maxQueuedBytesPerUser,
+                     "bytes of notifications queued for one user's subscribers, all addresses together (root "
+                     "is exempt; beyond: that user's notifications are dropped and counted)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    limits->add_option("--max-jobs-per-user", options.jobs.maxJobsPerUser,
-                       "live jobs of one user (root is exempt; beyond: -122)")
+    limits
+        ->add_option("--max-jobs-per-user", options.jobs.maxJobsPerUser,
+                     "live jobs of one user (root is exempt; beyond: -122)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    limits->add_option("--max-jobs", options.jobs.maxJobs,
-                       "live jobs in all; the last --job-root-reserve of them are for root (beyond: -28)")
+    limits
+        ->add_option("--max-jobs", options.jobs.maxJobs,
+                     "live jobs in all; the last --job-root-reserve of them are for root (beyond: -28)")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     limits->add_option("--job-root-reserve", options.jobs.rootReserve, "live jobs kept for root")

@@ -162,7 +162,8 @@ TEST_F(SchedulerLoop, ACancelledTaskAnswersUntilItsOwnerCancelsMoreThenLeavesThe
     ksd::SchedulerLimits limits;
     limits.cancelledKeptPerUser = 1;
     open(limits);
-    const std::int64_t a = scheduleDaily("a", "-c true", kStart + 3600), b = scheduleDaily("b", "-c true", kStart + 3600);
+    const std::int64_t a = scheduleDaily("a", "-c true", kStart + 3600),
+                       b = scheduleDaily("b", "-c true", kStart + 3600);
     ASSERT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(a)}), 0);
     EXPECT_EQ(ask("TRVX_TS_TASK_STATE", Fields{lng(a)}), -1) << "exit";
     ASSERT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(b)}), 0);

@@ -3,8 +3,15 @@
 // the code, argument checks that keep a request from going out, the buffer
 // protocols of text and blob replies, and pushed events reaching the caller.
 #include <gtest/gtest.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <functional>
 #include <mutex>
@@ -19,6 +26,7 @@
 #include "OrvoNotificationNetwork.h"
 #include "OrvoPayloadConnection.h"
 #include "OrvoResourceArbitration.h"
+#include "OrvoStreamConnection.h"
 #include "OrvoTaskScheduler.h"
 #include "ResourceArbitrationCallback.h"
 #include "away_from_midnight.h"
@@ -28,6 +36,18 @@
 using namespace kstest;
 using KSInterface::KSIntfLibrary;
 using Events = std::vector<std::string>;
+
+namespace {
+// While set, getrandom (interposed below for the library) gives zeros: the
+// callback sink's names become predictable, so a test can take them all first.
+std::atomic<bool> g_bZeroRandom{false};
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) ssize_t getrandom(void* pBuf, size_t nLength, unsigned int nFlags) {
+    if (!g_bZeroRandom) return ::syscall(SYS_getrandom, pBuf, nLength, nFlags);
+    std::memset(pBuf, 0, nLength);
+    return static_cast<ssize_t>(nLength);
+}
 
 namespace {
 
@@ -236,6 +256,20 @@ TEST_F(WireTest, FailedExchangesReturnMinusTheCode) {
         KSIntfLibrary::deleteSharedLibraryConnection();
         EXPECT_EQ(c.call(), c.nResult) << c.sRecord;
     }
+    // Every name the sink may try is taken: registering fails at once with the
+    // bind error, before any request goes out (a hang shows as the test's time-out).
+    KSIntfLibrary::deleteInstance();
+    sockaddr_un squat;
+    const unsigned nLen =
+        OrvoNet::pipeAddress("ksintf-cb-" + std::to_string(getpid()) + "-" + std::string(16, '0'), &squat);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&squat), nLen), 0);
+    const std::size_t nRequests = m_daemon.requestCount();
+    g_bZeroRandom = true;
+    EXPECT_EQ(OrvoNNRegisterForNotification("e", onNotification, nullptr), -EADDRINUSE);
+    g_bZeroRandom = false;
+    close(fd);
+    EXPECT_EQ(m_daemon.requestCount(), nRequests);
     m_daemon.stop();
     const std::function<long()> down[] = {[&] { return OrvoNNNotify("e", &plain); },
                                           [] { return OrvoNNUnregisterForNotification(1); },

@@ -303,10 +303,10 @@ std::int64_t SchedulerService::add(Task task, std::string_view blob) {
     if (task.owner != 0) {
         const Usage& u = usage_[ownerKey(task)];
         if (u.tasks >= limits_.maxTasksPerUser || u.bytes + task.storedBytes() > limits_.maxTaskBytesPerUser) {
-            ORVO_LOG(4, "ksd: Scheduler: task quota of uid "
-                            << static_cast<unsigned long>(task.owner)
-                            << " reached (" << static_cast<unsigned long>(u.tasks) << " tasks, "
-                            << static_cast<unsigned long>(u.bytes) << " bytes): " << task.name.c_str() << " refused");
+            ORVO_LOG(4, "ksd: Scheduler: task quota of uid " << static_cast<unsigned long>(task.owner) << " reached ("
+                                                             << static_cast<unsigned long>(u.tasks) << " tasks, "
+                                                             << static_cast<unsigned long>(u.bytes)
+                                                             << " bytes): " << task.name.c_str() << " refused");
             return -EDQUOT;
         }
     }

@@ -85,7 +85,7 @@ private:
         std::size_t tasks = 0;
         std::uint64_t bytes = 0;
     };
-    std::unordered_map<std::int64_t, Usage> usage_;  // live tasks per owner uid (-1: nobody)
+    std::unordered_map<std::int64_t, Usage> usage_;                           // live tasks per owner uid (-1: nobody)
     std::unordered_map<std::int64_t, std::deque<std::int64_t>> cancelledBy_;  // oldest first, per owner
     std::int64_t runs_ = 0, skipped_ = 0;
     FieldPlan schedulePlan_, blobPlan_, namePlan_, handlePlan_, infoPlan_, emptyPlan_;

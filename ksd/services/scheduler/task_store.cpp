@@ -89,7 +89,9 @@ std::vector<Task> TaskStore::loadAll() {
     return tasks;
 }
 
-void TaskStore::erase(std::int64_t handle) { db_.cached("DELETE FROM scheduler_tasks WHERE handle = ?1").bind(1, handle).run(); }
+void TaskStore::erase(std::int64_t handle) {
+    db_.cached("DELETE FROM scheduler_tasks WHERE handle = ?1").bind(1, handle).run();
+}
 
 std::int64_t TaskStore::lastHandle() {
     auto& s = db_.cached("SELECT value FROM counters WHERE name = 'last_task_handle'");
