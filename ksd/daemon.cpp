@@ -58,7 +58,7 @@ Daemon::~Daemon() {
 
 void Daemon::run() {
     const auto& limits = options_.server;
-    ORVO_LOG(1, "ksd: ready, listening on pipe '"
+    ORVO_LOG(0, "ksd: ready, listening on pipe '"
                     << options_.pipe << "'"
                     << (options_.tcpPort >= 0 ? " and 127.0.0.1:" + std::to_string(server_->tcpPort()) : std::string())
                     << "; at most " << static_cast<unsigned long>(limits.maxConnections) << " connections ("

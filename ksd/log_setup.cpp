@@ -1,58 +1,65 @@
 #include "log_setup.h"
 
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
-#include <array>
-#include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <utility>
 
 #include "OrvoLogging.h"
 
 namespace ksd {
 
-namespace {
-
-constexpr std::array<std::pair<std::string_view, int>, 5> kNamedLevels{{
-    {"error", kLogError},
-    {"warning", kLogWarning},
-    {"info", kLogInfo},
-    {"debug", kLogDebug},
-    {"trace", kLogTrace},
-}};
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) != b[i]) return false;
-    }
-    return true;
-}
-
-}  // namespace
+using OrvoSupport::OrvoLogging;
 
 std::optional<int> parseLogLevel(std::string_view text) {
-    if (text.size() == 1 && text[0] >= '0' && text[0] <= '9') return text[0] - '0';
-    for (const auto& [name, level] : kNamedLevels) {
-        if (equalsIgnoringCase(text, name)) return level;
-    }
-    return std::nullopt;
+    const int level = OrvoLogging::parseLevel(std::string(text).c_str());
+    if (level < 0) return std::nullopt;
+    return level;
 }
 
 int syslogPriority(int level) {
-    // Level 1 carries the start and stop lines as well as problems: notice
-    // keeps them visible without calling every one an error.
-    if (level <= kLogError) return LOG_NOTICE;
-    if (level <= kLogInfo) return LOG_INFO;
+    if (level <= 0) return LOG_NOTICE;
+    if (level == 1) return LOG_ERR;
+    if (level <= 4) return LOG_WARNING;
+    if (level <= 7) return LOG_INFO;
     return LOG_DEBUG;
 }
 
 void logToSyslog() {
     ::openlog("ksd", LOG_PID | LOG_NDELAY, LOG_DAEMON);
-    OrvoSupport::OrvoLogging::getInstance().setSink([](int level, const OrvoSupport::OrvoString& record) {
-        ::syslog(syslogPriority(level), "%s", record.c_str());
+    OrvoLogging::getInstance().setSink([](int level, const OrvoSupport::OrvoString& record) {
+        ::syslog(syslogPriority(level), "[%s] %s", OrvoLogging::levelName(level), record.c_str());
     });
+}
+
+bool logToJournalStream() {
+    // The journal names its stream "device:inode"; a redirected stderr is another file.
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    struct stat st {};
+    unsigned long long device = 0, inode = 0;
+    if (stream == nullptr || std::sscanf(stream, "%llu:%llu", &device, &inode) != 2 ||
+        ::fstat(STDERR_FILENO, &st) != 0 || st.st_dev != device || st.st_ino != inode)
+        return false;
+    OrvoLogging::getInstance().setSink(
+        [line = std::string()](int level, const OrvoSupport::OrvoString& record) mutable {
+            // Called under the logger's lock: one line, one write, the buffer reused.
+            line.assign(1, '<');
+            line += std::to_string(syslogPriority(level));
+            line += ">[";
+            line += OrvoLogging::levelName(level);
+            line += "] ";
+            line += record;
+            line += '\n';
+            for (std::size_t done = 0; done < line.size();) {
+                const ssize_t n = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+                if (n <= 0) return;
+                done += static_cast<std::size_t>(n);
+            }
+        });
+    return true;
 }
 
 bool logFileNamed() {

@@ -1,4 +1,4 @@
-// Log levels by name or number, and where a detached ksd's records go.
+// Log levels by name or number, and where ksd's records go when no file is named.
 // A name always maps to the same number, so both spellings mean one threshold.
 #ifndef KSD_LOG_SETUP_H
 #define KSD_LOG_SETUP_H
@@ -8,25 +8,26 @@
 
 namespace ksd {
 
-// The named levels and the OrvoLogging threshold each stands for. Records are
-// made at 1 (problems, start and stop), 4 (refusals, drops, lost
-// subscribers) and 9 (every connection and request).
-inline constexpr int kLogError = 1;
+// Records are made at 0 (start, stop, log reopened: always shown), 1 (problems),
+// 4 (refusals, drops, failed task starts), 5 (what was loaded at start) and 9
+// (every connection and request). A daemon shows its warnings by default.
 inline constexpr int kLogWarning = 4;
-inline constexpr int kLogInfo = 5;
-inline constexpr int kLogDebug = 8;
-inline constexpr int kLogTrace = 9;
 
-// "error", "warning", "info", "debug", "trace" (any case) or a number 0-9;
-// nothing for anything else.
+// A level name (notice, error, warning, info, debug, trace; any case) or a
+// number 0-1000, as the logger reads OSUPT_LOG_LEVEL; nothing for anything else.
 std::optional<int> parseLogLevel(std::string_view text);
 
-// The syslog priority a record of `level` is sent with.
+// The syslog priority a record of `level` is sent with: notice, err, warning, info or debug.
 int syslogPriority(int level);
 
 // Sends every finished record to syslog(3) as "ksd[pid]" of facility daemon,
 // which the journal picks up; for a detached ksd with no log file named.
 void logToSyslog();
+
+// When standard error is the journal's stream (a service's), writes each record
+// there with its priority as a "<N>" prefix, which the journal takes as the
+// line's priority. False, changing nothing, otherwise.
+bool logToJournalStream();
 
 // True when OSUPT_LOG_FILE names a file to log to.
 bool logFileNamed();

@@ -100,7 +100,8 @@ int main(int argc, char** argv) {
     app.add_option("--state-dir", stateDir,
                    "state directory (default $STATE_DIRECTORY, else /var/lib/ksd as root, else ~/.local/state/ksd)");
     app.add_option("--log-level", logLevel,
-                   "log threshold: error (1), warning (4), info (5), debug (8), trace (9), or a number 0-9")
+                   "log threshold: notice (0), error (1), warning (4), info (7), debug (8), trace (9), or a number; "
+                   "notices (start, stop) are always logged")
         ->check(CLI::Validator(
             [](std::string& text) { return ksd::parseLogLevel(text) ? std::string() : "not a log level: " + text; },
             "LEVEL"));
@@ -242,7 +243,14 @@ int main(int argc, char** argv) {
         std::perror("ksd: cannot detach");
         return 1;
     }
-    if (!foreground && !ksd::logFileNamed()) ksd::logToSyslog();
+    // With no log file named, a detached ksd logs to syslog and a service's ksd to the
+    // journal's stream, each record with its priority; a ksd run by hand to its stderr.
+    if (!ksd::logFileNamed()) {
+        if (!foreground)
+            ksd::logToSyslog();
+        else
+            ksd::logToJournalStream();
+    }
     int stopSignal = 0;
     try {
         ksd::Daemon daemon(std::move(options));
@@ -259,7 +267,7 @@ int main(int argc, char** argv) {
             hangups.async_wait([&awaitHangup](const std::error_code& ec, int) {
                 if (ec) return;
                 if (OrvoSupport::OrvoLogging::getInstance().reopenFile())
-                    ORVO_LOG(1, "ksd: log file reopened on SIGHUP");
+                    ORVO_LOG(0, "ksd: log file reopened on SIGHUP");
                 awaitHangup();
             });
         };
@@ -269,7 +277,7 @@ int main(int argc, char** argv) {
         reportReady(readyFd, true);
         ksd::notifyReady();
         daemon.run();
-        ORVO_LOG(1, "ksd: stopped" << (stopSignal == SIGTERM  ? " on SIGTERM"
+        ORVO_LOG(0, "ksd: stopped" << (stopSignal == SIGTERM  ? " on SIGTERM"
                                        : stopSignal == SIGINT ? " on SIGINT"
                                                               : ""));
     } catch (const std::exception& e) {

@@ -82,7 +82,7 @@ void appendPrefix(OrvoString& sLine, int nLevel) {
                           local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
                           now.tv_nsec / 1000000L);
     sLine.append(buf, n > 0 ? static_cast<std::size_t>(n) : 0);
-    appendNumber(sLine, nLevel);
+    sLine += OrvoLogging::levelName(nLevel);
     sLine += "] [";
     appendNumber(sLine, static_cast<long>(::getpid()));
     sLine += ':';
@@ -102,18 +102,9 @@ void writeAll(int fd, const char* p, std::size_t n) {
     }
 }
 
-// The names ksd's --log-level takes, in any case, or a number 0 or more; -1 otherwise.
-int parseLevelText(const char* pszText) {
-    static const std::pair<const char*, int> kNames[] = {
-        {"error", 1}, {"warning", 4}, {"info", 5}, {"debug", 8}, {"trace", 9}};
-    for (const auto& [pszName, nLevel] : kNames) {
-        if (::strcasecmp(pszText, pszName) == 0) return nLevel;
-    }
-    char* pszEnd = nullptr;
-    const long nLevel = std::strtol(pszText, &pszEnd, 10);
-    if (pszEnd == pszText || *pszEnd != '\0' || nLevel < 0 || nLevel > 1000) return -1;
-    return static_cast<int>(nLevel);
-}
+// Each name as a threshold admits every record that carries it.
+constexpr std::pair<const char*, int> kLevelNames[] = {{"notice", 0}, {"error", 1}, {"warning", 4},
+                                                       {"info", 7},   {"debug", 8}, {"trace", 9}};
 
 }  // namespace
 
@@ -126,12 +117,14 @@ struct OrvoLogging::Impl {
 
 OrvoLogging::OrvoLogging() : m_pImpl(new Impl) {
     if (const char* pszLevel = std::getenv("OSUPT_LOG_LEVEL"); pszLevel != nullptr && *pszLevel != '\0') {
-        const int nLevel = parseLevelText(pszLevel);
+        const int nLevel = parseLevel(pszLevel);
         if (nLevel >= 0) {
             m_pImpl->nLevel.store(nLevel);
         } else {
-            std::fprintf(stderr, "OrvoLogging: OSUPT_LOG_LEVEL=%s is not a level (error, warning, info, debug, "
-                                 "trace or a number), using %d\n", pszLevel, kDefaultLevel);
+            std::fprintf(stderr,
+                         "OrvoLogging: OSUPT_LOG_LEVEL=%s is not a level (notice, error, warning, info, "
+                         "debug, trace or a number), using %d\n",
+                         pszLevel, kDefaultLevel);
         }
     }
     if (const char* pszFile = std::getenv("OSUPT_LOG_FILE"); pszFile != nullptr && *pszFile != '\0') {
@@ -159,7 +152,28 @@ bool OrvoLogging::isAccessAllowed() { return !g_bShutDown.load(std::memory_order
 
 int OrvoLogging::getLogLevel() const { return m_pImpl->nLevel.load(std::memory_order_relaxed); }
 
-void OrvoLogging::setLogLevel(int nLevel) { m_pImpl->nLevel.store(nLevel, std::memory_order_relaxed); }
+// Never below 0: notices are shown at every threshold.
+void OrvoLogging::setLogLevel(int nLevel) { m_pImpl->nLevel.store(nLevel < 0 ? 0 : nLevel, std::memory_order_relaxed); }
+
+const char* OrvoLogging::levelName(int nLevel) {
+    if (nLevel <= 0) return "notice";
+    if (nLevel == 1) return "error";
+    if (nLevel <= 4) return "warning";
+    if (nLevel <= 7) return "info";
+    return nLevel == 8 ? "debug" : "trace";
+}
+
+int OrvoLogging::parseLevel(const char* pszText) {
+    if (pszText == nullptr || *pszText == '\0') return -1;
+    for (const auto& [pszName, nLevel] : kLevelNames) {
+        if (::strcasecmp(pszText, pszName) == 0) return nLevel;
+    }
+    if (*pszText < '0' || *pszText > '9') return -1;  // strtol would take a sign or blanks
+    char* pszEnd = nullptr;
+    const long nLevel = std::strtol(pszText, &pszEnd, 10);
+    if (*pszEnd != '\0' || nLevel > 1000) return -1;
+    return static_cast<int>(nLevel);
+}
 
 void OrvoLogging::setSink(Sink sink) {
     std::lock_guard<std::mutex> hold(m_pImpl->mutex);

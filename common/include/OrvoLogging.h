@@ -21,7 +21,10 @@ inline constexpr OrvoEndRecord endrec{};
 // Process-wide logger. A record is streamed piece by piece on one thread
 // (each thread builds its own record) and written whole at `endrec`.
 // Environment (read once, at first use):
-//   OSUPT_LOG_LEVEL  threshold, records with a level above it are not made (default 1)
+//   OSUPT_LOG_LEVEL  threshold, records with a level above it are not made (default 1):
+//                    a level name or a number
+// Every line names its record's level: notice (0, always shown), error (1),
+// warning (2-4), info (5-7), debug (8), trace (9 and above).
 //   OSUPT_LOG_FILE   append records to this file instead of stderr
 class ORVO_SUPPORT_API OrvoLogging {
 public:
@@ -34,6 +37,12 @@ public:
 
     int getLogLevel() const;
     void setLogLevel(int nLevel);
+
+    // The name records of `nLevel` carry: "notice", "error", "warning", "info", "debug" or "trace".
+    static const char* levelName(int nLevel);
+    // The threshold a level name (any case; it admits every record of that name) or a
+    // number 0-1000 stands for; -1 for anything else.
+    static int parseLevel(const char* pszText);
 
     // Replaces the destination of finished records; an empty sink restores
     // the default (stderr or OSUPT_LOG_FILE). Tests use it to capture records.

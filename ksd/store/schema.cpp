@@ -52,7 +52,7 @@ int migrate(Database& db) {
     if (found != latest) db.setUserVersion(latest);
     transaction.commit();
     if (found != latest)
-        ORVO_LOG(4, "ksd: database " << db.file().string() << " upgraded from schema " << found << " to " << latest);
+        ORVO_LOG(5, "ksd: database " << db.file().string() << " upgraded from schema " << found << " to " << latest);
     return found;
 }
 

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -13,7 +14,9 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <tuple>
 
+#include "OrvoLogging.h"
 #include "fake_daemon.h"
 #include "ksd_process.h"
 #include "log_setup.h"
@@ -23,19 +26,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(ServiceSetup, LogLevelsByNameOrDigitMapOntoTheLoggingThresholds) {
-    EXPECT_EQ(ksd::parseLogLevel("error"), 1);
-    EXPECT_EQ(ksd::parseLogLevel("warning"), 4) << "refusals are logged at 4";
-    EXPECT_EQ(ksd::parseLogLevel("trace"), 9) << "every request is logged at 9";
-    EXPECT_EQ(ksd::parseLogLevel("Info"), ksd::parseLogLevel("info"));
-    EXPECT_EQ(ksd::parseLogLevel("DEBUG"), ksd::kLogDebug);
-    EXPECT_LT(*ksd::parseLogLevel("warning"), *ksd::parseLogLevel("info"));
-    EXPECT_LT(*ksd::parseLogLevel("info"), *ksd::parseLogLevel("debug"));
-    EXPECT_LT(*ksd::parseLogLevel("debug"), *ksd::parseLogLevel("trace"));
-    EXPECT_EQ(ksd::parseLogLevel("0"), 0);
-    EXPECT_EQ(ksd::parseLogLevel("7"), 7);
-    for (const char* bad : {"", "10", "-1", "warn", "errors", "e", "1x", " 1"})
+TEST(ServiceSetup, LevelNamesAreThresholdsLabelsAndJournalPriorities) {
+    // A name as a threshold admits every record labelled with it.
+    const std::pair<const char*, int> kThresholds[] = {{"notice", 0}, {"error", 1}, {"Warning", 4}, {"INFO", 7},
+                                                       {"debug", 8},  {"trace", 9}, {"0", 0},       {"12", 12}};
+    for (const auto& [text, level] : kThresholds) EXPECT_EQ(ksd::parseLogLevel(text), level) << text;
+    for (const char* bad : {"", "-1", "warn", "errors", "1x", " 1", "+1"})
         EXPECT_FALSE(ksd::parseLogLevel(bad).has_value()) << "'" << bad << "'";
+    const std::tuple<int, std::string, int> kRecords[] = {
+        {0, "notice", LOG_NOTICE}, {1, "error", LOG_ERR}, {2, "warning", LOG_WARNING}, {4, "warning", LOG_WARNING},
+        {5, "info", LOG_INFO},     {7, "info", LOG_INFO}, {8, "debug", LOG_DEBUG},     {12, "trace", LOG_DEBUG}};
+    for (const auto& [level, name, priority] : kRecords) {
+        EXPECT_EQ(OrvoSupport::OrvoLogging::levelName(level), name) << level;
+        EXPECT_EQ(ksd::syslogPriority(level), priority) << level;
+    }
 }
 
 TEST(ServiceSetup, StateDirectoryComesFromTheFirstAbsoluteManagerEntry) {
@@ -114,7 +118,7 @@ TEST(ServiceSetup, UnderAServiceManagerKsdUsesItsStateDirectoryAndReportsReadyAn
     const std::string records = readFile(log);
     EXPECT_NE(records.find("ksd: ready, listening on pipe '" + pipe + "'"), std::string::npos) << records;
     EXPECT_NE(records.find("ksd: stopped on SIGTERM"), std::string::npos) << records;
-    EXPECT_EQ(records.find("[4]"), std::string::npos) << "'error' admits level 1 only:\n" << records;
+    EXPECT_EQ(records.find("[warning]"), std::string::npos) << "'error' admits notices and errors only:\n" << records;
 }
 
 std::string firstLineOf(const std::string& program, const std::string& arg) {
@@ -144,11 +148,13 @@ TEST(ServiceSetup, TheStateDirectoryIsTheDaemonsAloneAndAnotherUsersIsRefused) {
     std::ofstream(state + "/left-by-an-older-ksd") << "x";
     fs::permissions(state + "/left-by-an-older-ksd", fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read,
                     fs::perm_options::replace);
-    const std::string command = "exec " + kstest::ksdProgram() + " --foreground --log-level error --pipe " +
+    // Its stderr is the journal's stream, as under systemd: each line carries its priority.
+    const std::string command = "export JOURNAL_STREAM=$(stat -L -c %d:%i /proc/$$/fd/1); exec " +
+                                kstest::ksdProgram() + " --foreground --log-level error --pipe " +
                                 kstest::uniqueName("kstest-state") + " --state-dir " + state + " 2>&1";
     {
         kstest::ChildProcess ksd("/bin/sh", {"-c", command});
-        ASSERT_TRUE(printsLineWith(ksd, "ksd: ready"));
+        ASSERT_TRUE(printsLineWith(ksd, "<5>[notice] ksd: ready"));
         for (const std::string file : {"", "/ksd.db", "/left-by-an-older-ksd"}) {
             const auto perms = fs::status(state + file).permissions();
             EXPECT_EQ(perms & (fs::perms::group_all | fs::perms::others_all), fs::perms::none) << "'" << file << "'";

@@ -72,8 +72,8 @@ TEST_F(LoggingTest, RecordsFromManyThreadsStayWhole) {
 }
 
 // Runs the helper with env in place of the logger's variables, its stderr in
-// dir/err, and returns the lines of sFile as "text" ("text@level" when the
-// level is not 1), a line of another shape as "?line".
+// dir/err, and returns the lines of sFile as "text" ("text@level name" when the
+// level is not "error"), a line of another shape as "?line".
 std::vector<std::string> helperLines(const std::string& sDir, std::vector<std::string> env, const std::string& sFile) {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -88,16 +88,17 @@ std::vector<std::string> helperLines(const std::string& sDir, std::vector<std::s
     std::vector<std::string> out;
     std::ifstream in(sDir + "/" + sFile);
     for (std::string s; std::getline(in, s);) {
-        int nLevel = 0, nText = 0;
+        char szLevel[16] = "";
+        int nText = 0;
         long nPid = 0, nTid = 0;
-        // "yyyy-mm-dd hh:mm:ss.mmm [level] [pid:tid] text", the stamp exactly 23 wide.
+        // "yyyy-mm-dd hh:mm:ss.mmm [level name] [pid:tid] text", the stamp exactly 23 wide.
         const bool bShaped = s.size() > 24 && s[24] == '[' &&
-                             std::sscanf(s.c_str(), "%*4d-%*2d-%*2d %*2d:%*2d:%*2d.%*3d [%d] [%ld:%ld] %n", &nLevel,
-                                         &nPid, &nTid, &nText) == 3;
+                             std::sscanf(s.c_str(), "%*4d-%*2d-%*2d %*2d:%*2d:%*2d.%*3d [%15[a-z]] [%ld:%ld] %n",
+                                         szLevel, &nPid, &nTid, &nText) == 3;
         const std::string sText = bShaped && nText > 0 ? s.substr(static_cast<std::size_t>(nText)) : "";
         // Process id, then thread id: the main thread's equals it, the second thread's does not.
         const bool bRight = !sText.empty() && nPid == pid && (nTid == nPid) != (sText == "from thread");
-        out.push_back(bRight ? sText + (nLevel == 1 ? "" : "@" + std::to_string(nLevel)) : "?" + s);
+        out.push_back(bRight ? sText + (std::string(szLevel) == "error" ? "" : "@" + std::string(szLevel)) : "?" + s);
     }
     return out;
 }
@@ -113,7 +114,7 @@ TEST(LoggingEnvTest, LevelAndFileFromTheEnvironment) {
     EXPECT_EQ(helperLines(sDir, {sFile}, "err"), std::vector<std::string>{});
     for (const char* pszLevel : {"OSUPT_LOG_LEVEL=9", "OSUPT_LOG_LEVEL=Trace"}) {
         EXPECT_EQ(helperLines(sDir, {pszLevel}, "err"),
-                  (std::vector<std::string>{"level one 1", "level two true@2", "level nine@9", "from thread",
+                  (std::vector<std::string>{"level one 1", "level two true@warning", "level nine@trace", "from thread",
                                             "from static destructor"}))
             << pszLevel;
     }

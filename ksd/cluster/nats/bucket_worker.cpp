@@ -118,7 +118,7 @@ kvStore* BucketWorker::open(const std::string& bucket) {
         cfg.Replicas = std::max(1, std::min(3, count));
         cfg.StorageType = js_FileStorage;
         s = js_CreateKeyValue(&kv, js_, &cfg);
-        if (s == NATS_OK) ORVO_LOG(4, "ksd: cluster: bucket " << name << " made, " << cfg.Replicas << " replicas");
+        if (s == NATS_OK) ORVO_LOG(5, "ksd: cluster: bucket " << name << " made, " << cfg.Replicas << " replicas");
     }
     if (s == NATS_OK && !leaderReads(name)) {
         // Opened again: the store learns at opening how it is to read.

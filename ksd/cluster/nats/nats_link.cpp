@@ -178,8 +178,9 @@ private:
         }
         const natsStatus s = natsConnection_Connect(&nc_, opts);
         if (s != NATS_OK && s != NATS_NOT_YET_CONNECTED) check(s, "connect");
-        ORVO_LOG(4, "ksd: cluster '" << options_.name << "': node '" << node_ << "' "
-                                     << (s == NATS_OK ? "connected" : "connecting in the background"));
+        ORVO_LOG(s == NATS_OK ? 5 : 4, "ksd: cluster '"
+                                           << options_.name << "': node '" << node_ << "' "
+                                           << (s == NATS_OK ? "connected" : "connecting in the background"));
     }
 
     void subscribe(const std::string& subject, const ClusterTopic& topic, bool heartbeat) {

@@ -64,8 +64,8 @@ void ArbiterService::lock(Request& request) {
     if (!isIdentified(request.peer)) return responder.fail(EACCES, "a TCP client whose owner is unknown may not lock");
     const auto held = heldByUser_.find(request.peer.uid);
     if (!isRoot(request.peer) && held != heldByUser_.end() && held->second >= limits_.maxLocksPerUser)
-        return responder.fail(EDQUOT, "too many locks held by this user (limit " +
-                                          std::to_string(limits_.maxLocksPerUser) + ")");
+        return responder.fail(
+            EDQUOT, "too many locks held by this user (limit " + std::to_string(limits_.maxLocksPerUser) + ")");
 
     Resource& resource = resources_[name];
     if (!resource.holder) {
@@ -96,8 +96,7 @@ void ArbiterService::lock(Request& request) {
     });
 }
 
-bool ArbiterService::grant(const std::string& name, Resource& resource, const PeerInfo& peer,
-                           Responder& responder) {
+bool ArbiterService::grant(const std::string& name, Resource& resource, const PeerInfo& peer, Responder& responder) {
     if (lastHandle_ >= std::numeric_limits<std::int32_t>::max()) {
         // Clients read handles as 32-bit ints; rather refuse than reuse one.
         responder.reply(longReply(-ENOSPC));
@@ -236,7 +235,7 @@ void ArbiterService::restoreFrom(std::unique_ptr<LockStore> store) {
         handles_[lock.handle] = lock.resource;
         if (auto it = byProcess_.find(lock.holder.pid); it != byProcess_.end()) it->second.insert(lock.handle);
         ++heldByUser_[lock.holder.uid];
-        ORVO_LOG(4, "ksd: arbiter: lock " << lock.handle << " of '" << lock.resource << "' held again for pid "
+        ORVO_LOG(5, "ksd: arbiter: lock " << lock.handle << " of '" << lock.resource << "' held again for pid "
                                           << static_cast<int>(lock.holder.pid) << " uid "
                                           << static_cast<long>(lock.holder.uid));
     }
@@ -263,7 +262,8 @@ std::string ArbiterService::query(std::string_view what) const {
     if (!after) return {};
     const auto now = std::chrono::steady_clock::now();
     std::string out = "[";
-    for (auto it = handles_.upper_bound(*after); it != handles_.end() && (out.size() == 1 || out.size() < limits_.listPageBytes); ++it) {
+    for (auto it = handles_.upper_bound(*after);
+         it != handles_.end() && (out.size() == 1 || out.size() < limits_.listPageBytes); ++it) {
         // (at least one lock per page, so that the pages advance)
         const std::string& name = it->second;
         const Resource& resource = resources_.at(name);

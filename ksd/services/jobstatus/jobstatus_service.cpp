@@ -47,7 +47,7 @@ JobStatusService::JobStatusService(asio::io_context& io, EventPublisher& events,
       twoLongPlan_(fixedPlan({FieldKind::Long, FieldKind::Long})),
       emptyPlan_(fixedPlan({})),
       mapPlan_(mapJobPlan(limits.maxAppIds)) {
-    ORVO_LOG(4, "ksd: JobStatus: " << static_cast<unsigned long>(book_->size()) << " stored jobs loaded");
+    ORVO_LOG(5, "ksd: JobStatus: " << static_cast<unsigned long>(book_->size()) << " stored jobs loaded");
 }
 
 JobStatusService::~JobStatusService() { applyLogged(); }

@@ -362,7 +362,7 @@ void NotifierService::restoreFrom(std::unique_ptr<SubscriptionStore> store) {
         if (table_.add(sub.key, std::move(sub.event)) != SubscriptionTable::AddResult::OverLimit) ++restored;
     store_ = std::move(store);
     if (restored != 0)
-        ORVO_LOG(4, "ksd: notifier: restored " << static_cast<unsigned long>(restored) << " subscriptions");
+        ORVO_LOG(5, "ksd: notifier: restored " << static_cast<unsigned long>(restored) << " subscriptions");
 }
 
 void NotifierService::shutdown() {

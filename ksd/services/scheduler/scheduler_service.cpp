@@ -134,7 +134,7 @@ SchedulerService::SchedulerService(asio::io_context& io, EventPublisher& events,
         Task& kept = tasks_.emplace(h, std::move(t)).first->second;
         setDue(kept, due);
     }
-    ORVO_LOG(4, "ksd: Scheduler: " << static_cast<unsigned long>(byName_.size()) << " stored tasks loaded, "
+    ORVO_LOG(5, "ksd: Scheduler: " << static_cast<unsigned long>(byName_.size()) << " stored tasks loaded, "
                                    << static_cast<unsigned long>(missed) << " due or missed run now");
     arm();
 }
