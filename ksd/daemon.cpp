@@ -25,7 +25,10 @@ Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     registerServices(registry_, context);
 
     registry_.add(std::make_unique<OperatorService>(registry_, [this]() -> std::vector<StatusItem> {
-        std::vector<StatusItem> items{{"connections", static_cast<std::int64_t>(server_->connectionCount())}};
+        // Where it keeps its state and where clients find it, as the operator asks first.
+        std::vector<StatusItem> items{{"state_dir", 0, options_.stateDir.string()}, {"pipe", 0, options_.pipe}};
+        if (options_.tcpPort >= 0) items.push_back({"tcp_port", server_->tcpPort()});
+        items.push_back({"connections", static_cast<std::int64_t>(server_->connectionCount())});
         if (cluster_) {
             const ClusterState s = cluster_->state();
             items.push_back({"cluster_node", 0, cluster_->node()});

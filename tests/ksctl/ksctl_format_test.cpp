@@ -61,8 +61,8 @@ TEST(KsctlOutput, TablesAlignColumnsOverEveryKey) {
               "1   backup  -     -\n"
               "12  -       3,4   -\n"
               "-   -       -     7\n");
-    EXPECT_EQ(renderFields(*parseJson(R"({"connections":2,"by_service":{"a":1},"name":"k\nsd"})")),
-              "connections  2\nby_service   {\"a\":1}\nname         k\\nsd\n");
+    EXPECT_EQ(renderFields(*parseJson(R"({"connections":2,"by_service":{"a":1},"name":"k\nsd","owner_uid":0})")),
+              "connections  2\nby_service   {\"a\":1}\nname         k\\nsd\nowner_uid    0 (root)\n");
 }
 
 TEST(KsctlResults, WordsDependOnTheFamilyAndTransportIsToldApart) {
@@ -75,11 +75,14 @@ TEST(KsctlResults, WordsDependOnTheFamilyAndTransportIsToldApart) {
 
 TEST(KsctlDaemonEvents, LinesNameTheKindAndMeaningAndSkipWhatIsNotADaemonEvent) {
     auto code = [](std::int32_t c) { return std::string(reinterpret_cast<const char*>(&c), sizeof c); };
-    EXPECT_EQ(formatDaemonEvent({"OrvoRAEvent:*", "tape\n1", code(-1)}, false), "lock tape\\n1: holder-ended (-1)");
+    // Stamped with the time ksctl received them.
+    const std::string at = timeText({});
+    EXPECT_EQ(formatDaemonEvent({"OrvoRAEvent:*", "tape\n1", code(-1)}, false),
+              at + " lock tape\\n1: holder-ended (-1)");
     EXPECT_EQ(formatDaemonEvent({"OrvoTSEvent:*", "12", code(2)}, true),
-              R"({"kind":"task","handle":12,"code":2,"event":"waiting"})");
+              R"({"time":")" + at + R"(","kind":"task","handle":12,"code":2,"event":"waiting"})");
     EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:*", "j\"", code(9)}, true),
-              R"({"kind":"job","name":"j\"","code":9,"event":"unknown"})");
+              R"({"time":")" + at + R"(","kind":"job","name":"j\"","code":9,"event":"unknown"})");
     EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:*", "short", "\x02"}, false), std::nullopt) << "payload under 4 bytes";
     EXPECT_EQ(formatDaemonEvent({"OrvoTSEvent:*", "x1", code(0)}, true), std::nullopt) << "no number, no JSON";
     EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:b$", "b", code(2)}, false), std::nullopt);

@@ -2,6 +2,8 @@
 // every subcommand, the list's columns in --json, and the exit codes of
 // refusals and of bad command lines.
 #include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <filesystem>
@@ -48,15 +50,18 @@ TEST_F(KsctlTask, EverySubcommandOnAProgramAndABlobTask) {
                   member(r.out, 0, "exit_code"),
               "waiting|daily|" + at + "|/bin/echo|a 'b c'|-61");
     r = run({"task", "show", "nightly"}, true);
-    EXPECT_EQ(member(r.out, 0, "handle") + "|" + member(r.out, 0, "next_run") + "|" + member(r.out, 0, "exit_code"),
-              handle + "|" + at + "|null");
+    EXPECT_EQ(member(r.out, 0, "handle") + "|" + member(r.out, 0, "next_run") + "|" + member(r.out, 0, "exit_code") +
+                  "|" + member(r.out, 0, "name") + "|" + member(r.out, 0, "program") + "|" +
+                  member(r.out, 0, "owner_uid"),
+              handle + "|" + at + "|null|nightly|/bin/echo|" + std::to_string(::geteuid()));
     r = run({"task", "schedule", "plain", "/bin/true", "--at", at});
     EXPECT_TRUE(r.out.size() > 1 && r.out.find_first_not_of("0123456789") == r.out.size() - 1)
         << "a bare handle: " << r.out;
     r = run({"task", "show", "nosuch"});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_EQ(r.err, "ksctl: task nosuch: no task has that name (-2)\n");
-    EXPECT_NE(run({"task", "show", handle}).out.find("waiting"), std::string::npos);
+    const std::string owner = std::to_string(::geteuid()) + " (" + ::getpwuid(::geteuid())->pw_name + ")";
+    EXPECT_NE(run({"task", "show", handle}).out.find(owner), std::string::npos) << "the owner's name beside the uid";
 
     std::ofstream(dir_.path() + "/blob", std::ios::binary) << std::string("\x00\x01zz", 4);
     r = run({"task", "blob-put", "stash", dir_.path() + "/blob", "--at", inOneHour(true)}, true);
@@ -90,8 +95,9 @@ TEST_F(KsctlTask, RelativePathsAreTheCallersDirectory) {
     const auto here = std::filesystem::current_path();
     std::filesystem::current_path(dir_.path());
     const RunResult r = run({"task", "schedule", "rel", "./job.sh", "--dir", "work", "--log", "out.log", "--at", at});
+    const RunResult gone = run({"task", "schedule", "gone", "./missing", "--at", at});
     std::filesystem::current_path(here);
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    ASSERT_EQ(r.exitCode + gone.exitCode, 0) << r.err << gone.err;
     EXPECT_EQ(member(run({"task", "list"}, true).out, 0, "program"), dir_.path() + "/job.sh");
     std::string ran;
     EXPECT_TRUE(waitUntil([&] {
@@ -99,6 +105,11 @@ TEST_F(KsctlTask, RelativePathsAreTheCallersDirectory) {
         return std::getline(log, ran).good();
     })) << ksd_.log();
     EXPECT_EQ(ran, dir_.path() + "/work");
+    std::string why;  // a start that failed says why to its owner
+    EXPECT_TRUE(waitUntil([&] {
+        return (why = member(run({"task", "show", "gone"}, true).out, 0, "last_failure")) != "";
+    }));
+    EXPECT_EQ(why, "exec: No such file or directory");
 }
 
 TEST_F(KsctlTask, AListLargerThanOneReplyIsReadInPages) {

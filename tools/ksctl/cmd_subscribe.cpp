@@ -19,8 +19,8 @@ std::string formatNotification(const Notification& n, bool json) {
     PayloadPreview preview = previewPayload(n.payload, json ? kJsonPreview : kHumanPreview);
     std::string line;
     if (json) {
-        line = "{\"event\":" + jsonQuote(n.event) + ",\"text\":" + jsonQuote(n.text) +
-               ",\"size\":" + std::to_string(n.payload.size()) + ",";
+        line = "{\"time\":\"" + timeText(n.received) + "\",\"event\":" + jsonQuote(n.event) +
+               ",\"text\":" + jsonQuote(n.text) + ",\"size\":" + std::to_string(n.payload.size()) + ",";
         if (preview.printable) {
             line += "\"payload\":" + jsonQuote(preview.shown);
         } else {
@@ -31,8 +31,8 @@ std::string formatNotification(const Notification& n, bool json) {
         line += std::string(",\"truncated\":") + (preview.truncated ? "true" : "false") + "}";
         return line;
     }
-    line = oneLine(n.event) + ": text \"" + oneLine(n.text) + "\", " + std::to_string(n.payload.size()) + " byte" +
-           (n.payload.size() == 1 ? "" : "s");
+    line = timeText(n.received) + " " + oneLine(n.event) + ": text \"" + oneLine(n.text) + "\", " +
+           std::to_string(n.payload.size()) + " byte" + (n.payload.size() == 1 ? "" : "s");
     if (!n.payload.empty()) {
         line += preview.printable ? ": " + oneLine(preview.shown) : " (hex): " + preview.shown;
         if (preview.truncated) line += " ...";

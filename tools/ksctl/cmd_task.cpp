@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -147,6 +148,20 @@ int list(const GlobalOptions& options, const TaskArgs& args) {
                       args.blobs ? "no blob tasks" : "no program tasks");
 }
 
+// The task's entry in the operator's list (name, program, owner, why its last start failed),
+// which the library's calls do not give; nothing when it is not listed.
+std::optional<JsonValue> listEntry(const GlobalOptions& options, int handle) {
+    for (const char* list : {"tasks>", "blob-tasks>"}) {
+        const QueryAnswer answer = queryDaemon(list + std::to_string(handle - 1), options.replyTimeout);
+        if (answer.outcome != QueryAnswer::Outcome::Answered) return std::nullopt;
+        auto page = parseJson(answer.text);
+        if (!page || page->kind != JsonValue::Kind::Array || page->items.empty()) continue;
+        const JsonValue* listed = page->items.front().find("handle");
+        if (listed && listed->asInt() == handle) return std::move(page->items.front());
+    }
+    return std::nullopt;
+}
+
 int show(const GlobalOptions& options, const TaskArgs& args) {
     int rc = kExitOk;
     const int handle = resolveTask(args.task, rc);
@@ -164,10 +179,18 @@ int show(const GlobalOptions& options, const TaskArgs& args) {
     if (OrvoTSScheduledTaskGetNextTime(handle, &nextSize, next, &frequency) != 0) next[0] = '\0';
     const char* const kFrequencies[] = {"daily", "weekly", "monthly", "once", "boot"};
     const std::string freq = frequency >= 0 && frequency <= 4 ? kFrequencies[frequency] : "unknown";
-    std::string json = "{\"handle\":" + std::to_string(handle) + ",\"state\":" + jsonQuote(taskStateWord(state)) +
-                       ",\"frequency\":" + jsonQuote(freq) + ",\"next_run\":" + jsonQuote(next) +
-                       ",\"last_run\":" + jsonQuote(last) +
-                       ",\"exit_code\":" + (exitCode == -61 ? std::string("null") : std::to_string(exitCode)) + "}";
+    std::string json = "{\"handle\":" + std::to_string(handle);
+    const std::optional<JsonValue> entry = listEntry(options, handle);
+    if (const JsonValue* name = entry ? entry->find("name") : nullptr) appendJson(json += ",\"name\":", *name);
+    json += ",\"state\":" + jsonQuote(taskStateWord(state)) + ",\"frequency\":" + jsonQuote(freq) +
+            ",\"next_run\":" + jsonQuote(next) + ",\"last_run\":" + jsonQuote(last) +
+            ",\"exit_code\":" + (exitCode == -61 ? std::string("null") : std::to_string(exitCode));
+    // The rest as the list has them; an empty last_failure means the last start did not fail.
+    for (const char* key : {"last_failure", "program", "arguments", "work_dir", "log_file", "length", "owner_uid"}) {
+        if (const JsonValue* value = entry ? entry->find(key) : nullptr)
+            appendJson(json += ",\"" + std::string(key) + "\":", *value);
+    }
+    json += '}';
     if (options.json) {
         printLine(json);
         return kExitOk;

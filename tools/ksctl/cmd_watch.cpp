@@ -76,15 +76,17 @@ public:
         : json_(options.json), bar_(!options.json && ::isatty(STDOUT_FILENO)), job_(job) {}
 
     void show(const char* event, int progress) {
+        // Shown as it is read back from ksd: the time is when ksctl saw it.
+        const std::string time = timeText(std::chrono::system_clock::now());
         if (json_) {
-            std::printf("{\"id\":%d,\"name\":%s,\"event\":\"%s\",\"progress\":%d}\n", job_.id,
-                        jsonQuote(job_.name).c_str(), event, progress);
+            std::printf("{\"time\":\"%s\",\"id\":%d,\"name\":%s,\"event\":\"%s\",\"progress\":%d}\n", time.c_str(),
+                        job_.id, jsonQuote(job_.name).c_str(), event, progress);
         } else if (bar_) {
             const int filled = progress / 5;
             std::printf("\r[%s%s] %3d%% %s (%s)   ", std::string(filled, '#').c_str(),
                         std::string(20 - filled, ' ').c_str(), progress, oneLine(job_.name).c_str(), event);
         } else {
-            std::printf("job %d %s: %s, %d%%\n", job_.id, oneLine(job_.name).c_str(), event, progress);
+            std::printf("%s job %d %s: %s, %d%%\n", time.c_str(), job_.id, oneLine(job_.name).c_str(), event, progress);
         }
         std::fflush(stdout);
     }

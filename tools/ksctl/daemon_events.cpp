@@ -92,8 +92,9 @@ std::optional<std::string> formatDaemonEvent(const Notification& n, bool json) {
         return std::nullopt;
     }
     const bool isTask = std::string_view(kind) == "task";
-    if (!json) return std::string(kind) + " " + oneLine(n.text) + ": " + word + " (" + std::to_string(code) + ")";
-    std::string line = std::string("{\"kind\":\"") + kind + "\",";
+    const std::string time = timeText(n.received);
+    if (!json) return time + " " + kind + " " + oneLine(n.text) + ": " + word + " (" + std::to_string(code) + ")";
+    std::string line = "{\"time\":\"" + time + "\",\"kind\":\"" + kind + "\",";
     line += isTask ? "\"handle\":" + n.text : "\"name\":" + jsonQuote(n.text);
     line += ",\"code\":" + std::to_string(code) + ",\"event\":\"" + word + "\"}";
     return line;

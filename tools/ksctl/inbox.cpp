@@ -21,6 +21,7 @@ Inbox::Inbox() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 void Inbox::deliver(const char* eventName, OrvoNNNotification* notification) {
     auto* inbox = static_cast<Inbox*>(notification->m_pContext);
     Notification n;
+    n.received = std::chrono::system_clock::now();
     n.event = eventName ? eventName : "";
     n.text = notification->m_pszData ? notification->m_pszData : "";
     if (notification->m_pData && notification->m_nDataLength > 0) {

@@ -5,6 +5,7 @@
 // with an eventfd that becomes readable while any wait. Never destroyed: the library
 // may still call back after an unregistration has been answered.
 
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,6 +18,8 @@ struct Notification {
     std::string event;
     std::string text;
     std::string payload;  // raw bytes
+    // When it reached ksctl: the wire carries no time of its own.
+    std::chrono::system_clock::time_point received{};
 };
 
 class Inbox {

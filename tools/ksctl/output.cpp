@@ -1,7 +1,12 @@
 #include "output.h"
 
+#include <pwd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <ctime>
+#include <map>
 #include <vector>
 
 namespace ksctl {
@@ -40,6 +45,34 @@ void appendPadded(std::string& out, std::string_view text, std::size_t width) {
 }
 
 bool isScalar(const JsonValue& v) { return v.kind != JsonValue::Kind::Array && v.kind != JsonValue::Kind::Object; }
+
+// The user name of `uid`, looked up once per uid (a list repeats its owners); empty if none.
+const std::string& userName(std::int64_t uid) {
+    static std::map<std::int64_t, std::string> known;
+    auto [it, added] = known.try_emplace(uid);
+    if (!added) return it->second;
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> buffer(4096);
+    while (::getpwuid_r(static_cast<uid_t>(uid), &entry, buffer.data(), buffer.size(), &found) == ERANGE &&
+           buffer.size() < (1u << 20))
+        buffer.resize(buffer.size() * 2);
+    if (found != nullptr) it->second = found->pw_name;
+    return it->second;
+}
+
+// A cell or field as a person reads it; uids carry their user's name.
+void appendShown(std::string& out, std::string_view key, const JsonValue& value) {
+    appendDisplayText(out, value);
+    if (key != "owner_uid" && key != "uid") return;
+    const auto uid = value.asInt();
+    if (!uid || *uid < 0 || *uid > 0xFFFFFFFE) return;
+    const std::string& name = userName(*uid);
+    if (name.empty()) return;
+    out += " (";
+    appendOneLine(out, name);
+    out += ')';
+}
 
 }  // namespace
 
@@ -138,13 +171,24 @@ std::string displayText(const JsonValue& value) {
     return out;
 }
 
+std::string timeText(std::chrono::system_clock::time_point when) {
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count();
+    const std::time_t seconds = static_cast<std::time_t>(ms / 1000);
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[40];
+    const std::size_t n = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(text + n, sizeof text - n, ".%03d", static_cast<int>(ms % 1000));
+    return text;
+}
+
 std::string renderFields(const JsonValue& object) {
     std::size_t width = 0;
     for (const auto& [key, value] : object.members) width = std::max(width, displayWidth(key));
     std::string out;
     for (const auto& [key, value] : object.members) {
         appendPadded(out, key, width + 2);
-        appendDisplayText(out, value);
+        appendShown(out, key, value);
         out += '\n';
     }
     return out;
@@ -168,7 +212,7 @@ std::size_t TableBuilder::columnNamed(std::string_view name) {
 
 void TableBuilder::add(const JsonValue& item) {
     if (item.kind != JsonValue::Kind::Object) {
-        addCell(columnNamed("value"), item);
+        addCell(columnNamed("value"), "value", item);
     } else {
         for (std::size_t i = 0; i < item.members.size(); ++i) {
             const JsonMember& member = item.members[i];
@@ -176,19 +220,19 @@ void TableBuilder::add(const JsonValue& item) {
             if (i >= columnAt_.size()) columnAt_.push_back(0);
             std::size_t& column = columnAt_[i];
             if (column >= columns_.size() || columns_[column] != member.name) column = columnNamed(member.name);
-            addCell(column, member.value);
+            addCell(column, member.name, member.value);
         }
     }
     rowEnds_.push_back(cells_.size());
 }
 
-void TableBuilder::addCell(std::size_t column, const JsonValue& value) {
+void TableBuilder::addCell(std::size_t column, std::string_view key, const JsonValue& value) {
     const std::size_t row = rowEnds_.size() + 1;
     if (lastRow_[column] == row) return;
     lastRow_[column] = row;
     ++rowsWith_[column];
     const std::size_t start = text_.size();
-    appendDisplayText(text_, value);
+    appendShown(text_, key, value);
     const std::string_view shown(text_.data() + start, text_.size() - start);
     widths_[column] = std::max(widths_[column], displayWidth(shown));
     // A cell comes from one answer frame, far below 4 GiB.

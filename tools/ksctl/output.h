@@ -4,6 +4,7 @@
 // Human-readable renderings: payload previews, key/value blocks and tables of JSON objects.
 // Every function returns text and writes nothing, so callers decide where it goes.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -33,7 +34,11 @@ void appendOneLine(std::string& out, std::string_view text);
 std::string displayText(const JsonValue& value);
 void appendDisplayText(std::string& out, const JsonValue& value);
 
-// An object as aligned "name  value" lines, in the object's order.
+// Local time as "YYYY-MM-DD HH:MM:SS.mmm", the form of ksd's log lines.
+std::string timeText(std::chrono::system_clock::time_point when);
+
+// An object as aligned "name  value" lines, in the object's order. A uid
+// ("owner_uid", "uid") is followed by its user's name: "1000 (alice)".
 std::string renderFields(const JsonValue& object);
 
 // An array of objects as an aligned table: one column per key (first-seen order),
@@ -53,7 +58,7 @@ private:
         std::uint32_t length;  // bytes in text_, where the cells lie in order
     };
     std::size_t columnNamed(std::string_view name);
-    void addCell(std::size_t column, const JsonValue& value);
+    void addCell(std::size_t column, std::string_view key, const JsonValue& value);
 
     std::vector<std::string> columns_;  // first-seen order
     std::vector<std::size_t> widths_;
