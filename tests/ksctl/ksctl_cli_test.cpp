@@ -202,7 +202,9 @@ TEST_F(KsctlCli, JobsByNameWatchedToTheirEndWithMessagesThatSayWhy) {
     ASSERT_GE(events.size(), 1u) << watched.out;
     for (const auto& line : events) EXPECT_EQ(at(parseLine(line), "name"), "w1") << line;
     const JsonValue last = parseLine(events.back());
-    EXPECT_EQ(at(last, "event") + " " + at(last, "progress") + " " + at(last, "name"), "completed 100 w1");
+    EXPECT_EQ(at(last, "event") + " " + at(last, "progress") + " " + at(last, "name") + " " +
+                  std::to_string(at(last, "time").size()),
+              "completed 100 w1 23");
 
     ASSERT_EQ(run({"job", "create", "w2"}).exitCode, 0);
     KsctlRun cancelled(cmd({"job", "watch", "w2"}));
