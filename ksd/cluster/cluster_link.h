@@ -66,6 +66,21 @@ public:
     virtual Result erase(const std::string& key) = 0;
     // The live keys that start with `prefix`.
     virtual Result keys(std::string_view prefix, std::vector<std::string>& out) = 0;
+
+    // A write (or with `erase`, a deletion) that holds only while its key is
+    // at revision `last` (0: a key never written; a deleted key refuses
+    // then, as its deletion is a revision too): Exists or Conflict otherwise.
+    struct Write {
+        std::string key, value;
+        std::uint64_t last = 0;
+        bool erase = false;
+        Result result = Result::Unreachable;
+        std::uint64_t revision = 0;  // when written
+    };
+    // Sends every write at once and waits for all their answers: one round
+    // trip for the lot. The leader applies them in the order given, each on
+    // its own (one refused does not stop the next).
+    virtual void write(std::vector<Write>& writes) = 0;
 };
 
 class ClusterLink {

@@ -7,6 +7,7 @@
 // whole request, answering now or later through its Responder.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -47,6 +48,12 @@ public:
     // Called on the event loop with every field decoded; must not block.
     virtual void handle(Request& request) = 0;
     virtual std::vector<StatusItem> status() const { return {}; }
+    // Status counters that cost a round trip elsewhere: true when the service
+    // will hand them to `done` on the loop, added to the status then.
+    virtual bool statusLater(std::function<void(std::vector<StatusItem>)> done) {
+        (void)done;
+        return false;
+    }
     // Answers an operator's query (e.g. "jobs", "locks") as a JSON value, or
     // an empty string when this service does not know the query.
     virtual std::string query(std::string_view what) const {

@@ -4,10 +4,12 @@
 // and with NATS gone each node goes on serving its own host.
 #include <csignal>
 #include <set>
+#include <sstream>
 
 #include "OrvoNotificationNetwork.h"
 #include "e2e_support.h"
 #include "nats_cluster.h"
+#include "other_user.h"
 
 namespace {
 
@@ -143,6 +145,46 @@ TEST_F(ClusterEndToEnd, JobsAreOneStoreWhateverTheNodeAsked) {
     EXPECT_EQ(run(1, {"job", "delete", "shared"})->wait(), 0);
     const std::string again = run(2, {"create", "shared", "made on C"}, helper)->waitForLine("create ").substr(7);
     EXPECT_GT(std::stol(again), std::stol(id)) << "the name is free again, the id is new";
+}
+
+// One request on its own connection: the reply, or "none".
+std::string ask(const std::string& node, const std::string& request) {
+    kstest::WireClient c;
+    std::int64_t reply = 0;
+    return c.connect(node) && c.send(request) && c.readReply(reply, 10000) ? std::to_string(reply) : "none";
+}
+std::string create(const kstest::KsdProcess& node, const std::string& name) {
+    return ask(node.connType(), kstest::requestWire("JobStatus", "TRVX_JS_CREATE").addString("d").addString(name));
+}
+
+TEST_F(ClusterEndToEnd, AUsersBudgetAndTheJobCountAreTheClustersWhateverTheNodeAsked) {
+    kstest::KsdProcess d, e;
+    for (auto [node, name] : {std::pair{&d, "D"}, std::pair{&e, "E"}})
+        ASSERT_TRUE(node->start({"--cluster", nats_.urls(), "--node", name, "--max-jobs-per-user", "2"}))
+            << node->log();
+    // Two jobs on two nodes fill the budget; a deletion on one makes room on the other.
+    const std::string replies = kstest::runAs(kstest::kOtherUid, [&] {
+        const std::string first = create(d, "u1");
+        std::string out = first;
+        out += " " + create(e, "u2");
+        out += " " + create(d, "u3");
+        out += " " + ask(e.connType(), kstest::requestWire("JobStatus", "TRVX_JS_DELETE").addLong(std::stol(first)));
+        return out + " " + create(d, "u3");
+    });
+    if (replies.empty()) GTEST_SKIP() << "needs root to act as another user";
+    std::istringstream in(replies);
+    long u1 = 0, u2 = 0, full = 0, deleted = 0, u3 = 0;
+    in >> u1 >> u2 >> full >> deleted >> u3;
+    EXPECT_TRUE(u1 > 0 && u2 > 0 && full == -122 && deleted == 0 && u3 > 0) << replies;
+
+    // Each job just made is counted at once by another node.
+    const std::string count = kstest::requestWire("JobStatus", "TRVX_JS_GET_ALL_PROGRESS");
+    const long before = std::stol(ask(nodes_[2]->connType(), count));
+    for (int i = 1; i <= 100; ++i) {
+        ASSERT_GT(std::stol(create(*nodes_[i % 2], "counted-" + std::to_string(i))), 0);
+        ASSERT_EQ(std::stol(ask(nodes_[2]->connType(), count)), before + i);
+    }
+    EXPECT_EQ(status(0, "cluster_jobs"), before + 100);
 }
 
 TEST_F(ClusterEndToEnd, NoAcknowledgedJobIsLostWhenANatsServerIsKilled) {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <asio/post.hpp>
+#include <charconv>
 #include <cstdlib>
+#include <thread>
 
 #include "OrvoLogging.h"
 
@@ -16,7 +18,8 @@ bool connected(natsConnection* nc) { return natsConnection_Status(nc) == NATS_CO
 // time, or a connection that is down, is Unreachable.
 class NatsBucket final : public ClusterBucket {
 public:
-    NatsBucket(natsConnection* nc, kvStore* kv) : nc_(nc), kv_(kv) {}
+    NatsBucket(natsConnection* nc, jsCtx* js, kvStore* kv, const std::string& name, AckInbox& acks)
+        : nc_(nc), js_(js), kv_(kv), stream_("KV_" + name), subjects_("$KV." + name + "."), acks_(acks) {}
 
     Result get(const std::string& key, std::string& value, std::uint64_t& revision) override {
         if (!ready()) return Result::Unreachable;
@@ -44,17 +47,115 @@ public:
         if (!ready()) return Result::Unreachable;
         return map(kvStore_Delete(kv_, key.c_str()), Result::Unreachable);
     }
+    // A listing is served by whichever replica its consumer sits on, one
+    // that may not have every write the leader acknowledged yet: it is made
+    // again until it reaches the leader's last revision as of the call.
     Result keys(std::string_view prefix, std::vector<std::string>& out) override {
         if (!ready()) return Result::Unreachable;
-        kvKeysList list{};
-        const natsStatus s = kvStore_Keys(&list, kv_, nullptr);
-        for (int i = 0; s == NATS_OK && i < list.Count; ++i)
-            if (std::string_view(list.Keys[i]).starts_with(prefix)) out.emplace_back(list.Keys[i]);
-        kvKeysList_Destroy(&list);
-        return s == NATS_NOT_FOUND ? Result::Ok : map(s, Result::Unreachable);  // no keys at all
+        jsStreamInfo* si = nullptr;
+        const natsStatus s = js_GetStreamInfo(&si, js_, stream_.c_str(), nullptr, nullptr);
+        if (s != NATS_OK) return map(s, Result::Unreachable);
+        const std::uint64_t last = si->State.LastSeq;
+        jsStreamInfo_Destroy(si);
+        const auto deadline = std::chrono::steady_clock::now() + acks_.timeout;
+        for (;;) {
+            std::vector<std::string> found;
+            std::uint64_t reached = 0;
+            if (const Result r = list(prefix, found, reached); r != Result::Ok) return r;
+            if (reached >= last) {
+                out.insert(out.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
+                return Result::Ok;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) return Result::Unreachable;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+
+    // Each write is a publish on the key's subject that the stream takes only
+    // at the expected revision; the stream's acknowledgements come back on
+    // this worker's inbox.
+    void write(std::vector<Write>& writes) override {
+        for (Write& w : writes) w.result = Result::Unreachable;
+        if (!ready() || writes.empty()) return;
+        const std::uint64_t first = acks_.next;
+        acks_.next += writes.size();
+        std::size_t waiting = 0;
+        for (std::size_t i = 0; i < writes.size(); ++i) {
+            const Write& w = writes[i];
+            const std::string subject = subjects_ + w.key;
+            const std::string reply = acks_.prefix + std::to_string(first + i);
+            natsMsg* msg = nullptr;
+            if (natsMsg_Create(&msg, subject.c_str(), reply.c_str(), w.value.data(),
+                               static_cast<int>(w.value.size())) != NATS_OK)
+                continue;
+            const std::string last = std::to_string(w.last);
+            if (natsMsgHeader_Set(msg, "Nats-Expected-Last-Subject-Sequence", last.c_str()) == NATS_OK &&
+                (!w.erase || natsMsgHeader_Set(msg, "KV-Operation", "DEL") == NATS_OK) &&
+                natsConnection_PublishMsg(nc_, msg) == NATS_OK)
+                ++waiting;
+            natsMsg_Destroy(msg);
+        }
+        const auto deadline = std::chrono::steady_clock::now() + acks_.timeout;
+        while (waiting > 0) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            natsMsg* msg = nullptr;
+            if (left.count() <= 0 || natsSubscription_NextMsg(&msg, acks_.sub, left.count()) != NATS_OK) return;
+            const std::string_view subject = natsMsg_GetSubject(msg);
+            std::uint64_t n = 0;
+            const std::string_view token = subject.substr(subject.rfind('.') + 1);
+            std::from_chars(token.data(), token.data() + token.size(), n);
+            // An answer to an earlier batch that gave up waiting is no answer here.
+            if (n >= first && n - first < writes.size()) {
+                Write& w = writes[n - first];
+                w.result = acknowledged(
+                    std::string_view(natsMsg_GetData(msg), static_cast<std::size_t>(natsMsg_GetDataLength(msg))),
+                    w.last == 0 ? Result::Exists : Result::Conflict, w.revision);
+                --waiting;
+            }
+            natsMsg_Destroy(msg);
+        }
     }
 
 private:
+    // The live keys under `prefix` as one replica has them, and the last
+    // revision it holds (that of the bucket's last write, deletions included).
+    Result list(std::string_view prefix, std::vector<std::string>& out, std::uint64_t& reached) {
+        kvWatchOptions o;
+        kvWatchOptions_Init(&o);
+        o.MetaOnly = true;
+        kvWatcher* w = nullptr;
+        natsStatus s = kvStore_WatchAll(&w, kv_, &o);
+        const auto deadline = std::chrono::steady_clock::now() + acks_.timeout;
+        while (s == NATS_OK) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            kvEntry* e = nullptr;
+            s = left.count() > 0 ? kvWatcher_Next(&e, w, left.count()) : NATS_TIMEOUT;
+            if (s != NATS_OK || e == nullptr) break;  // null: every key as it was has come
+            reached = std::max(reached, kvEntry_Revision(e));
+            if (kvEntry_Operation(e) == kvOp_Put && std::string_view(kvEntry_Key(e)).starts_with(prefix))
+                out.emplace_back(kvEntry_Key(e));
+            kvEntry_Destroy(e);
+        }
+        if (w != nullptr) kvWatcher_Destroy(w);
+        return map(s, Result::Unreachable);
+    }
+    // {"stream":..,"seq":N} or {"error":{..,"err_code":10071,..}} for a
+    // revision that did not match; no body at all when no server answered.
+    static Result acknowledged(std::string_view body, Result refused, std::uint64_t& revision) {
+        constexpr std::string_view kSeq = "\"seq\":";
+        if (body.find("\"error\"") != std::string_view::npos) {
+            if (body.find("\"err_code\":10071") != std::string_view::npos) return refused;
+            ORVO_LOG(4, "ksd: cluster: write refused: " << std::string(body));
+            return Result::Unreachable;
+        }
+        const auto at = body.find(kSeq);
+        if (at == std::string_view::npos) return Result::Unreachable;
+        const char* from = body.data() + at + kSeq.size();
+        return std::from_chars(from, body.data() + body.size(), revision).ec == std::errc() ? Result::Ok
+                                                                                            : Result::Unreachable;
+    }
     bool ready() const { return kv_ != nullptr && connected(nc_); }
     Result map(natsStatus s, Result refused) const {
         if (s == NATS_OK) return Result::Ok;
@@ -66,17 +167,24 @@ private:
     }
 
     natsConnection* nc_;
+    jsCtx* js_;
     kvStore* kv_;
+    const std::string stream_;    // "KV_<bucket>"
+    const std::string subjects_;  // "$KV.<bucket>."
+    AckInbox& acks_;
 };
 
 }  // namespace
 
 BucketWorker::BucketWorker(asio::io_context& io, natsConnection* nc, std::string prefix,
                            std::chrono::milliseconds timeout)
-    : io_(io), nc_(nc), prefix_(std::move(prefix)), timeout_(timeout), thread_([this](Task& task) { handle(task); }) {}
+    : io_(io), nc_(nc), prefix_(std::move(prefix)), timeout_(timeout), thread_([this](Task& task) { handle(task); }) {
+    acks_.timeout = timeout;
+}
 
 BucketWorker::~BucketWorker() {
     thread_.stop();  // before the stores it uses go
+    if (acks_.sub != nullptr) natsSubscription_Destroy(acks_.sub);
     for (auto& [name, kv] : open_) kvStore_Destroy(kv);
     if (js_ != nullptr) jsCtx_Destroy(js_);
 }
@@ -86,7 +194,17 @@ void BucketWorker::run(const std::string& bucket, ClusterLink::BucketWork work) 
 }
 
 void BucketWorker::handle(Task& task) {
-    NatsBucket bucket(nc_, open(task.bucket));
+    if (acks_.sub == nullptr && connected(nc_)) {
+        natsInbox* inbox = nullptr;
+        if (natsInbox_Create(&inbox) == NATS_OK) {
+            acks_.prefix = std::string(inbox) + ".";
+            natsInbox_Destroy(inbox);
+            const std::string all = acks_.prefix + "*";
+            if (natsConnection_SubscribeSync(&acks_.sub, nc_, all.c_str()) != NATS_OK) acks_.sub = nullptr;
+        }
+    }
+    kvStore* kv = acks_.sub != nullptr ? open(task.bucket) : nullptr;
+    NatsBucket bucket(nc_, js_, kv, prefix_ + "-" + task.bucket, acks_);
     auto done = task.work(bucket);
     if (done) asio::post(io_, std::move(done));
 }

@@ -17,6 +17,15 @@
 
 namespace ksd::cluster {
 
+// Where the stream's answers to this worker's batched writes arrive, each
+// under the number its write was sent with.
+struct AckInbox {
+    natsSubscription* sub = nullptr;  // "<inbox>.*", synchronous
+    std::string prefix;               // "<inbox>."
+    std::uint64_t next = 0;
+    std::chrono::milliseconds timeout{0};
+};
+
 class BucketWorker {
 public:
     // `nc` outlives the worker. Buckets are named "<prefix>-<name>".
@@ -43,6 +52,7 @@ private:
     const std::string prefix_;
     const std::chrono::milliseconds timeout_;
     jsCtx* js_ = nullptr;                   // worker only
+    AckInbox acks_;                         // worker only
     std::map<std::string, kvStore*> open_;  // worker only
     WorkThread<Task> thread_;
 };

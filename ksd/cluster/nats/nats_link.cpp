@@ -158,6 +158,9 @@ private:
         natsOptions_SetName(opts, name.c_str());
         // A node delivers its own publications itself, at once.
         natsOptions_SetNoEcho(opts, true);
+        // Out at once rather than when libnats's flusher thread next runs: a
+        // replicated write or a forwarded publication waits on nothing else.
+        natsOptions_SetSendAsap(opts, true);
         natsOptions_UseGlobalMessageDelivery(opts, true);
         natsOptions_SetMaxReconnect(opts, -1);
         natsOptions_SetReconnectWait(opts, 200);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <charconv>
 #include <limits>
+#include <unordered_map>
 
 #include "cluster/cluster_wire.h"
 #include "json/json_text.h"
@@ -15,12 +16,21 @@ using Result = ClusterBucket::Result;
 
 constexpr const char* kBucket = "jobs";
 constexpr const char* kCounter = "counter";
+// Ids reserved at a time; the most a node's stop leaves unused.
+constexpr std::int64_t kIdBlock = 16;
+// Owners whose counts a node keeps between creates.
+constexpr std::size_t kMaxOwnersKnown = 4096;
+// Jobs a node keeps as last written, small ones only: a change to one of
+// them is a single round trip.
+constexpr std::size_t kMaxJobsKnown = 1024;
+constexpr std::size_t kMaxJobKnownBytes = 2048;
 constexpr std::int64_t kUnreachable = -EAGAIN;
 // Compare-and-set rounds lost to other nodes before a write gives up.
 constexpr int kMaxRounds = 64;
 
 std::string jobKey(std::int64_t id) { return "job." + std::to_string(id); }
 std::string nameKey(std::string_view name) { return "name." + cluster::hexToken(name); }
+std::string ownerKey(uid_t owner) { return "owner." + std::to_string(owner); }
 
 std::int64_t toInt(std::string_view text) {
     std::int64_t v = 0;
@@ -66,6 +76,27 @@ bool decode(std::string_view in, StoredJob& s) {
     return in.empty();
 }
 
+}  // namespace
+
+// Touched on the cluster's worker only: the ids reserved and not yet handed
+// out, owners' counts and jobs as last read or written here.
+struct Ledger {
+    struct Count {
+        std::int64_t jobs = 0;
+        std::uint64_t revision = 0;  // 0: never written
+    };
+    std::int64_t nextId = 0, endId = 0;
+    std::unordered_map<uid_t, Count> owners;
+    std::unordered_map<std::int64_t, StoredJob> jobs;
+
+    void remember(const StoredJob& s) {
+        if (jobs.size() >= kMaxJobsKnown) jobs.clear();
+        if (s.job.description.size() + s.job.name.size() <= kMaxJobKnownBytes) jobs[s.job.id] = s;
+    }
+};
+
+namespace {
+
 // -2 when the job is not there, -11 when NATS did not say, else 0.
 std::int64_t load(ClusterBucket& b, std::int64_t id, StoredJob& s) {
     std::string value;
@@ -75,30 +106,71 @@ std::int64_t load(ClusterBucket& b, std::int64_t id, StoredJob& s) {
     return decode(value, s) ? 0 : -EIO;
 }
 
-// The next id: the counter advanced by one, by compare-and-set.
-std::int64_t claimId(ClusterBucket& b) {
+// The next id, from the block this node reserved: the counter is advanced
+// a block at a time by compare-and-set, so most creates never touch it.
+// Ids left in a block when the node stops are gaps, never handed out.
+std::int64_t claimId(ClusterBucket& b, Ledger& ledger) {
+    if (ledger.nextId < ledger.endId) return ledger.nextId++;
     for (int round = 0; round < kMaxRounds; ++round) {
         std::string value;
-        std::uint64_t revision = 0, written = 0;
+        std::uint64_t revision = 0;
         Result r = b.get(kCounter, value, revision);
-        if (r == Result::NotFound) {
-            r = b.create(kCounter, "1", written);
-            if (r == Result::Ok) return 1;
-            if (r == Result::Exists) continue;
-            return kUnreachable;
-        }
-        if (r != Result::Ok) return kUnreachable;
-        const std::int64_t next = toInt(value) + 1;
+        if (r != Result::Ok && r != Result::NotFound) return kUnreachable;
+        const std::int64_t last = r == Result::Ok ? toInt(value) : 0;
         // Clients see ids as 32-bit ints: stop before one would turn negative.
-        if (next > std::numeric_limits<std::int32_t>::max()) return -ENOSPC;
-        r = b.update(kCounter, std::to_string(next), revision, written);
-        if (r == Result::Ok) return next;
-        if (r != Result::Conflict) return kUnreachable;
+        constexpr std::int64_t kMaxId = std::numeric_limits<std::int32_t>::max();
+        if (last >= kMaxId) return -ENOSPC;
+        const std::int64_t end = std::min(last + kIdBlock, kMaxId);
+        std::vector<ClusterBucket::Write> w{{kCounter, std::to_string(end), r == Result::Ok ? revision : 0}};
+        b.write(w);
+        if (w[0].result == Result::Ok) {
+            ledger.nextId = last + 2;
+            ledger.endId = end + 1;
+            return last + 1;
+        }
+        if (w[0].result != Result::Conflict && w[0].result != Result::Exists) return kUnreachable;
     }
     return kUnreachable;
 }
 
-// Takes `name` for job `id`: 0, -17 when a live job has it, -11.
+// The owner's count of live jobs as last read or written here; read again
+// when unknown or `fresh`. False when NATS did not answer.
+bool ownerCount(ClusterBucket& b, Ledger& ledger, uid_t owner, bool fresh, Ledger::Count& count) {
+    auto it = ledger.owners.find(owner);
+    if (it != ledger.owners.end() && !fresh) return count = it->second, true;
+    std::string value;
+    count = {};
+    const Result r = b.get(ownerKey(owner), value, count.revision);
+    if (r == Result::Ok)
+        count.jobs = toInt(value);
+    else if (r != Result::NotFound)
+        return false;
+    if (ledger.owners.size() >= kMaxOwnersKnown) ledger.owners.clear();
+    ledger.owners[owner] = count;
+    return true;
+}
+
+// Adds `delta` to the owner's count. A count left one too high (NATS lost
+// between a job's deletion and this) makes its owner reach the budget a job
+// early, never pass it.
+void recount(ClusterBucket& b, Ledger& ledger, uid_t owner, std::int64_t delta) {
+    for (int round = 0; round < kMaxRounds; ++round) {
+        Ledger::Count c;
+        if (!ownerCount(b, ledger, owner, round > 0, c)) return;
+        const std::int64_t jobs = std::max<std::int64_t>(c.jobs + delta, 0);
+        std::vector<ClusterBucket::Write> w{{ownerKey(owner), std::to_string(jobs), c.revision}};
+        b.write(w);
+        if (w[0].result == Result::Ok) {
+            ledger.owners[owner] = {jobs, w[0].revision};
+            return;
+        }
+        ledger.owners.erase(owner);
+        if (w[0].result != Result::Conflict && w[0].result != Result::Exists) return;
+    }
+}
+
+// Takes over `name` for job `id` (already written) from a claim found in
+// place: 0, -17 when a live job has it, -11.
 std::int64_t claimName(ClusterBucket& b, const std::string& name, std::int64_t id) {
     const std::string key = nameKey(name);
     std::uint64_t revision = 0;
@@ -106,7 +178,8 @@ std::int64_t claimName(ClusterBucket& b, const std::string& name, std::int64_t i
         Result r = b.create(key, std::to_string(id), revision);
         if (r == Result::Ok) return 0;
         if (r != Result::Exists) return kUnreachable;
-        // Taken, unless by a job that is gone (a create or delete cut short).
+        // Taken, unless by a job that is gone: a job is written before its
+        // name and deleted before it, so a claim without its job is stale.
         std::string holder;
         r = b.get(key, holder, revision);
         if (r == Result::NotFound) continue;
@@ -122,44 +195,102 @@ std::int64_t claimName(ClusterBucket& b, const std::string& name, std::int64_t i
     return kUnreachable;
 }
 
-Outcome createIn(ClusterBucket& b, const std::string& description, const std::string& name, uid_t owner,
-                 const std::string& node) {
-    const std::int64_t id = claimId(b);
-    if (id < 0) return Outcome{id, {}, {}};
-    if (std::int64_t r = claimName(b, name, id); r != 0) return Outcome{r, {}, {}};
-    StoredJob s;
-    s.job.id = id;
-    s.job.name = name;
-    s.job.description = description;
-    s.job.owner = owner;
-    s.node = node;
-    std::uint64_t revision = 0;
-    if (b.create(jobKey(id), encode(s), revision) != Result::Ok) {
-        b.erase(nameKey(name));  // a claim left behind is taken over by the next create
-        return Outcome{kUnreachable, {}, {}};
+// The owner's count, the job and its name in one round trip in the common
+// case: the count at the revision last seen here, the job and name keys
+// never written before.
+Outcome createIn(ClusterBucket& b, Ledger& ledger, const JobLimits& limits, const std::string& description,
+                 const std::string& name, uid_t owner, const std::string& node) {
+    const bool budgeted = owner != 0;  // root is bound by no per-user limit
+    const auto full = [&](const Ledger::Count& c) {
+        return c.jobs >= static_cast<std::int64_t>(limits.maxJobsPerUser);
+    };
+    for (int round = 0; round < kMaxRounds; ++round) {
+        Ledger::Count count;
+        if (budgeted) {
+            if (!ownerCount(b, ledger, owner, round > 0, count)) return Outcome{kUnreachable, {}, {}};
+            // Full as known here: deletions on other nodes may have made room.
+            if (full(count) && round == 0 && !ownerCount(b, ledger, owner, true, count))
+                return Outcome{kUnreachable, {}, {}};
+            if (full(count)) return Outcome{-EDQUOT, {}, {}};
+        }
+        const std::int64_t id = claimId(b, ledger);
+        if (id < 0) return Outcome{id, {}, {}};
+        StoredJob s;
+        s.job.id = id;
+        s.job.name = name;
+        s.job.description = description;
+        s.job.owner = owner;
+        s.node = node;
+        std::vector<ClusterBucket::Write> w;
+        if (budgeted) w.push_back({ownerKey(owner), std::to_string(count.jobs + 1), count.revision});
+        w.push_back({jobKey(id), encode(s), 0});
+        w.push_back({nameKey(name), std::to_string(id), 0});
+        b.write(w);
+        const Result counted = budgeted ? w.front().result : Result::Ok;
+        const Result job = w[w.size() - 2].result, claim = w.back().result;
+        if (budgeted && counted == Result::Ok) ledger.owners[owner] = {count.jobs + 1, w.front().revision};
+        if (budgeted && counted != Result::Ok) ledger.owners.erase(owner);
+        const auto decided = [](Result r) { return r == Result::Ok || r == Result::Exists || r == Result::Conflict; };
+        std::int64_t reply = id;
+        if (!decided(counted) || job != Result::Ok || !decided(claim)) {
+            reply = kUnreachable;
+        } else if (counted != Result::Ok) {
+            reply = 0;  // another node changed the count: again, counted afresh
+        } else if (claim != Result::Ok) {
+            if (const std::int64_t r = claimName(b, name, id); r != 0) reply = r;
+        }
+        if (reply > 0) {
+            s.revision = w[w.size() - 2].revision;
+            ledger.remember(s);
+            return Outcome{id, name, {JobEvent::Created}};
+        }
+        // The name undone first: while its job is there, nobody takes it over.
+        if (claim == Result::Ok) b.erase(nameKey(name));
+        if (job == Result::Ok) b.erase(jobKey(id));
+        if (budgeted && counted == Result::Ok) recount(b, ledger, owner, -1);
+        if (reply < 0) return Outcome{reply, {}, {}};
     }
-    return Outcome{id, name, {JobEvent::Created}};
+    return Outcome{kUnreachable, {}, {}};
 }
 
 // Reads job `id`, lets `change` decide (an Outcome with reply != 0 or no
 // events stops there), and writes it back if nobody wrote in between.
+// Starts from the job as last written here when known: right, it costs one
+// round trip; stale, the write conflicts (or `change` declines to write)
+// and the job is read again.
 template <typename Change>
-Outcome changeIn(ClusterBucket& b, std::int64_t id, uid_t caller, Change change) {
+Outcome changeIn(ClusterBucket& b, Ledger& ledger, std::int64_t id, uid_t caller, Change change) {
     for (int round = 0; round < kMaxRounds; ++round) {
         StoredJob s;
-        if (std::int64_t r = load(b, id, s); r != 0) return Outcome{r, {}, {}};
+        const auto known = round == 0 ? ledger.jobs.find(id) : ledger.jobs.end();
+        const bool guessed = known != ledger.jobs.end();
+        if (guessed) {
+            s = known->second;
+        } else if (std::int64_t r = load(b, id, s); r != 0) {
+            return Outcome{r, {}, {}};
+        }
+        // Nobody but root changes another's job, and a job's owner never changes.
         if (caller != 0 && caller != s.job.owner) return Outcome{-EPERM, {}, {}};
         Outcome out = change(s.job);
-        if (out.reply != 0 || out.events.empty()) return out;
-        std::uint64_t written = 0;
-        const Result r = b.update(jobKey(id), encode(s), s.revision, written);
-        if (r == Result::Ok) return out;
+        if (out.reply != 0 || out.events.empty()) {
+            if (guessed) continue;
+            return out;
+        }
+        const Result r = b.update(jobKey(id), encode(s), s.revision, s.revision);
+        if (r == Result::Ok) {
+            ledger.remember(s);
+            return out;
+        }
+        ledger.jobs.erase(id);
         if (r != Result::Conflict) return Outcome{kUnreachable, {}, {}};
     }
     return Outcome{kUnreachable, {}, {}};
 }
 
 }  // namespace
+
+ClusterJobs::ClusterJobs(ClusterLink& link, JobLimits limits)
+    : link_(link), limits_(limits), ledger_(std::make_shared<Ledger>()) {}
 
 template <typename Work, typename Finish>
 void ClusterJobs::run(Work work, Finish finish) {
@@ -173,7 +304,8 @@ void ClusterJobs::run(Work work, Finish finish) {
 }
 
 void ClusterJobs::create(std::string description, std::string name, uid_t owner, Done done) {
-    run([=, node = link_.node()](ClusterBucket& b) { return createIn(b, description, name, owner, node); },
+    run([=, node = link_.node(), ledger = ledger_,
+         limits = limits_](ClusterBucket& b) { return createIn(b, *ledger, limits, description, name, owner, node); },
         std::move(done));
 }
 
@@ -214,8 +346,8 @@ void ClusterJobs::count(Done done) {
 
 void ClusterJobs::mapAppIds(std::int64_t id, std::vector<std::int64_t> appIds, uid_t caller, Done done) {
     run(
-        [=](ClusterBucket& b) {
-            Outcome out = changeIn(b, id, caller, [&](Job& job) {
+        [=, ledger = ledger_](ClusterBucket& b) {
+            Outcome out = changeIn(b, *ledger, id, caller, [&](Job& job) {
                 job.appIds = appIds;
                 return Outcome{0, job.name, {JobEvent::Updated}};
             });
@@ -227,21 +359,35 @@ void ClusterJobs::mapAppIds(std::int64_t id, std::vector<std::int64_t> appIds, u
 
 void ClusterJobs::remove(std::int64_t id, uid_t caller, Done done) {
     run(
-        [=](ClusterBucket& b) {
-            StoredJob s;
-            if (std::int64_t r = load(b, id, s); r != 0) return Outcome{r, {}, {}};
-            if (caller != 0 && caller != s.job.owner) return Outcome{-EPERM, {}, {}};
-            if (b.erase(jobKey(id)) != Result::Ok) return Outcome{kUnreachable, {}, {}};
-            b.erase(nameKey(s.job.name));  // left behind, the name is taken over by the next create
-            return Outcome{0, s.job.name, {JobEvent::Exit}};
+        [=, ledger = ledger_](ClusterBucket& b) {
+            for (int round = 0; round < kMaxRounds; ++round) {
+                StoredJob s;
+                if (std::int64_t r = load(b, id, s); r != 0) return Outcome{r, {}, {}};
+                if (caller != 0 && caller != s.job.owner) return Outcome{-EPERM, {}, {}};
+                // The job, then its name if still its own: a claim that another
+                // create took over once the job was gone is not touched.
+                std::string holder;
+                std::uint64_t named = 0;
+                const Result r = b.get(nameKey(s.job.name), holder, named);
+                if (r != Result::Ok && r != Result::NotFound) return Outcome{kUnreachable, {}, {}};
+                std::vector<ClusterBucket::Write> w{{jobKey(id), {}, s.revision, true}};
+                if (r == Result::Ok && toInt(holder) == id) w.push_back({nameKey(s.job.name), {}, named, true});
+                b.write(w);
+                if (w[0].result == Result::Conflict) continue;  // changed meanwhile: looked at again
+                if (w[0].result != Result::Ok) return Outcome{kUnreachable, {}, {}};
+                ledger->jobs.erase(id);
+                if (s.job.owner != 0) recount(b, *ledger, s.job.owner, -1);
+                return Outcome{0, s.job.name, {JobEvent::Exit}};
+            }
+            return Outcome{kUnreachable, {}, {}};
         },
         std::move(done));
 }
 
 void ClusterJobs::setProgress(std::int64_t id, std::int64_t progress, uid_t caller, Done done) {
     run(
-        [=](ClusterBucket& b) {
-            return changeIn(b, id, caller, [&](Job& job) {
+        [=, ledger = ledger_](ClusterBucket& b) {
+            return changeIn(b, *ledger, id, caller, [&](Job& job) {
                 if (job.state == JobState::Cancelled) return Outcome{-ECANCELED, {}, {}};
                 const auto value = static_cast<std::int32_t>(progress);
                 if (value == job.progress) return Outcome{0, job.name, {}};
@@ -257,8 +403,8 @@ void ClusterJobs::setProgress(std::int64_t id, std::int64_t progress, uid_t call
 
 void ClusterJobs::cancel(std::int64_t id, uid_t caller, Done done) {
     run(
-        [=](ClusterBucket& b) {
-            return changeIn(b, id, caller, [&](Job& job) {
+        [=, ledger = ledger_](ClusterBucket& b) {
+            return changeIn(b, *ledger, id, caller, [&](Job& job) {
                 if (job.state == JobState::Cancelled) return Outcome{0, job.name, {}};
                 job.state = JobState::Cancelled;
                 return Outcome{0, job.name, {JobEvent::Cancelled}};

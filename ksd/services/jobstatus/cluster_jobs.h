@@ -7,9 +7,11 @@
 // the bucket) and answered through `done` on the loop; one that NATS cannot
 // serve now answers -11 (EAGAIN) and changes nothing.
 //
-// Keys: "counter" (the last id handed out, advanced by compare-and-set),
-// "job.<id>" (the job and the node that made it), "name.<hex of the name>"
-// (the id of the live job so named, made only when absent).
+// Keys: "counter" (the last id reserved, advanced a block at a time by
+// compare-and-set), "job.<id>" (the job and the node that made it),
+// "name.<hex of the name>" (the id of the live job so named, made only when
+// absent), "owner.<uid>" (the live jobs of a user other than root, for the
+// per-user budget across the cluster).
 
 #include <sys/types.h>
 
@@ -24,11 +26,14 @@
 
 namespace ksd::jobs {
 
+// What the cluster's worker keeps between pieces of work.
+struct Ledger;
+
 class ClusterJobs {
 public:
     using Done = std::function<void(Outcome)>;
 
-    ClusterJobs(ClusterLink& link, JobLimits limits) : link_(link), limits_(limits) {}
+    ClusterJobs(ClusterLink& link, JobLimits limits);
     // Completions still on their way are dropped.
     ~ClusterJobs() { alive_.reset(); }
 
@@ -49,6 +54,7 @@ private:
 
     ClusterLink& link_;
     JobLimits limits_;
+    std::shared_ptr<Ledger> ledger_;
     std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
 

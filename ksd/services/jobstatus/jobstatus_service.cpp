@@ -33,8 +33,8 @@ FieldPlan mapJobPlan(std::int64_t maxAppIds) {
 
 }  // namespace
 
-JobStatusService::JobStatusService(asio::io_context& io, EventPublisher& events,
-                                   const std::filesystem::path& stateDir, jobs::JobLimits limits)
+JobStatusService::JobStatusService(asio::io_context& io, EventPublisher& events, const std::filesystem::path& stateDir,
+                                   jobs::JobLimits limits)
     : events_(events),
       db_(store::openStateDatabase(stateDir)),
       store_(std::make_unique<jobs::JobStore>(*db_, stateDir / kProgressLogName)),
@@ -95,8 +95,7 @@ void JobStatusService::handle(Request& request) {
     if (cluster_ && r == "TRVX_JS_GET_ALL_PROGRESS") return cluster_->count(answerLaterTo(request));
     if (r == "TRVX_JS_LOOKUP") return responder.reply(longReply(book_->lookup(f[0].text)));
     if (r == "TRVX_JS_GET_PROGRESS") return responder.reply(longReply(book_->progress(f[0].integer)));
-    if (r == "TRVX_JS_GET_ALL_PROGRESS")
-        return responder.reply(longReply(static_cast<std::int64_t>(book_->size())));
+    if (r == "TRVX_JS_GET_ALL_PROGRESS") return responder.reply(longReply(static_cast<std::int64_t>(book_->size())));
 
     // Changing does: ownership rests on the peer's user id.
     if (!isIdentified(request.peer))
@@ -109,11 +108,10 @@ void JobStatusService::handle(Request& request) {
         if (jobName.size() > limits.maxNameLength)
             return responder.fail(EMSGSIZE, "job name longer than " + std::to_string(limits.maxNameLength) + " bytes");
         if (description.size() > limits.maxDescriptionLength)
-            return responder.fail(EMSGSIZE, "job description longer than " +
-                                                std::to_string(limits.maxDescriptionLength) + " bytes");
+            return responder.fail(
+                EMSGSIZE, "job description longer than " + std::to_string(limits.maxDescriptionLength) + " bytes");
         if (cluster_) {
-            if (jobName.empty() || jobName.find('\0') != std::string::npos)
-                return responder.reply(longReply(-EINVAL));
+            if (jobName.empty() || jobName.find('\0') != std::string::npos) return responder.reply(longReply(-EINVAL));
             return cluster_->create(description, jobName, uid, answerLaterTo(request));
         }
         return answer(responder, book_->create(description, jobName, uid));
@@ -165,8 +163,16 @@ void JobStatusService::publish(const Outcome& outcome) {
                              EventAudience::everyone());
 }
 
+// In a cluster, this node's database holds no job it serves: the count is the cluster's.
 std::vector<StatusItem> JobStatusService::status() const {
+    if (cluster_) return {};
     return {{"jobs", static_cast<std::int64_t>(book_->size())}};
+}
+
+bool JobStatusService::statusLater(std::function<void(std::vector<StatusItem>)> done) {
+    if (!cluster_) return false;
+    cluster_->count([done = std::move(done)](Outcome outcome) { done({{"cluster_jobs", outcome.reply}}); });
+    return true;
 }
 
 std::string JobStatusService::query(std::string_view what) const {

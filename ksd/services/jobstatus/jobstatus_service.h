@@ -34,6 +34,7 @@ public:
     const FieldPlan* plan(std::string_view request) const override;
     void handle(Request& request) override;
     std::vector<StatusItem> status() const override;
+    bool statusLater(std::function<void(std::vector<StatusItem>)> done) override;
     // "jobs" / "jobs>ID": a page of the live jobs in id order (those after
     // job ID) as a JSON array of objects, "[]" past the last. query() builds
     // it on the calling thread, answerLater() on the lister's worker.

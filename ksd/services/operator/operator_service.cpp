@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "OrvoProtocol.h"
-
 #include "json/json_text.h"
 
 namespace ksd {
@@ -44,9 +43,37 @@ void OperatorService::handle(Request& request) {
     if (query.size() > kMaxQueryLength) return request.responder->fail(EINVAL, "query name too long");
     for (const auto& service : registry_.services())
         if (service->answerLater(query, request.peer, request.responder)) return;
+    if (query == "status") return answerStatus(request);
     std::string json = answer(query, &request.peer);
     if (json.empty()) return request.responder->fail(EINVAL, "unknown query '" + query + "'");
     request.responder->reply(stringReply(json));
+}
+
+// The counters at hand now, those of other hosts once they all came.
+void OperatorService::answerStatus(Request& request) {
+    struct Gathered {
+        std::string json;
+        std::shared_ptr<Responder> responder;
+        std::size_t waiting = 1;
+        void done() {
+            if (--waiting != 0) return;
+            json.push_back('}');
+            responder->reply(stringReply(json));
+        }
+    };
+    auto gathered = std::make_shared<Gathered>();
+    gathered->json = answer("status", &request.peer);
+    gathered->json.pop_back();
+    gathered->responder = request.responder;
+    for (const auto& service : registry_.services()) {
+        ++gathered->waiting;
+        if (!service->statusLater([gathered](std::vector<StatusItem> items) {
+                appendItems(gathered->json, items);
+                gathered->done();
+            }))
+            --gathered->waiting;
+    }
+    gathered->done();
 }
 
 std::string OperatorService::answer(std::string_view query, const PeerInfo* asker) const {

@@ -36,6 +36,8 @@ public:
     std::string answer(std::string_view query, const PeerInfo* asker = nullptr) const;
 
 private:
+    void answerStatus(Request& request);
+
     const Registry& registry_;
     DaemonStatus daemonStatus_;
     FieldPlan queryPlan_;
