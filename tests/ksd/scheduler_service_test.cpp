@@ -34,6 +34,7 @@ protected:
     ~SchedulerLoop() override { ::unsetenv("TZ"), ::tzset(); }
     void open(ksd::SchedulerLimits limits = {}) {
         service_.reset();
+        limits.execHelper = KS_EXEC_HELPER;
         service_ = std::make_unique<ksd::SchedulerService>(io_, events_, dir_.path(), limits, [this] { return now_; });
     }
     std::int64_t scheduleDaily(const std::string& name, const std::string& params, std::time_t at,

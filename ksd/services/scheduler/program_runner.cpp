@@ -2,8 +2,9 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <linux/close_range.h>
+#include <limits.h>
 #include <pwd.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -15,12 +16,11 @@
 #include <cstring>
 #include <memory>
 
+#include "services/scheduler/exec_stage.h"
+
 namespace ksd::sched {
 
 namespace {
-
-// Which step of the child failed; sent with errno through the pipe.
-enum Stage : int { kCredentials = 1, kChdir, kLogFile, kLogNotRegular, kExec, kSession, kLimits };
 
 const char* stageName(int stage) {
     switch (stage) {
@@ -38,6 +38,8 @@ const char* stageName(int stage) {
             return "new session";
         case kLimits:
             return "resource limits";
+        case kHelper:
+            return "starting ksd-exec";
     }
     return "start";
 }
@@ -82,10 +84,65 @@ std::string locate(const std::string& program, const std::string& path) {
     return program;  // exec fails with ENOENT and says so
 }
 
+// The starting child's stack: the daemon's thread waits while the child
+// runs on it, so one serves every start.
+constexpr std::size_t kChildStack = 128 * 1024;
+
+// What the starting child needs, all built before it exists.
+struct ChildSetup {
+    int report;
+    const std::vector<ResourceLimit>* limits;
+    bool setLimits;
+    const char* helper;
+    char* const* argv;
+    char* const* envp;
+};
+
 [[noreturn]] void childFails(int fd, int stage) {
     const int report[2] = {stage, errno};
     [[maybe_unused]] const ssize_t n = ::write(fd, report, sizeof report);
     ::_exit(127);
+}
+
+// Runs in a child that shares the daemon's memory while the daemon's thread
+// waits for its exec (CLONE_VM | CLONE_VFORK), with every signal blocked: it
+// only makes system calls on what ChildSetup points to, and writes nothing
+// but its own stack (and errno, which the waiting thread does not read).
+// The steps that may block on a user's paths are ksd-exec's, after the exec.
+__attribute__((no_sanitize("address", "thread", "undefined"))) int startChild(void* arg) {
+    const ChildSetup& c = *static_cast<const ChildSetup*>(arg);
+    const int fail = c.report;
+    // Nothing of the daemon's survives into the child: a program that
+    // blocks holds no listener, database or lock.
+    if (fail > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(fail) - 1, 0U);
+    ::syscall(SYS_close_range, static_cast<unsigned>(fail) + 1, ~0U, 0U);
+    const int null = ::open("/dev/null", O_RDWR | O_NOCTTY);
+    if (null < 0) childFails(fail, kLogFile);
+    ::dup2(null, 0), ::dup2(null, 1), ::dup2(null, 2);
+    if (null > 2) ::close(null);
+    // A session of its own: no controlling terminal to inject keystrokes into.
+    if (::setsid() < 0) childFails(fail, kSession);
+    for (int s = 1; s < NSIG; ++s) ::signal(s, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (const ResourceLimit& l : *c.limits)
+        if (::setrlimit(static_cast<__rlimit_resource>(l.resource), &l.value) != 0 && c.setLimits)
+            childFails(fail, kLimits);
+    ::fcntl(fail, F_SETFD, 0);  // ksd-exec reports through it
+    ::execve(c.helper, c.argv, c.envp);
+    childFails(fail, kHelper);
+}
+
+// ksd-exec beside the daemon's executable (a build tree), else where it is
+// installed relative to it.
+std::string findHelper() {
+    char self[PATH_MAX];
+    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    std::string dir = n > 0 ? std::string(self, static_cast<std::size_t>(n)) : std::string("/usr/sbin/ksd");
+    dir.erase(dir.rfind('/') + 1);
+    const std::string beside = dir + "ksd-exec";
+    return ::access(beside.c_str(), X_OK) == 0 ? beside : dir + KSD_EXEC_HELPER_FROM_SBIN;
 }
 
 }  // namespace
@@ -102,8 +159,11 @@ std::vector<ResourceLimit> loginLimits() {
     return limits;
 }
 
-ProgramRunner::ProgramRunner(asio::io_context& io, std::vector<ResourceLimit> limits)
-    : limits_(std::move(limits)), children_(io) {
+ProgramRunner::ProgramRunner(asio::io_context& io, std::vector<ResourceLimit> limits, std::string helper)
+    : limits_(std::move(limits)),
+      helper_(helper.empty() ? findHelper() : std::move(helper)),
+      stack_(std::make_unique<char[]>(kChildStack)),
+      children_(io) {
     if (limits_.empty()) limits_ = loginLimits();
 }
 
@@ -118,17 +178,7 @@ pid_t ProgramRunner::start(const RunSpec& spec, std::function<void(const RunResu
     const bool switchUser = ::geteuid() == 0;
     const std::string path =
         spec.uid == 0 ? "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" : "/usr/local/bin:/usr/bin:/bin";
-    // Everything the child needs is built here: between fork and exec it
-    // only makes system calls.
-    std::vector<std::string> env = {"PATH=" + path, "HOME=" + account.home, "USER=" + account.name,
-                                    "LOGNAME=" + account.name, "SHELL=" + account.shell};
     const std::string program = locate(spec.program, path);
-    std::vector<char*> argv, envp;
-    argv.push_back(const_cast<char*>(spec.program.c_str()));
-    for (const auto& a : spec.args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
     const std::string& workDir = spec.workDir.empty() ? account.home : spec.workDir;
 
     int report[2];
@@ -136,54 +186,42 @@ pid_t ProgramRunner::start(const RunSpec& spec, std::function<void(const RunResu
         failure = std::string("pipe: ") + std::strerror(errno);
         return -1;
     }
-    const pid_t pid = ::fork();
+    // Everything the child needs is built here: it only makes system calls.
+    std::string groups;
+    for (gid_t g : account.groups) groups += (groups.empty() ? "" : ",") + std::to_string(g);
+    std::vector<std::string> words = {"ksd-exec",
+                                      std::to_string(report[1]),
+                                      switchUser ? std::to_string(spec.uid) : "-",
+                                      std::to_string(account.gid),
+                                      groups,
+                                      workDir,
+                                      spec.logFile,
+                                      program,
+                                      spec.program};
+    words.insert(words.end(), spec.args.begin(), spec.args.end());
+    const std::vector<std::string> env = {"PATH=" + path, "HOME=" + account.home, "USER=" + account.name,
+                                          "LOGNAME=" + account.name, "SHELL=" + account.shell};
+    std::vector<char*> argv, envp;
+    for (const auto& w : words) argv.push_back(const_cast<char*>(w.c_str()));
+    argv.push_back(nullptr);
+    for (const auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    const ChildSetup setup{report[1], &limits_, switchUser, helper_.c_str(), argv.data(), envp.data()};
+
+    // No copy of the daemon's address space: the child borrows it until it
+    // has exec'd ksd-exec, which costs the loop far less than a fork. No
+    // handler of the daemon's may run in the child meanwhile.
+    sigset_t all, old;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &old);
+    const pid_t pid = ::clone(startChild, stack_.get() + kChildStack, CLONE_VM | CLONE_VFORK | SIGCHLD,
+                              const_cast<ChildSetup*>(&setup));
+    const int cloneError = errno;
+    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
     if (pid < 0) {
-        failure = std::string("fork: ") + std::strerror(errno);
+        failure = std::string("clone: ") + std::strerror(cloneError);
         ::close(report[0]), ::close(report[1]);
         return -1;
-    }
-    if (pid == 0) {
-        // Nothing of the daemon's survives into the child before it touches
-        // anything of the user's: a path that blocks (a FIFO, a hung mount)
-        // then holds no listener, database or lock, only this child.
-        const int fail = report[1];
-        if (fail > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(fail) - 1, 0U);
-        ::syscall(SYS_close_range, static_cast<unsigned>(fail) + 1, ~0U, 0U);
-        const int null = ::open("/dev/null", O_RDWR | O_NOCTTY);
-        if (null < 0) childFails(fail, kLogFile);
-        ::dup2(null, 0), ::dup2(null, 1), ::dup2(null, 2);
-        if (null > 2) ::close(null);
-        // A session of its own: no controlling terminal to inject keystrokes into.
-        if (::setsid() < 0) childFails(fail, kSession);
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        for (int s = 1; s < NSIG; ++s) ::signal(s, SIG_DFL);
-        for (const ResourceLimit& l : limits_)
-            if (::setrlimit(static_cast<__rlimit_resource>(l.resource), &l.value) != 0 && switchUser)
-                childFails(fail, kLimits);
-        if (switchUser && (::setgroups(account.groups.size(), account.groups.data()) != 0 ||
-                           ::setgid(account.gid) != 0 || ::setuid(spec.uid) != 0))
-            childFails(fail, kCredentials);
-        if (::chdir(workDir.c_str()) != 0) childFails(fail, kChdir);
-        // The daemon's own 077 is not the program's business.
-        ::umask(022);
-        if (!spec.logFile.empty()) {
-            // Non-blocking, so that a FIFO fails or opens at once; only a regular file is taken.
-            const int out = ::open(spec.logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY, 0644);
-            if (out < 0) childFails(fail, kLogFile);
-            struct stat st {};
-            if (::fstat(out, &st) != 0) childFails(fail, kLogFile);
-            if (!S_ISREG(st.st_mode)) {
-                errno = 0;  // the stage says it all
-                childFails(fail, kLogNotRegular);
-            }
-            ::fcntl(out, F_SETFL, O_APPEND);
-            ::dup2(out, 1), ::dup2(out, 2);
-            if (out > 2) ::close(out);
-        }
-        ::execve(program.c_str(), argv.data(), envp.data());
-        childFails(fail, kExec);
     }
     ::close(report[1]);
     ::fcntl(report[0], F_SETFL, O_NONBLOCK);

@@ -5,13 +5,16 @@
 // of its own with a login's resource limits and none of the daemon's
 // descriptors, and tells on the event loop how it ended. The child is
 // reaped when its pidfd turns readable, never by a blocking wait; a failure
-// between fork and exec comes back through a close-on-exec pipe.
+// before the program's exec comes back through a close-on-exec pipe.
+// Starting copies nothing of the daemon's memory: a child that borrows it
+// execs ksd-exec at once, which does the steps that may block.
 
 #include <sys/resource.h>
 #include <sys/types.h>
 
 #include <asio/io_context.hpp>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -45,8 +48,9 @@ std::vector<ResourceLimit> loginLimits();
 
 class ProgramRunner {
 public:
-    // `limits`: set in every child (empty: loginLimits() of now).
-    ProgramRunner(asio::io_context& io, std::vector<ResourceLimit> limits = {});
+    // `limits`: set in every child (empty: loginLimits() of now). `helper`:
+    // ksd-exec's path (empty: beside the daemon's executable, else installed).
+    ProgramRunner(asio::io_context& io, std::vector<ResourceLimit> limits = {}, std::string helper = {});
     ~ProgramRunner();
 
     // The child's pid, or -1 with `failure` set when nothing could be started
@@ -56,6 +60,8 @@ public:
 
 private:
     std::vector<ResourceLimit> limits_;
+    std::string helper_;
+    std::unique_ptr<char[]> stack_;  // the starting child's
     // Programs go on when the daemon stops: they are not killed here.
     ChildWatch children_;
 };

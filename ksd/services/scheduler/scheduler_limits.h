@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "services/scheduler/program_runner.h"
@@ -31,6 +32,8 @@ struct SchedulerLimits {
     std::size_t maxPrograms = 512;
     // Set in every program (empty: sched::loginLimits() when the service starts).
     std::vector<sched::ResourceLimit> programLimits;
+    // ksd-exec (empty: beside the daemon's executable, else where it is installed).
+    std::string execHelper;
 };
 
 }  // namespace ksd
