@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <limits.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,6 +50,11 @@ int main(int argc, char** argv) {
     using namespace ksd::sched;
     if (argc < 9) return 127;
     reportFd = static_cast<int>(number(argv[1]));
+    // The daemon's ignored signals and its mask are not the program's.
+    for (int s = 1; s < NSIG; ++s) ::signal(s, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
     if (argv[2][0] != '-') {
         std::size_t count = 0;
         for (char* p = argv[4]; *p != '\0' && count < NGROUPS_MAX;) {

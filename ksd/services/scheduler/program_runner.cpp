@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <limits.h>
+#include <linux/close_range.h>
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
@@ -98,10 +99,15 @@ struct ChildSetup {
     char* const* envp;
 };
 
+static_assert(sizeof(rlim_t) == 8, "prlimit64 takes the limits as they are kept");
+
+// The starting child calls the kernel directly: a C library or sanitizer
+// wrapper could touch state it shares with the daemon's threads.
 [[noreturn]] void childFails(int fd, int stage) {
     const int report[2] = {stage, errno};
-    [[maybe_unused]] const ssize_t n = ::write(fd, report, sizeof report);
-    ::_exit(127);
+    ::syscall(SYS_write, fd, report, sizeof report);
+    ::syscall(SYS_exit_group, 127);
+    __builtin_unreachable();
 }
 
 // Runs in a child that shares the daemon's memory while the daemon's thread
@@ -112,25 +118,20 @@ struct ChildSetup {
 __attribute__((no_sanitize("address", "thread", "undefined"))) int startChild(void* arg) {
     const ChildSetup& c = *static_cast<const ChildSetup*>(arg);
     const int fail = c.report;
-    // Nothing of the daemon's survives into the child: a program that
-    // blocks holds no listener, database or lock.
-    if (fail > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(fail) - 1, 0U);
-    ::syscall(SYS_close_range, static_cast<unsigned>(fail) + 1, ~0U, 0U);
-    const int null = ::open("/dev/null", O_RDWR | O_NOCTTY);
+    // Nothing of the daemon's survives the exec but the report pipe: a
+    // program that blocks holds no listener, database or lock.
+    if (fail > 3) ::syscall(SYS_close_range, 3U, static_cast<unsigned>(fail) - 1, CLOSE_RANGE_CLOEXEC);
+    ::syscall(SYS_close_range, static_cast<unsigned>(fail) + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    ::syscall(SYS_fcntl, fail, F_SETFD, 0);  // ksd-exec reports through it
+    const long null = ::syscall(SYS_openat, AT_FDCWD, "/dev/null", O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (null < 0) childFails(fail, kLogFile);
-    ::dup2(null, 0), ::dup2(null, 1), ::dup2(null, 2);
-    if (null > 2) ::close(null);
+    for (int std = 0; std <= 2; ++std) ::syscall(SYS_dup3, null, std, 0);
     // A session of its own: no controlling terminal to inject keystrokes into.
-    if (::setsid() < 0) childFails(fail, kSession);
-    for (int s = 1; s < NSIG; ++s) ::signal(s, SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (::syscall(SYS_setsid) < 0) childFails(fail, kSession);
     for (const ResourceLimit& l : *c.limits)
-        if (::setrlimit(static_cast<__rlimit_resource>(l.resource), &l.value) != 0 && c.setLimits)
-            childFails(fail, kLimits);
-    ::fcntl(fail, F_SETFD, 0);  // ksd-exec reports through it
-    ::execve(c.helper, c.argv, c.envp);
+        if (::syscall(SYS_prlimit64, 0, l.resource, &l.value, nullptr) != 0 && c.setLimits) childFails(fail, kLimits);
+    // Caught signals are reset by the exec; ksd-exec resets the ignored ones and unblocks them all.
+    ::syscall(SYS_execve, c.helper, c.argv, c.envp);
     childFails(fail, kHelper);
 }
 
