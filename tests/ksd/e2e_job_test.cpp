@@ -55,21 +55,6 @@ TEST_F(JobEndToEnd, ALifeCycleFromTwoProcessesReachesTheRegisteredCallbackInOrde
     EXPECT_EQ(OrvoJSEUnregisterForNotification(registration), 0);
 }
 
-TEST_F(JobEndToEnd, JobsSurviveSigkillAndRestartAndIdsAreNotReused) {
-    const int kept = OrvoJSECreateJob("kept across restarts", "persist-kept");
-    const int dropped = OrvoJSECreateJob("deleted before the kill", "persist-dropped");
-    ASSERT_GT(dropped, kept);
-    ASSERT_EQ(OrvoJSESetJobProgress(kept, 70), 0);
-    ASSERT_EQ(OrvoJSEDeleteJob(dropped), 0);
-    const int count = OrvoJSEGetAllJobProgress(nullptr, nullptr);
-    ASSERT_TRUE(ksd_->restart(true)) << ksd_->log();  // SIGKILL, then start on the same state
-    EXPECT_EQ(OrvoJSELookupJob("persist-kept"), kept);
-    EXPECT_EQ(OrvoJSEGetJobProgress(kept), 70);
-    EXPECT_EQ(OrvoJSELookupJob("persist-dropped"), -2);
-    EXPECT_EQ(OrvoJSEGetAllJobProgress(nullptr, nullptr), count);
-    EXPECT_GT(OrvoJSECreateJob("after the restart", "persist-new"), dropped) << "the deleted job's id stays used";
-}
-
 e2e::EventLog g_afterRestartEvents;
 
 TEST_F(JobEndToEnd, ASubscriberKeepsReceivingAfterKsdIsKilledAndRestarted) {
@@ -85,9 +70,12 @@ TEST_F(JobEndToEnd, ASubscriberKeepsReceivingAfterKsdIsKilledAndRestarted) {
     EXPECT_EQ(OrvoJSEDeleteJob(id), 0);
 }
 
-TEST_F(JobEndToEnd, MalformedInputAtTheSocketLosesNoStoredJob) {
+TEST_F(JobEndToEnd, JobsSurviveMalformedInputSigkillAndRestartAndIdsAreNotReused) {
     const int id = OrvoJSECreateJob("precious", "survivor");
+    const int dropped = OrvoJSECreateJob("deleted before the kill", "dropped");
+    ASSERT_GT(dropped, id);
     ASSERT_EQ(OrvoJSESetJobProgress(id, 33), 0);
+    ASSERT_EQ(OrvoJSEDeleteJob(dropped), 0);
     const int count = OrvoJSEGetAllJobProgress(nullptr, nullptr);
     auto js = [](const char* request) { return kstest::requestWire("JobStatus", request); };
     for (const auto& [bytes, error] : std::vector<std::pair<std::string, int>>{
@@ -110,6 +98,9 @@ TEST_F(JobEndToEnd, MalformedInputAtTheSocketLosesNoStoredJob) {
     ASSERT_TRUE(ksd_->restart(true)) << ksd_->log();
     EXPECT_EQ(OrvoJSEGetJobProgress(id), 33) << "after SIGKILL and restart too";
     EXPECT_EQ(OrvoJSELookupJob("survivor"), id);
+    EXPECT_EQ(OrvoJSELookupJob("dropped"), -2);
+    EXPECT_EQ(OrvoJSEGetAllJobProgress(nullptr, nullptr), count);
+    EXPECT_GT(OrvoJSECreateJob("after the restart", "new"), dropped) << "the deleted job's id stays used";
 }
 
 TEST(JobStoreStartup, ADamagedDatabaseStopsTheStartAndIsLeftAsItWas) {

@@ -5,7 +5,6 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -23,6 +22,7 @@
 #include "fake_daemon.h"
 #include "ksd_process.h"
 #include "other_user.h"
+#include "push_sink.h"
 #include "wait_until.h"
 
 namespace {
@@ -53,37 +53,6 @@ std::int64_t notify(const std::string& daemon, const std::string& event) {
                request("TRVX_NN_NOTIFY").addString("test").addString(event).addString("t").addLong(0).addRaw(""));
 }
 
-// A Unix stream socket bound to an abstract name, not yet listening.
-struct AbstractSocket {
-    std::string name = kstest::uniqueName("kstest-sec-sink");
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ~AbstractSocket() { ::close(fd); }
-    std::string address() const { return "pipe:" + name; }
-    // Listening makes the caller its owner, as the kernel tells peers.
-    bool listen() const {
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        std::memcpy(a.sun_path + 1, name.data(), name.size());
-        return ::bind(fd, reinterpret_cast<const sockaddr*>(&a),
-                      socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name.size())) == 0 &&
-               ::listen(fd, 8) == 0;
-    }
-    // The callback id and event of the next frame pushed, "" when none came.
-    std::string nextFrame() {
-        pollfd p{fd, POLLIN, 0};
-        if (push.isOpen() || ::poll(&p, 1, 10000) == 1) {
-            if (!push.isOpen()) push.adopt(::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC));
-            OrvoNet::Codec::Value id, len, sender, event;
-            std::string rest;
-            if (push.readValue(id, 10000) && push.readValue(len) && push.readValue(sender) && push.readValue(event) &&
-                push.readRaw(rest, std::size_t(len.integer) - 10 - sender.text.size() - event.text.size()))
-                return std::to_string(id.integer) + " " + event.text;
-        }
-        return "";
-    }
-    kstest::WireClient push;
-};
-
 class NotifierSecurity : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -102,7 +71,7 @@ protected:
 };
 
 TEST_F(NotifierSecurity, AnotherUsersEarlierRegistrationNeitherBlocksNorReplacesMineAcrossARestart) {
-    AbstractSocket sink;
+    kstest::PushSink sink(kstest::PushSink::PipeNotListening);
     const std::string d = daemon();
     // The squatter registers the victim's future address first.
     ASSERT_EQ(kstest::runAs(kNobody, [&] { return std::to_string(subscribe(d, "squat", sink.address(), 1)); }), "0");
@@ -113,7 +82,7 @@ TEST_F(NotifierSecurity, AnotherUsersEarlierRegistrationNeitherBlocksNorReplaces
     ASSERT_TRUE(ksd_.restart()) << ksd_.log();
     EXPECT_EQ(subscriptions(), 2) << "both restored, each with its owner";
     EXPECT_EQ(notify(d, "mine"), 1);
-    EXPECT_EQ(sink.nextFrame(), "1 mine") << "the owner's event reaches its listener";
+    EXPECT_EQ(sink.next(), "1|test|mine|t|") << "the owner's event reaches its listener";
     EXPECT_EQ(unsubscribe(d, sink.address(), 1), -2) << "root unregisters only its own";
     EXPECT_EQ(kstest::runAs(kNobody, [&] { return std::to_string(unsubscribe(d, sink.address(), 1)); }), "0");
     EXPECT_EQ(kstest::runAs(kNobody, [&] { return std::to_string(unsubscribe(d, sink.address(), 1)); }), "-2");
@@ -189,11 +158,10 @@ protected:
 
 TEST_F(NotifierSweep, AListenerThatWentAwayLosesItsSubscriptionsWithoutAnyPush) {
     const std::string d = daemon();
-    AbstractSocket gone, staying;
-    ASSERT_TRUE(gone.listen() && staying.listen());
+    kstest::PushSink gone, staying;
     ASSERT_EQ(subscribe(d, "e", gone.address(), 1), 0);
     ASSERT_EQ(subscribe(d, "e", staying.address(), 1), 0);
-    ::close(std::exchange(gone.fd, ::socket(AF_UNIX, SOCK_STREAM, 0)));
+    gone.stop();
     ASSERT_TRUE(kstest::waitUntil([&] { return subscriptions() == 1; })) << ksd_.log();
     const std::string list = kstest::operatorQuery(d, "subscriptions");
     EXPECT_NE(list.find(staying.address()), std::string::npos) << list;

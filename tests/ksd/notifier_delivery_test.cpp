@@ -2,86 +2,22 @@
 // asynchronous delivery, bounded queues, unreachable subscribers, refusals;
 // last, end to end through the client library.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "OrvoNotificationNetwork.h"
 #include "core_test_util.h"
+#include "push_sink.h"
 
 namespace {
 
 using namespace ksdtest;
 
-// A subscriber listening on an abstract pipe. The test reads the pushed
-// frames itself; a stalled subscriber is one it never reads.
-class TestSink {
-public:
-    // An abstract Unix name, or with `tcp` a loopback port.
-    explicit TestSink(bool tcp = false) : name_(kstest::uniqueName("kstest-sink")) {
-        if (tcp) {
-            listen_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_in a{};
-            a.sin_family = AF_INET;
-            a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            socklen_t size = sizeof a;
-            ::bind(listen_, reinterpret_cast<sockaddr*>(&a), size);
-            ::getsockname(listen_, reinterpret_cast<sockaddr*>(&a), &size);
-            address_ = "socket:127.0.0.1:" + std::to_string(ntohs(a.sin_port));
-        } else {
-            sockaddr_un a{};
-            a.sun_family = AF_UNIX;
-            std::memcpy(a.sun_path + 1, name_.data(), name_.size());
-            ::bind(listen_, reinterpret_cast<sockaddr*>(&a),
-                   socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name_.size()));
-            address_ = "pipe:" + name_;
-        }
-        ::listen(listen_, 16);
-    }
-    ~TestSink() { stop(); }
-    void stop() {  // the subscriber goes away
-        push_.close();
-        if (listen_ >= 0) ::close(std::exchange(listen_, -1));
-    }
-    std::string address() const { return address_; }
-
-    // The next pushed frame as "id|sender|event|text|payload": empty when none
-    // comes within 10 s, "malformed" when its length disagrees with its parts.
-    std::string next() {
-        if (!push_.isOpen() && readable(10000)) push_.adopt(::accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC));
-        OrvoNet::Codec::Value id, len, sender, event, text, n;
-        std::string payload;
-        if (!push_.readValue(id, 10000) || !push_.readValue(len) || !push_.readValue(sender) ||
-            !push_.readValue(event) || !push_.readValue(text) || !push_.readValue(n) ||
-            !push_.readRaw(payload, std::size_t(n.integer)))
-            return "";
-        // Three tagged strings, a tagged long and the payload.
-        if (len.integer !=
-            std::int64_t(3 * 5 + 9 + sender.text.size() + event.text.size() + text.text.size() + payload.size()))
-            return "malformed";
-        return std::to_string(id.integer) + "|" + sender.text + "|" + event.text + "|" + text.text + "|" + payload;
-    }
-
-private:
-    bool readable(int ms) const {
-        pollfd p{listen_, POLLIN, 0};
-        return ::poll(&p, 1, ms) == 1;
-    }
-    std::string name_;
-    std::string address_;
-    int listen_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    kstest::WireClient push_;
-};
+using TestSink = kstest::PushSink;
 
 class NotifierTest : public ::testing::Test {
 protected:
@@ -180,7 +116,7 @@ TEST_F(NotifierTest, ForeignAddressesDaemonEventsOversizedNotificationsAndExcess
     const std::string tcp = server_->tcpAddress();
     EXPECT_EQ(subscribe("x", sink.address(), 1, tcp), kRefused + EACCES) << "a TCP client cannot own a pipe";
     EXPECT_EQ(ask(notifyRequest("x", "", ""), tcp), 0) << "but may publish";
-    TestSink tcpSink(true);
+    TestSink tcpSink(TestSink::Tcp);
     EXPECT_EQ(subscribe("t", tcpSink.address(), 7, tcp), 0) << "and subscribe with a loopback port";
     EXPECT_EQ(ask(notifyRequest("t", "hi", ""), tcp), 1);
     EXPECT_EQ(tcpSink.next(), "7|udp:127.0.0.1:0|t|hi|");

@@ -2,18 +2,14 @@
 // address checks, a push channel's queue, and the service driven with
 // requests from peers of chosen users.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <asio/io_context.hpp>
 #include <chrono>
-#include <cstddef>
-#include <cstring>
 #include <string>
 #include <vector>
 
-#include "fake_daemon.h"
+#include "push_sink.h"
 #include "service_test_fakes.h"
 #include "services/notifier/callback_address.h"
 #include "services/notifier/notifier_service.h"
@@ -31,24 +27,8 @@ using ksdtest::unixPeer;
 constexpr uid_t kAlice = 1000;
 constexpr uid_t kBob = 1001;
 
-// A Unix listener on an abstract name that never accepts: enough for a
-// connect to succeed and for the kernel to vouch for its owner.
-class Listener {
-public:
-    Listener() : name_(kstest::uniqueName("kstest-notifier-sink")), fd_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::memcpy(addr.sun_path + 1, name_.data(), name_.size());
-        const auto len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name_.size());
-        if (::bind(fd_, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(fd_, 8) != 0) ADD_FAILURE();
-    }
-    ~Listener() { ::close(fd_); }
-    std::string address() const { return "pipe:" + name_; }
-
-private:
-    std::string name_;
-    int fd_;
-};
+// Enough for a connect to succeed and for the kernel to vouch for its owner.
+using Listener = kstest::PushSink;
 
 class Notifier : public ::testing::Test {
 protected:
