@@ -2,14 +2,10 @@
 // with raw bytes in and replies, error values and closes out. No client,
 // however it misbehaves, disturbs another.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -163,37 +159,6 @@ TEST(CoreServer, ARequestDrippedOneByteAtATimeIsStillCutOffAtTheLimit) {
     ASSERT_TRUE(answered) << "the daemon waited for all " << request.size() << " bytes";
     EXPECT_EQ(v.tag, Codec::kTagError);
     EXPECT_EQ(v.integer, ETIMEDOUT);
-}
-
-TEST(CoreServer, WhileARequestIsServedTheDaemonReadsAheadOnlyUpToItsLimit) {
-    TestServer server([](ksd::DaemonOptions& o) { o.server.maxPipelinedBytes = 4096; });
-    const std::string name = server.daemon().options().pipe;
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    ASSERT_GE(fd, 0);
-    WireClient owner;
-    owner.adopt(fd);  // closes it at the end
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path + 1, name.data(), name.size());  // abstract name
-    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), offsetof(sockaddr_un, sun_path) + 1 + name.size()), 0);
-    const std::string hold = requestWire("Test", "HOLD").bytes();
-    ASSERT_EQ(::send(fd, hold.data(), hold.size(), MSG_NOSIGNAL), static_cast<ssize_t>(hold.size()));
-    ASSERT_TRUE(waitUntil([&] { return server.thread.onLoop([&] { return server.service.held.size(); }) == 1; }));
-    // Push until the socket stays full: only the kernel's buffers and the
-    // daemon's small read-ahead may take bytes, not the 16 MiB offered.
-    const std::string chunk(64 * 1024, 'p');
-    std::size_t taken = 0;
-    while (taken < (16u << 20)) {
-        const ssize_t n = ::send(fd, chunk.data(), chunk.size(), MSG_NOSIGNAL);
-        if (n > 0) {
-            taken += static_cast<std::size_t>(n);
-            continue;
-        }
-        ASSERT_TRUE(n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) << std::strerror(errno);
-        pollfd p{fd, POLLOUT, 0};
-        if (::poll(&p, 1, 300) == 0) break;
-    }
-    EXPECT_LT(taken, 4u << 20) << "the daemon kept reading a client it was not serving";
 }
 
 TEST(CoreServer, AClientThatNeverReadsItsRepliesStallsNobodyElse) {

@@ -8,7 +8,6 @@
 #include "OrvoCodec.h"
 #include "OrvoJobStatus.h"
 #include "e2e_support.h"
-#include "fake_daemon.h"
 
 namespace {
 

@@ -6,7 +6,6 @@
 #include "OrvoJobStatus.h"
 #include "OrvoResourceArbitration.h"
 #include "e2e_support.h"
-#include "fake_daemon.h"
 
 namespace {
 

@@ -18,8 +18,6 @@
 #include "OrvoTaskScheduler.h"
 #include "e2e_support.h"
 #include "other_user.h"
-#include "fake_daemon.h"
-#include "wait_until.h"
 
 namespace {
 
