@@ -457,7 +457,8 @@ TEST_F(WireTest, RegistrationsDeliverPushedEventsAndUnregistrationsPassStatusesT
         expect("Notifier TRVX_NN_REGISTER s: s: i:", Wire().addInt(nStatus));
         const int h = call();
         const Request r = last();
-        EXPECT_TRUE(h <= 0 || m_daemon.push(r.text(1), static_cast<std::int32_t>(r.integer(2)), sPush));
+        WireClient sink;
+        EXPECT_TRUE(h <= 0 || (sink.connect(r.text(1)) && sink.push(static_cast<std::int32_t>(r.integer(2)), sPush)));
         return std::pair(h, r.text(0));
     };
     const auto unregister = [&](const std::function<int()>& call, std::int32_t nStatus) {

@@ -1,9 +1,7 @@
-// FakeDaemon: listener, per-connection request reader, scripted replies and
-// the kept push connections. See fake_daemon.h for what it promises.
+// FakeDaemon: listener, per-connection request reader and scripted replies.
+// See fake_daemon.h for what it promises.
 #include "fake_daemon.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -50,40 +48,21 @@ bool sendAll(int fd, std::string_view s) {
 
 }  // namespace
 
-FakeDaemon::FakeDaemon(Transport transport) : m_transport(transport), m_sName(uniqueName("kstest")) {}
+FakeDaemon::FakeDaemon() : m_sName(uniqueName("kstest")) {}
 
 FakeDaemon::~FakeDaemon() { stop(); }
 
 bool FakeDaemon::start() {
     if (m_listenFd >= 0) return true;
-    int fd;
-    if (m_transport == Transport::pipe) {
-        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) return false;
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::memcpy(addr.sun_path + 1, m_sName.data(), m_sName.size());
-        auto nLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + m_sName.size());
-        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), nLen) != 0 || listen(fd, 64) != 0) {
-            ::close(fd);
-            return false;
-        }
-    } else {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) return false;
-        int one = 1;
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        addr.sin_port = htons(static_cast<std::uint16_t>(m_nPort));
-        socklen_t nLen = sizeof addr;
-        if (bind(fd, reinterpret_cast<sockaddr*>(&addr), nLen) != 0 || listen(fd, 64) != 0 ||
-            getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &nLen) != 0) {
-            ::close(fd);
-            return false;
-        }
-        m_nPort = ntohs(addr.sin_port);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path + 1, m_sName.data(), m_sName.size());
+    auto nLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + m_sName.size());
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), nLen) != 0 || listen(fd, 64) != 0) {
+        ::close(fd);
+        return false;
     }
     m_wakeFd = eventfd(0, EFD_CLOEXEC);
     if (m_wakeFd < 0) {
@@ -320,10 +299,6 @@ void FakeDaemon::expect(Script script) {
     m_scripts.push_back(std::move(script));
 }
 
-std::string FakeDaemon::connType() const {
-    return m_transport == Transport::pipe ? "pipe:" + m_sName : "socket:" + std::to_string(m_nPort);
-}
-
 std::vector<Request> FakeDaemon::requests() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_requests;
@@ -358,20 +333,6 @@ std::string FakeDaemon::connectionBytes(int nConnection) const {
 bool FakeDaemon::waitForClientClosed(int n, int nTimeoutMs) const {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::milliseconds(nTimeoutMs), [&] { return m_nClientClosed >= n; });
-}
-
-// The kept connection to an address, reopened when the sink has closed it.
-WireClient& FakeDaemon::pusher(const std::string& sAddress) {
-    auto& slot = m_pushers[sAddress];
-    if (!slot) slot = std::make_unique<WireClient>();
-    if (slot->isOpen() && slot->waitPeerClosed(0)) slot->close();
-    if (!slot->isOpen()) slot->connect(sAddress);
-    return *slot;
-}
-
-bool FakeDaemon::push(const std::string& sAddress, std::int32_t nId, std::string_view sPayload) {
-    std::lock_guard<std::mutex> lock(m_pushMutex);
-    return pusher(sAddress).push(nId, sPayload);
 }
 
 }  // namespace kstest

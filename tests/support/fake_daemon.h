@@ -1,5 +1,5 @@
 // A daemon that misbehaves on purpose, for wire-level tests of the client
-// side: it listens on a unique abstract name (or a loopback port), records
+// side: it listens on a unique abstract name, records
 // every request and byte, and answers each request from the first queued
 // Script whose service/request match (empty matches any; used once unless
 // `persistent`). A script names the fields after the header (RawFrom(i): a
@@ -7,8 +7,8 @@
 // cuts the exchange: `errorCode` sends an error value and closes,
 // `closeAfterFields` / `closeAfterReplyBytes` close part way, `trailer` false
 // leaves the trailer out. A request no script matches gets an error value and
-// its connection closed, as the daemon does. push() sends callback frames to
-// a sink over one kept connection per address. WireClient is the same by hand.
+// its connection closed, as the daemon does. WireClient talks to a daemon or
+// pushes to a sink by hand.
 #ifndef KSTEST_FAKE_DAEMON_H
 #define KSTEST_FAKE_DAEMON_H
 
@@ -19,7 +19,6 @@
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -142,8 +141,6 @@ struct Script {
     bool persistent = false;     // stays queued for every matching request
 };
 
-enum class Transport { pipe, tcp };
-
 // A connection to a pipe or TCP address, for pushing frames or talking to a daemon by hand.
 class WireClient {
 public:
@@ -183,12 +180,12 @@ std::string operatorQuery(const std::string& sAddress, std::string_view sWhat);
 
 class FakeDaemon {
 public:
-    explicit FakeDaemon(Transport transport = Transport::pipe);
+    FakeDaemon();
     ~FakeDaemon();
     FakeDaemon(const FakeDaemon&) = delete;
     FakeDaemon& operator=(const FakeDaemon&) = delete;
 
-    // Listens (again, on the same name/port after a stop). False when it cannot.
+    // Listens (again, on the same name after a stop). False when it cannot.
     bool start();
     // Closes the listener and every connection and joins all threads.
     void stop();
@@ -197,10 +194,9 @@ public:
     // Queues a script (may be called while running).
     void expect(Script script);
 
-    // "pipe:<name>" or "socket:<port>": the KSINTF_CONN_TYPE value that points here.
-    std::string connType() const;
+    // "pipe:<name>": the KSINTF_CONN_TYPE value that points here.
+    std::string connType() const { return "pipe:" + m_sName; }
     const std::string& pipeName() const { return m_sName; }
-    int port() const { return m_nPort; }   // TCP only, after the first start()
 
     // Requests received so far (including refused ones), in arrival order.
     std::vector<Request> requests() const;
@@ -215,9 +211,6 @@ public:
     // Waits (bounded) until the client has closed n connections.
     bool waitForClientClosed(int n, int nTimeoutMs = 5000) const;
 
-    // Sends one push frame to a callback address over a connection kept per address.
-    bool push(const std::string& sAddress, std::int32_t nId, std::string_view sPayload);
-
 private:
     struct Conn;
     void acceptLoop();
@@ -225,11 +218,8 @@ private:
     bool serveOne(Conn& conn);
     std::optional<Script> takeScript(const std::string& sService, const std::string& sRequest);
     std::size_t record(Request r);
-    WireClient& pusher(const std::string& sAddress);
 
-    Transport m_transport;
     std::string m_sName;
-    int m_nPort = 0;
     int m_listenFd = -1;
     int m_wakeFd = -1;
     std::thread m_acceptor;
@@ -242,9 +232,6 @@ private:
     std::vector<std::shared_ptr<Conn>> m_conns;
     std::list<std::thread> m_threads;
     int m_nClientClosed = 0;
-
-    std::mutex m_pushMutex;
-    std::map<std::string, std::unique_ptr<WireClient>> m_pushers;
 };
 
 }  // namespace kstest
