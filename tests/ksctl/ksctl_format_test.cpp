@@ -52,7 +52,7 @@ TEST(KsctlOutput, PreviewsAndLines) {
         PayloadPreview p = previewPayload(c.in, c.limit);
         EXPECT_EQ(std::tie(p.printable, p.truncated, p.shown), std::tie(c.printable, c.truncated, c.shown)) << c.in;
     }
-    EXPECT_EQ(oneLine("a\nb\tc\\d\x01 <x/>"), "a\\nb\\tc\\\\d\\x01 <x/>");
+    EXPECT_EQ(oneLine("a\nb\tc\\d\x01\x7f <x/>"), "a\\nb\\tc\\\\d\\x01\\x7f <x/>");
 }
 
 TEST(KsctlOutput, TablesAlignColumnsOverEveryKey) {
