@@ -3,7 +3,8 @@
 # the build would, with a clean environment (no LD_LIBRARY_PATH, no
 # ldconfig): the installed ksd serves, a C program built with pkg-config
 # creates a job, one built with CMake finds it, a Java program loads the
-# natives through the installed jar alone, and the installed ksctl lists it.
+# natives through the installed jar alone, the installed ksctl lists it and
+# a task it schedules runs.
 # Usage: install_tree_test.sh BUILD_DIR CONSUMER_SOURCE_DIR [EXTRA_C_FLAGS]
 set -eu
 build=$1 consumer=$2 extra=${3:-}
@@ -58,4 +59,10 @@ if [ -z "$extra" ] && command -v javac >/dev/null; then
 fi
 
 clean "$prefix/bin/ksctl" --pipe "$work/ksd.sock" job list | grep -q "$name" || fail "installed ksctl does not list $name"
+# A task run proves the installed ksd finds its program starter in libexec.
+when=$(date -d '+2 seconds' '+%Y-%m-%d %H:%M:%S')
+clean "$prefix/bin/ksctl" --pipe "$work/ksd.sock" task schedule "$name" /usr/bin/touch -a "$work/ran" --at "$when" \
+    >/dev/null || fail "installed ksctl could not schedule a task"
+for _ in $(seq 100); do [ -e "$work/ran" ] && break; sleep 0.1; done
+[ -e "$work/ran" ] || fail "the installed ksd did not run a task"
 echo "installed tree at $prefix serves C (pkg-config, CMake), Java and ksctl with a clean environment"
