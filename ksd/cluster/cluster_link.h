@@ -7,6 +7,7 @@
 // handed to the loop first. The only door to NATS in the daemon.
 
 #include <asio/io_context.hpp>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -51,7 +52,7 @@ struct ClusterState {
 };
 
 // A key-value bucket of the cluster, each key with its revision: where jobs
-// are kept (and locks will be). Every call is a round trip to the bucket's
+// and locks are kept. Every call is a round trip to the bucket's
 // stream leader, so it is only ever called from work run by runOnBucket().
 class ClusterBucket {
 public:
@@ -83,6 +84,13 @@ public:
     virtual void write(std::vector<Write>& writes) = 0;
 };
 
+// One key of a bucket as a watch reports it.
+struct ClusterEntry {
+    std::string key, value;
+    std::uint64_t revision = 0;
+    bool deleted = false;
+};
+
 class ClusterLink {
 public:
     // Blocking work on a bucket; what it returns, if anything, is run on the loop.
@@ -92,6 +100,8 @@ public:
 
     virtual ~ClusterLink() = default;
     virtual const std::string& node() const = 0;
+    // How long a node that went silent still counts (--cluster-lease-ms).
+    virtual std::chrono::milliseconds lease() const = 0;
     // Called on the loop for each notification of another node that a topic wanted here matches.
     virtual void setReceiver(Receiver receiver) = 0;
     // Starts or stops receiving a topic from the other nodes; asking twice is harmless.
@@ -108,6 +118,14 @@ public:
     // Unreachable at once; a call NATS leaves unanswered does so within the
     // write time-out.
     virtual void runOnBucket(const std::string& bucket, BucketWork work) = 0;
+    // Calls `onEntry` on the loop for every key of `bucket` as it is, then
+    // for every change as it is written (committed writes only), pushed by
+    // NATS. After a lost connection the keys as they are come again, so an
+    // entry may repeat or skip revisions between; never an older one after
+    // a newer one for the same key while connected. One watch per bucket;
+    // made for buckets written to at least every half lease (it is made
+    // again after a silence that long).
+    virtual void watchBucket(const std::string& bucket, std::function<void(ClusterEntry&)> onEntry) = 0;
 };
 
 // Connects to the cluster (in the background: the link exists at once and

@@ -45,6 +45,7 @@ void registerServices(Registry& registry, ServiceContext& context) {
     //   registry.add(std::make_unique<ArbiterService>(context));
     auto arbiter = std::make_unique<ArbiterService>(context.io, context.events);
     arbiter->restoreFrom(std::make_unique<LockStore>(context.stateDir));
+    if (context.cluster != nullptr) arbiter->useCluster(*context.cluster, context.stateDir);
     registry.add(std::move(arbiter));
     auto jobs = std::make_unique<JobStatusService>(context.io, context.events, context.stateDir, context.jobLimits);
     if (context.cluster != nullptr) jobs->useCluster(*context.cluster);

@@ -8,6 +8,9 @@
 //   progress ID P       -> "progress <result>"
 //   watch-lock NAME     -> "watch-lock <registration>", then "ra-event <name> <code>" per event
 //   watch-job NAME      -> "watch-job <registration>", then "js-event <name> <code>" per event
+//   cycle NAME MS HOLD  -> for MS milliseconds: lock (5 s time-out), hold HOLD ms, unlock; per grant
+//                          "held <handle> <granted ns> <released ns>" (CLOCK_MONOTONIC, one for all
+//                          processes), per failed lock "lock <result>"; then "cycle done"
 //   sleep MS            -> "sleep done"
 //   wait                -> "waiting", then "wait done" once a line (or end) arrives on stdin
 //   hang                -> "hanging", then sleeps until killed
@@ -77,6 +80,25 @@ int main(int argc, char** argv) {
         } else if (step == "watch-job") {
             say("watch-job " + std::to_string(OrvoJSERegisterForNotification(arg(1).c_str(), onJobEvent)));
             i += 1;
+        } else if (step == "cycle") {
+            using Clock = std::chrono::steady_clock;
+            const auto ns = [] { return std::to_string(Clock::now().time_since_epoch().count()); };
+            const auto end = Clock::now() + std::chrono::milliseconds(std::stol(arg(2)));
+            const auto hold = std::chrono::milliseconds(std::stol(arg(3)));
+            while (Clock::now() < end) {
+                const long handle = OrvoRAResourceLock(arg(1).c_str(), 5000);
+                if (handle <= 0) {
+                    say("lock " + std::to_string(handle));
+                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                    continue;
+                }
+                const std::string granted = ns();
+                std::this_thread::sleep_for(hold);
+                say("held " + std::to_string(handle) + " " + granted + " " + ns());
+                OrvoRAResourceUnlock(handle);
+            }
+            say("cycle done");
+            i += 3;
         } else if (step == "sleep") {
             std::this_thread::sleep_for(std::chrono::milliseconds(std::stol(arg(1))));
             say("sleep done");

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -26,6 +27,9 @@ int runLock(const GlobalOptions& /*options*/, const LockArgs& args) {
     // The lock belongs to this process, so we stay alive (and the lock held) until the
     // command ends; if we die anyway, the daemon releases the lock with our process.
     // ksd keeps a live holder's lock across its restarts; the user is told it was gone.
+    // The handle is a fencing token: the command hands it to what it guards, which
+    // refuses a handle lower than the last it saw.
+    ::setenv("KS_LOCK_HANDLE", std::to_string(handle).c_str(), 1);
     DaemonWatch watch;
     watch.startPeriodic(2000);
     ChildOutcome outcome = runCommand(args.command);

@@ -15,6 +15,7 @@
 #include "OrvoLogging.h"
 #include "cluster/cluster_link.h"
 #include "cluster/cluster_wire.h"
+#include "cluster/nats/bucket_watch.h"
 #include "cluster/nats/bucket_worker.h"
 #include "cluster/nats/inbox.h"
 
@@ -93,6 +94,7 @@ public:
         beat_.cancel();
         inbox_->close();
         worker_.reset();
+        watches_.clear();
         for (auto& [subject, sub] : subs_) natsSubscription_Destroy(sub);
         subs_.clear();
         natsConnection_Close(nc_);
@@ -100,6 +102,7 @@ public:
     }
 
     const std::string& node() const override { return node_; }
+    std::chrono::milliseconds lease() const override { return options_.lease; }
     void setReceiver(Receiver receiver) override { receiver_ = std::move(receiver); }
 
     void want(const ClusterTopic& topic) override {
@@ -146,7 +149,18 @@ public:
 
     void runOnBucket(const std::string& bucket, BucketWork work) override { worker_->run(bucket, std::move(work)); }
 
+    void watchBucket(const std::string& bucket, std::function<void(ClusterEntry&)> onEntry) override {
+        watches_[bucket] = std::make_unique<cluster::BucketWatch>(io_, nc_, options_.name + "-" + bucket,
+                                                                  watchSilence(), std::move(onEntry));
+    }
+
 private:
+    // Every node writes to the locks' bucket a fifth of the lease apart: a
+    // watch silent for half of it has lost its consumer.
+    std::chrono::milliseconds watchSilence() const {
+        return std::max(options_.lease / 2, std::chrono::milliseconds(200));
+    }
+
     void connect() {
         natsOptions* opts = nullptr;
         check(natsOptions_Create(&opts), "options");
@@ -161,6 +175,9 @@ private:
         // Out at once rather than when libnats's flusher thread next runs: a
         // replicated write or a forwarded publication waits on nothing else.
         natsOptions_SetSendAsap(opts, true);
+        // Only the servers the operator named: a node cut off from them is cut
+        // off, not quietly moved to a server it learnt of (and told nobody).
+        natsOptions_SetIgnoreDiscoveredServers(opts, true);
         natsOptions_UseGlobalMessageDelivery(opts, true);
         natsOptions_SetMaxReconnect(opts, -1);
         natsOptions_SetReconnectWait(opts, 200);
@@ -242,6 +259,7 @@ private:
     asio::steady_timer beat_;
     std::unordered_map<std::string, Clock::time_point> seen_;
     std::unique_ptr<cluster::BucketWorker> worker_;
+    std::map<std::string, std::unique_ptr<cluster::BucketWatch>> watches_;
     std::int64_t forwarded_ = 0, received_ = 0, dropped_ = 0;
 };
 

@@ -5,8 +5,8 @@
 #include <limits>
 
 #include "OrvoLogging.h"
-#include "store/write_or_log.h"
 #include "json/json_text.h"
+#include "store/write_or_log.h"
 
 namespace ksd {
 
@@ -34,6 +34,7 @@ ArbiterService::ArbiterService(asio::io_context& io, EventPublisher& events, Arb
       unlockPlan_(fixedPlan({FieldKind::Long})) {}
 
 ArbiterService::~ArbiterService() {
+    cluster_.reset();
     // Pending timers and close handlers check `alive_` and stay away from us.
     alive_.reset();
     for (auto& [name, resource] : resources_)
@@ -59,13 +60,15 @@ void ArbiterService::lock(Request& request) {
     const std::int64_t ms = request.fields[1].integer;
     Responder& responder = *request.responder;
     if (name.size() > limits_.maxNameLength)
-        return responder.fail(EMSGSIZE, "resource name longer than " + std::to_string(limits_.maxNameLength) + " bytes");
+        return responder.fail(EMSGSIZE,
+                              "resource name longer than " + std::to_string(limits_.maxNameLength) + " bytes");
     if (name.empty()) return responder.reply(longReply(-EINVAL));
     if (!isIdentified(request.peer)) return responder.fail(EACCES, "a TCP client whose owner is unknown may not lock");
     const auto held = heldByUser_.find(request.peer.uid);
     if (!isRoot(request.peer) && held != heldByUser_.end() && held->second >= limits_.maxLocksPerUser)
         return responder.fail(
             EDQUOT, "too many locks held by this user (limit " + std::to_string(limits_.maxLocksPerUser) + ")");
+    if (cluster_) return cluster_->lock(name, ms > limits_.maxTimeoutMs ? -1 : ms, request.peer, request.responder);
 
     Resource& resource = resources_[name];
     if (!resource.holder) {
@@ -127,6 +130,7 @@ bool ArbiterService::grant(const std::string& name, Resource& resource, const Pe
 
 void ArbiterService::unlock(Request& request) {
     const std::int64_t handle = request.fields[0].integer;
+    if (cluster_) return cluster_->unlock(handle, request.peer, request.responder);
     auto it = handles_.find(handle);
     if (it == handles_.end()) return request.responder->reply(longReply(-ENOENT));
     const Holder& holder = *resources_.at(it->second).holder;
@@ -241,6 +245,10 @@ void ArbiterService::restoreFrom(std::unique_ptr<LockStore> store) {
     }
 }
 
+void ArbiterService::useCluster(ClusterLink& link, const std::filesystem::path& stateDir) {
+    cluster_ = std::make_unique<ClusterLocks>(io_, link, events_, *monitor_, link.lease(), stateDir / "cluster-locks");
+}
+
 void ArbiterService::publish(const std::string& resourceName, std::int32_t code) {
     // Every client may list every lock: every subscriber hears of all of them.
     events_.publishEvent(EventFamily::Lock, resourceName, code, EventAudience::everyone());
@@ -253,6 +261,9 @@ std::size_t ArbiterService::waiting() const {
 }
 
 std::vector<StatusItem> ArbiterService::status() const {
+    if (cluster_)
+        return {{"locks_held", static_cast<std::int64_t>(cluster_->held())},
+                {"lock_waiters", static_cast<std::int64_t>(cluster_->waiting())}};
     return {{"locks_held", static_cast<std::int64_t>(handles_.size())},
             {"lock_waiters", static_cast<std::int64_t>(waiting())}};
 }

@@ -16,6 +16,7 @@
 #include <asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -25,6 +26,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "cluster/cluster_link.h"
+#include "services/arbiter/cluster_locks.h"
 #include "services/arbiter/lock_store.h"
 #include "services/arbiter/process_monitor.h"
 #include "services/list_page.h"
@@ -33,11 +36,11 @@
 namespace ksd {
 
 struct ArbiterLimits {
-    std::size_t maxNameLength = 1024;     // resource names (EMSGSIZE beyond)
-    std::size_t maxLocksPerUser = 4096;   // held at once (EDQUOT beyond)
+    std::size_t maxNameLength = 1024;    // resource names (EMSGSIZE beyond)
+    std::size_t maxLocksPerUser = 4096;  // held at once (EDQUOT beyond)
     // Longer time-outs are taken as "without limit".
     std::int64_t maxTimeoutMs = std::int64_t{100} * 365 * 24 * 3600 * 1000;
-    std::size_t listPageBytes = kListPageBytes;   // "locks" answered in pages of about this size
+    std::size_t listPageBytes = kListPageBytes;  // "locks" answered in pages of about this size
 };
 
 class ArbiterService final : public Service {
@@ -67,6 +70,8 @@ public:
     // start time), releases the others with lock code -1, and stores every
     // later change and handle there.
     void restoreFrom(std::unique_ptr<LockStore> store);
+    // Locks become the cluster's (see cluster_locks.h); this node's holds are kept in `stateDir`.
+    void useCluster(ClusterLink& link, const std::filesystem::path& stateDir);
     std::size_t waiting() const;
 
 private:
@@ -113,12 +118,13 @@ private:
     FieldPlan lockPlan_;
     FieldPlan unlockPlan_;
     std::unordered_map<std::string, Resource> resources_;
-    std::map<std::int64_t, std::string> handles_;                   // held locks, in handle order for the pages
+    std::map<std::int64_t, std::string> handles_;                  // held locks, in handle order for the pages
     std::unordered_map<pid_t, std::set<std::int64_t>> byProcess_;  // watched holders
     std::unordered_map<uid_t, std::size_t> heldByUser_;
     std::int64_t lastHandle_ = 0;
     std::unique_ptr<LockStore> store_;
     std::uint64_t lastWaiterId_ = 0;
+    std::unique_ptr<ClusterLocks> cluster_;
     std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
 

@@ -1,0 +1,515 @@
+#include "services/arbiter/cluster_locks.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "OrvoLogging.h"
+#include "cluster/cluster_wire.h"
+#include "services/arbiter/lock_store.h"
+
+namespace ksd {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Result = ClusterBucket::Result;
+using locks::Claim;
+using locks::LockRecord;
+
+constexpr const char* kBucket = "locks";
+constexpr std::int64_t kTimedOut = -ETIMEDOUT;  // -110
+
+std::string newEpoch() {
+    std::random_device rd;
+    const std::uint64_t v = (std::uint64_t{rd()} << 32) ^ rd() ^
+                            static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
+    std::ostringstream out;
+    out << std::hex << v;
+    return out.str();
+}
+
+std::string epochOfKey(const std::string& key) { return key.substr(key.rfind('.') + 1); }
+
+}  // namespace
+
+ClusterLocks::ClusterLocks(asio::io_context& io, ClusterLink& link, EventPublisher& events, ProcessMonitor& monitor,
+                           std::chrono::milliseconds lease, std::filesystem::path stateFile)
+    : io_(io),
+      link_(link),
+      events_(events),
+      monitor_(monitor),
+      lease_(lease),
+      stateFile_(std::move(stateFile)),
+      renewTimer_(io),
+      leaseTimer_(io),
+      othersTimer_(io),
+      // Waiter ids grow across restarts: a claim left in a queue by the last run names no waiter of this one.
+      lastId_(static_cast<std::uint64_t>(
+          std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+              .count())) {
+    // The holds of the last run, under the epoch it renewed.
+    std::ifstream in(stateFile_);
+    std::string word;
+    std::vector<std::pair<std::string, std::uint64_t>> gone;
+    if (in >> word && word == "epoch" && in >> epoch_ && epoch_ != "-") {
+        std::uint64_t handle = 0, id = 0, start = 0;
+        long pid = 0, uid = 0;
+        std::string hexName;
+        while (in >> handle >> id >> pid >> uid >> start >> hexName) {
+            const std::string name = cluster::fromHexToken(hexName).value_or(std::string());
+            PeerInfo peer;
+            peer.isUnix = true;
+            peer.pid = static_cast<pid_t>(pid);
+            peer.uid = static_cast<uid_t>(uid);
+            if (start == 0 || processStartTime(peer.pid) != start) {
+                gone.emplace_back(name, handle);
+                continue;
+            }
+            holds_[handle] = Hold{name, id, peer, start};
+            byProcess_[peer.pid].insert(handle);
+        }
+    } else {
+        epoch_.clear();
+    }
+    std::weak_ptr<char> alive = alive_;
+    for (auto& [pid, handles] : byProcess_)
+        monitor_.watch(pid, [this, alive, pid = pid] {
+            if (!alive.expired()) processEnded(pid);
+        });
+    for (auto& [name, handle] : gone) {
+        events_.publishEvent(EventFamily::Lock, name, -1, EventAudience::everyone());
+        sendRelease(name, handle, -1);
+    }
+    link_.watchBucket(kBucket, [this, alive](ClusterEntry& e) {
+        if (!alive.expired()) entry(e);
+    });
+    startEpoch();
+    checkOthers();
+}
+
+ClusterLocks::~ClusterLocks() {
+    alive_.reset();
+    renewTimer_.cancel();
+    leaseTimer_.cancel();
+    othersTimer_.cancel();
+    for (auto& [id, w] : waiters_)
+        if (w.timer) w.timer->cancel();
+    for (auto& [pid, handles] : byProcess_) monitor_.unwatch(pid);
+}
+
+// ---- requests ----
+
+void ClusterLocks::lock(const std::string& name, std::int64_t ms, const PeerInfo& peer,
+                        std::shared_ptr<Responder> responder) {
+    const std::uint64_t id = ++lastId_;
+    Waiter w;
+    w.name = name;
+    w.peer = peer;
+    w.tryOnly = ms == 0;
+    w.responder = responder;
+    std::weak_ptr<char> alive = alive_;
+    if (ms > 0) {
+        w.timer = std::make_unique<asio::steady_timer>(io_, std::chrono::milliseconds(ms));
+        w.timer->async_wait([this, alive, id](const std::error_code& ec) {
+            if (!ec && !alive.expired()) leave(id, true);
+        });
+    }
+    waiters_.emplace(id, std::move(w));
+    responder->onClose([this, alive, id] {
+        if (!alive.expired()) leave(id, false);
+    });
+    if (live_) return sendLock(id);
+    if (ms == 0) leave(id, true);  // trying once, and NATS cannot say now
+}
+
+void ClusterLocks::unlock(std::int64_t handle, const PeerInfo& peer, std::shared_ptr<Responder> responder) {
+    const auto mayUnlock = [&](std::int64_t uid) {
+        return isRoot(peer) || (isIdentified(peer) && static_cast<std::int64_t>(peer.uid) == uid);
+    };
+    const auto h = static_cast<std::uint64_t>(handle);
+    if (auto it = holds_.find(h); it != holds_.end()) {
+        if (!mayUnlock(it->second.peer.uid)) return responder->reply(longReply(-EPERM));
+        const std::string name = it->second.name;
+        dropHold(h);
+        sendRelease(name, h, 0);
+        return responder->reply(longReply(0));
+    }
+    // Held through another node (or not yet reported here): freed by a write of its own.
+    auto at = heldAnywhere_.find(h);
+    if (at == heldAnywhere_.end()) return responder->reply(longReply(-ENOENT));
+    const LockRecord& record = mirror_[at->second].record;
+    if (!record.holder || !mayUnlock(record.holder->uid)) return responder->reply(longReply(-EPERM));
+    const std::string key = at->second;
+    write([key, h, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, h, 0, dead); },
+          [this, key, responder](Written& w) {
+              if (w.result == Result::Ok) apply(key, w.revision, w.record);
+              responder->reply(longReply(w.result != Result::Ok ? -EAGAIN : w.wrote ? 0 : -ENOENT));
+          });
+}
+
+std::size_t ClusterLocks::waiting() const {
+    return static_cast<std::size_t>(
+        std::count_if(waiters_.begin(), waiters_.end(), [](const auto& w) { return w.second.queued; }));
+}
+
+// ---- writes ----
+
+template <typename Op, typename Then>
+void ClusterLocks::write(Op op, Then then) {
+    link_.runOnBucket(kBucket, [op = std::move(op), then = std::move(then),
+                                alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) mutable {
+        Written w = op(b);
+        return std::function<void()>([then, alive, w = std::move(w)]() mutable {
+            if (!alive.expired()) then(w);
+        });
+    });
+}
+
+void ClusterLocks::retryLater(std::function<void()> again) {
+    auto timer = std::make_shared<asio::steady_timer>(io_, std::min(lease_ / 5, std::chrono::milliseconds(200)));
+    timer->async_wait(
+        [timer, again = std::move(again), alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
+            if (!ec && !alive.expired()) again();
+        });
+}
+
+Claim ClusterLocks::claimOf(std::uint64_t id, const PeerInfo& peer) const {
+    return Claim{link_.node(), epoch_, id, peer.isUnix ? peer.pid : -1, static_cast<std::int64_t>(peer.uid)};
+}
+
+void ClusterLocks::sendLock(std::uint64_t id) {
+    auto it = waiters_.find(id);
+    if (it == waiters_.end() || !live_) return;
+    it->second.sent = true;
+    const std::string key = locks::recordKey(it->second.name);
+    write([key, claim = claimOf(id, it->second.peer), tryOnly = it->second.tryOnly,
+           dead = dead_](ClusterBucket& b) { return locks::lockIn(b, key, claim, tryOnly, dead); },
+          [this, key, id](Written& w) {
+              if (w.result == Result::Ok) apply(key, w.revision, w.record);
+              auto it = waiters_.find(id);
+              if (it == waiters_.end()) return;  // granted
+              if (w.result != Result::Ok && it->second.tryOnly) return leave(id, true);
+              if (w.result != Result::Ok) {
+                  // NATS did not answer: asked again until the waiter's time-out.
+                  it->second.sent = it->second.queued = false;
+                  return retryLater([this, id] { sendLock(id); });
+              }
+              if (it->second.tryOnly) return leave(id, true);
+              it->second.queued = true;
+          });
+}
+
+void ClusterLocks::sendRelease(const std::string& name, std::uint64_t handle, std::int32_t code) {
+    const std::string key = locks::recordKey(name);
+    write([key, handle, code, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, handle, code, dead); },
+          [this, key, name, handle, code](Written& w) {
+              if (w.result == Result::Ok) return apply(key, w.revision, w.record);
+              // Held in the bucket until freed; when the epoch ends first, the other nodes free it.
+              retryLater([this, name, handle, code] { sendRelease(name, handle, code); });
+          });
+}
+
+void ClusterLocks::sendLeave(const std::string& name, std::uint64_t id) {
+    const std::string key = locks::recordKey(name);
+    const Claim claim = claimOf(id, PeerInfo{});
+    write([key, claim, dead = dead_](ClusterBucket& b) { return locks::leaveIn(b, key, claim, dead); },
+          [this, key, name, id, epoch = epoch_](Written& w) {
+              if (w.result == Result::Ok) return apply(key, w.revision, w.record);
+              if (live_ && epoch == epoch_) retryLater([this, name, id] { sendLeave(name, id); });
+          });
+}
+
+void ClusterLocks::sendReap(const std::string& key) {
+    write([key, dead = dead_](ClusterBucket& b) { return locks::reapIn(b, key, dead); },
+          [this, key](Written& w) {
+              if (w.result == Result::Ok) apply(key, w.revision, w.record);
+          });
+}
+
+// ---- what the bucket says ----
+
+void ClusterLocks::entry(ClusterEntry& e) {
+    if (e.deleted) return;
+    if (e.key.starts_with("n.")) return epochSeen(e.key, e.value, e.revision);
+    LockRecord record;
+    if (locks::decodeRecord(e.value, e.revision, record)) apply(e.key, e.revision, record);
+}
+
+void ClusterLocks::apply(const std::string& key, std::uint64_t revision, const LockRecord& record) {
+    Mirrored& m = mirror_[key];
+    if (revision <= m.revision) return;
+    const bool seenBefore = m.revision != 0;
+    const LockRecord old = std::move(m.record);
+    m.revision = revision;
+    m.record = record;
+    if (old.holder) heldAnywhere_.erase(old.handle);
+    if (record.holder) heldAnywhere_[record.handle] = key;
+    const std::string name = locks::resourceOfKey(key);
+    const bool newHolder = record.holder && record.handle != old.handle;
+    if (seenBefore && old.holder && (!record.holder || newHolder))
+        events_.publishEvent(EventFamily::Lock, name, record.lastCode, EventAudience::everyone());
+    if (newHolder && (seenBefore || record.holder->node == link_.node()))
+        events_.publishEvent(EventFamily::Lock, name, 1, EventAudience::everyone());
+
+    // A hold here that the bucket no longer shows was freed through another node.
+    std::vector<std::uint64_t> lost;
+    for (const auto& [handle, hold] : holds_)
+        if (hold.name == name && (!record.holder || record.handle != handle)) lost.push_back(handle);
+    for (std::uint64_t handle : lost) dropHold(handle);
+
+    if (record.holder) {
+        const Claim& h = *record.holder;
+        if (dead_.count(h.epoch) != 0) {
+            sendReap(key);
+        } else if (live_ && h.epoch == epoch_ && h.node == link_.node() && holds_.count(record.handle) == 0) {
+            if (waiters_.count(h.id) != 0)
+                grant(h.id, record.handle);
+            else
+                sendRelease(name, record.handle, 0);  // granted to a waiter that has left
+        }
+    }
+}
+
+void ClusterLocks::grant(std::uint64_t waiterId, std::uint64_t handle) {
+    auto it = waiters_.find(waiterId);
+    Waiter w = std::move(it->second);
+    waiters_.erase(it);
+    if (w.timer) w.timer->cancel();
+    const PeerInfo& peer = w.peer;
+    bool lives = w.responder->isOpen();
+    if (lives && peer.isUnix && peer.pid > 0 && byProcess_.count(peer.pid) == 0) {
+        std::weak_ptr<char> alive = alive_;
+        const pid_t pid = peer.pid;
+        const auto watched = monitor_.watch(pid, [this, alive, pid] {
+            if (!alive.expired()) processEnded(pid);
+        });
+        lives = watched != ProcessMonitor::WatchResult::Gone;
+        if (watched == ProcessMonitor::WatchResult::Watching) byProcess_[pid];
+    }
+    if (!lives) return sendRelease(w.name, handle, -1);
+    if (auto p = byProcess_.find(peer.pid); peer.isUnix && p != byProcess_.end()) p->second.insert(handle);
+    holds_[handle] = Hold{w.name, waiterId, peer, peer.isUnix ? processStartTime(peer.pid) : 0};
+    saveHolds();
+    w.responder->reply(longReply(static_cast<std::int64_t>(handle)));
+}
+
+void ClusterLocks::dropHold(std::uint64_t handle) {
+    auto it = holds_.find(handle);
+    if (it == holds_.end()) return;
+    const PeerInfo peer = it->second.peer;
+    holds_.erase(it);
+    if (auto p = byProcess_.find(peer.pid); peer.isUnix && p != byProcess_.end()) {
+        p->second.erase(handle);
+        if (p->second.empty()) {
+            monitor_.unwatch(peer.pid);
+            byProcess_.erase(p);
+        }
+    }
+    saveHolds();
+}
+
+void ClusterLocks::processEnded(pid_t pid) {
+    auto it = byProcess_.find(pid);
+    if (it == byProcess_.end()) return;
+    const std::set<std::uint64_t> handles = it->second;
+    for (std::uint64_t handle : handles) {
+        const std::string name = holds_.at(handle).name;
+        dropHold(handle);
+        sendRelease(name, handle, -1);
+    }
+}
+
+void ClusterLocks::leave(std::uint64_t waiterId, bool timedOut) {
+    auto it = waiters_.find(waiterId);
+    if (it == waiters_.end()) return;
+    Waiter w = std::move(it->second);
+    waiters_.erase(it);
+    if (w.timer) w.timer->cancel();
+    if (timedOut) w.responder->reply(longReply(kTimedOut));
+    if (w.sent && !w.tryOnly && live_) sendLeave(w.name, waiterId);  // (trying once never queues)
+}
+
+// ---- epochs: this node's, and the others' ----
+
+void ClusterLocks::startEpoch() {
+    if (starting_) return;
+    starting_ = true;
+    const bool adopt = !epoch_.empty();
+    const std::string epoch = adopt ? epoch_ : newEpoch();
+    const std::string key = locks::epochKey(link_.node(), epoch);
+    link_.runOnBucket(kBucket, [=, this, alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
+        // The lease counts from before the write: whoever sees it, sees it later.
+        const auto sent = Clock::now();
+        std::uint64_t revision = 0, written = 0;
+        Result r = Result::NotFound;
+        if (adopt) {
+            std::string value;
+            r = b.get(key, value, revision);
+            if (r == Result::Ok)
+                r = value == locks::kLive ? b.update(key, locks::kLive, revision, written) : Result::Conflict;
+        } else {
+            r = b.create(key, locks::kLive, written);
+        }
+        return std::function<void()>([=, this] {
+            if (alive.expired()) return;
+            starting_ = false;
+            if (r == Result::Unreachable) return retryLater([this] { startEpoch(); });
+            if (r != Result::Ok) {
+                // The last run's epoch has ended: its holders here have lost their locks.
+                ORVO_LOG(4, "ksd: cluster locks: epoch " << epoch << " of the last run has ended; " << holds_.size()
+                                                         << " lock(s) lost");
+                loseEpoch();
+                return;
+            }
+            epoch_ = epoch;
+            epochRevision_ = written;
+            live_ = true;
+            deadline_ = sent + lease_ - lease_ / 4;
+            ORVO_LOG(4, "ksd: cluster locks: node " << link_.node() << " holds under epoch " << epoch_
+                                                    << (adopt ? " again" : ""));
+            saveHolds();
+            for (auto& [id, w] : waiters_)
+                if (!w.sent) sendLock(id);
+            checkLease();
+            renew();
+        });
+    });
+}
+
+void ClusterLocks::renew() {
+    renewTimer_.expires_after(std::max(lease_ / 5, std::chrono::milliseconds(20)));
+    renewTimer_.async_wait([this, alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
+        if (!ec && !alive.expired()) renew();
+    });
+    if (!live_ || renewing_) return;
+    renewing_ = true;
+    const std::string key = locks::epochKey(link_.node(), epoch_);
+    link_.runOnBucket(kBucket, [=, this, last = epochRevision_, epoch = epoch_,
+                                alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
+        const auto sent = Clock::now();
+        std::uint64_t written = 0;
+        const Result r = b.update(key, locks::kLive, last, written);
+        return std::function<void()>([=, this] {
+            if (alive.expired()) return;
+            renewing_ = false;
+            if (!live_ || epoch != epoch_) return;
+            // An answer after the deadline extends nothing: the holders may already have been told.
+            if (r == Result::Ok && Clock::now() < deadline_) {
+                epochRevision_ = written;
+                deadline_ = sent + lease_ - lease_ / 4;
+            } else if (r == Result::Conflict) {
+                ORVO_LOG(1, "ksd: cluster locks: another node ended epoch " << epoch_ << " (silent too long)");
+                loseEpoch();
+            }
+        });
+    });
+}
+
+void ClusterLocks::checkLease() {
+    if (!live_) return;
+    if (Clock::now() >= deadline_) {
+        ORVO_LOG(1, "ksd: cluster locks: could not renew epoch " << epoch_ << " within the lease");
+        return loseEpoch();
+    }
+    leaseTimer_.expires_at(deadline_);
+    leaseTimer_.async_wait([this, alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
+        if (!ec && !alive.expired()) checkLease();
+    });
+}
+
+void ClusterLocks::loseEpoch() {
+    live_ = false;
+    leaseTimer_.cancel();
+    // Told a quarter lease before another node may be granted these locks.
+    std::vector<std::uint64_t> lost;
+    for (const auto& [handle, hold] : holds_) lost.push_back(handle);
+    for (std::uint64_t handle : lost) {
+        const std::string name = holds_.at(handle).name;
+        dropHold(handle);
+        events_.publishEvent(EventFamily::Lock, name, -1, EventAudience::everyone());
+    }
+    for (auto& [id, w] : waiters_) w.sent = w.queued = false;
+    epoch_.clear();
+    saveHolds();
+    // Not ended here, nor taken for dead: its holders were told, but may need a
+    // moment to stop. Every node (this one too) ends it a whole lease after its
+    // last renewal, as for a dead node.
+    startEpoch();
+}
+
+void ClusterLocks::epochSeen(const std::string& key, const std::string& value, std::uint64_t revision) {
+    if (!epoch_.empty() && key == locks::epochKey(link_.node(), epoch_)) {
+        if (value == locks::kDead && live_) {
+            ORVO_LOG(1, "ksd: cluster locks: another node ended epoch " << epoch_);
+            loseEpoch();
+        }
+        return;
+    }
+    EpochSeen& seen = epochs_[key];
+    if (revision <= seen.revision) return;
+    seen = EpochSeen{value, revision, Clock::now()};
+    if (value == locks::kDead) epochDead(epochOfKey(key));
+}
+
+void ClusterLocks::epochDead(const std::string& epoch) {
+    if (!dead_.insert(epoch).second) return;
+    for (const auto& [key, m] : mirror_) {
+        const LockRecord& r = m.record;
+        if ((r.holder && r.holder->epoch == epoch) ||
+            std::any_of(r.queue.begin(), r.queue.end(), [&](const Claim& c) { return c.epoch == epoch; }))
+            sendReap(key);
+    }
+}
+
+void ClusterLocks::checkOthers() {
+    const auto now = Clock::now();
+    for (auto& [key, seen] : epochs_) {
+        if (seen.value != locks::kLive || now - seen.since < lease_) continue;
+        // Silent for a whole lease since this node first saw its last renewal: its node has
+        // told its holders by now. Ended only if nobody renewed it meanwhile.
+        seen.since = now;
+        link_.runOnBucket(
+            kBucket, [=, this, k = key, last = seen.revision, alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
+                std::uint64_t revision = 0;
+                std::string value(locks::kDead);
+                Result r = b.update(k, value, last, revision);
+                if (r == Result::Conflict) r = b.get(k, value, revision);
+                return std::function<void()>([=, this] {
+                    if (alive.expired() || r != Result::Ok) return;
+                    if (value == locks::kDead)
+                        ORVO_LOG(4, "ksd: cluster locks: ended the silent epoch " << k << "; freeing its locks");
+                    epochSeen(k, value, revision);
+                });
+            });
+    }
+    // Reaps that NATS did not take are asked again.
+    for (const auto& [key, m] : mirror_)
+        if (m.record.holder && dead_.count(m.record.holder->epoch) != 0) sendReap(key);
+    othersTimer_.expires_after(std::max(lease_ / 5, std::chrono::milliseconds(20)));
+    othersTimer_.async_wait([this, alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
+        if (!ec && !alive.expired()) checkOthers();
+    });
+}
+
+void ClusterLocks::saveHolds() {
+    // Rewritten whole at each change: a node holds few locks at once.
+    const std::filesystem::path tmp = stateFile_.string() + ".new";
+    {
+        std::ofstream out(tmp, std::ios::trunc);
+        out << "epoch " << (epoch_.empty() ? "-" : epoch_) << "\n";
+        for (const auto& [handle, h] : holds_)
+            out << handle << ' ' << h.claimId << ' ' << static_cast<long>(h.peer.pid) << ' '
+                << static_cast<long>(h.peer.uid) << ' ' << h.startTime << ' ' << cluster::hexToken(h.name) << "\n";
+        if (!out) {
+            ORVO_LOG(1, "ksd: cluster locks: cannot write " << tmp.string());
+            return;
+        }
+    }
+    std::error_code ec;
+    std::filesystem::rename(tmp, stateFile_, ec);
+}
+
+}  // namespace ksd

@@ -1,0 +1,125 @@
+#ifndef KSD_SERVICES_ARBITER_CLUSTER_LOCKS_H
+#define KSD_SERVICES_ARBITER_CLUSTER_LOCKS_H
+
+// Locks of a cluster node: granted only by a confirmed write to the
+// cluster's bucket (see lock_record.h), handed over across nodes as the
+// bucket's watch pushes each change. A node holds its holders' locks under
+// an epoch it renews well within the lease; when it cannot, it tells its
+// holders (code -1) before the lease can pass and gives the epoch up. Any
+// node ends the epoch of a node silent for a whole lease and frees its locks.
+// A restarted node takes its epoch back, and its live holders' locks with it,
+// when the lease has not passed.
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+#include "cluster/cluster_link.h"
+#include "services/arbiter/lock_record.h"
+#include "services/arbiter/process_monitor.h"
+#include "services/service.h"
+
+namespace ksd {
+
+class ClusterLocks {
+public:
+    ClusterLocks(asio::io_context& io, ClusterLink& link, EventPublisher& events, ProcessMonitor& monitor,
+                 std::chrono::milliseconds lease, std::filesystem::path stateFile);
+    ~ClusterLocks();
+
+    // As TRVX_RA_LOCK: answers the handle, or -110 once `ms` passed (0: try once, < 0: no limit).
+    void lock(const std::string& name, std::int64_t ms, const PeerInfo& peer, std::shared_ptr<Responder> responder);
+    void unlock(std::int64_t handle, const PeerInfo& peer, std::shared_ptr<Responder> responder);
+    std::size_t held() const { return holds_.size(); }
+    // Waiters whose place in the cluster's queue is confirmed.
+    std::size_t waiting() const;
+
+private:
+    struct Waiter {
+        std::string name;
+        PeerInfo peer;
+        bool tryOnly = false;
+        bool sent = false;    // its claim may be in the bucket
+        bool queued = false;  // the bucket confirmed its claim in the queue
+        std::shared_ptr<Responder> responder;
+        std::unique_ptr<asio::steady_timer> timer;
+    };
+    struct Hold {
+        std::string name;
+        std::uint64_t claimId = 0;
+        PeerInfo peer;
+        std::uint64_t startTime = 0;  // the holder's, to know it again after a restart
+    };
+    struct Mirrored {
+        std::uint64_t revision = 0;
+        locks::LockRecord record;
+    };
+    struct EpochSeen {
+        std::string value;
+        std::uint64_t revision = 0;
+        std::chrono::steady_clock::time_point since;
+    };
+    using Written = locks::Written;
+
+    locks::Claim claimOf(std::uint64_t id, const PeerInfo& peer) const;
+    void sendLock(std::uint64_t id);
+    void sendRelease(const std::string& name, std::uint64_t handle, std::int32_t code);
+    void sendLeave(const std::string& name, std::uint64_t id);
+    void sendReap(const std::string& key);
+    // Runs a record write on the worker; `then` gets the outcome on the loop.
+    template <typename Op, typename Then>
+    void write(Op op, Then then);
+    void retryLater(std::function<void()> again);
+
+    void entry(ClusterEntry& e);
+    // A record as the bucket has it, from the watch or a write's answer.
+    void apply(const std::string& key, std::uint64_t revision, const locks::LockRecord& record);
+    void epochSeen(const std::string& key, const std::string& value, std::uint64_t revision);
+    void epochDead(const std::string& epoch);
+
+    void grant(std::uint64_t waiterId, std::uint64_t handle);
+    void dropHold(std::uint64_t handle);
+    void processEnded(pid_t pid);
+    void leave(std::uint64_t waiterId, bool timedOut);
+
+    void startEpoch();
+    void renew();
+    void checkLease();
+    void loseEpoch();
+    void checkOthers();
+    void saveHolds();
+
+    asio::io_context& io_;
+    ClusterLink& link_;
+    EventPublisher& events_;
+    ProcessMonitor& monitor_;
+    const std::chrono::milliseconds lease_;
+    const std::filesystem::path stateFile_;
+
+    std::string epoch_;
+    std::uint64_t epochRevision_ = 0;
+    bool live_ = false, renewing_ = false, starting_ = false;
+    std::chrono::steady_clock::time_point deadline_;
+    asio::steady_timer renewTimer_, leaseTimer_, othersTimer_;
+
+    std::uint64_t lastId_;
+    std::map<std::uint64_t, Waiter> waiters_;
+    std::map<std::uint64_t, Hold> holds_;  // by handle
+    std::unordered_map<pid_t, std::set<std::uint64_t>> byProcess_;
+    std::unordered_map<std::string, Mirrored> mirror_;   // by key
+    std::map<std::uint64_t, std::string> heldAnywhere_;  // handle -> key, as the mirror has it
+    std::unordered_map<std::string, EpochSeen> epochs_;  // epoch keys of other nodes
+    locks::DeadEpochs dead_;
+    std::shared_ptr<char> alive_ = std::make_shared<char>();
+};
+
+}  // namespace ksd
+
+#endif

@@ -1,0 +1,178 @@
+#include "services/arbiter/lock_record.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "cluster/cluster_wire.h"
+
+namespace ksd::locks {
+
+namespace {
+
+using Result = ClusterBucket::Result;
+// Compare-and-set rounds lost to other nodes before a write gives up for now.
+constexpr int kMaxRounds = 64;
+
+std::int64_t toInt(std::string_view text) {
+    std::int64_t v = 0;
+    std::from_chars(text.data(), text.data() + text.size(), v);
+    return v;
+}
+
+void putClaim(std::string& out, const Claim& c) {
+    for (const std::string& f : {c.node, c.epoch, std::to_string(c.id), std::to_string(c.pid), std::to_string(c.uid)})
+        cluster::putField(out, f);
+}
+
+bool takeClaim(std::string_view& in, Claim& c) {
+    std::string f[5];
+    for (std::string& field : f)
+        if (!cluster::takeField(in, field)) return false;
+    c.node = std::move(f[0]);
+    c.epoch = std::move(f[1]);
+    c.id = static_cast<std::uint64_t>(toInt(f[2]));
+    c.pid = toInt(f[3]);
+    c.uid = toInt(f[4]);
+    return true;
+}
+
+bool isDead(const Claim& c, const DeadEpochs& dead) { return dead.count(c.epoch) != 0; }
+
+// Hands the lock on to the first live waiter, or frees it.
+void handOn(LockRecord& r, std::int32_t code, const DeadEpochs& dead) {
+    std::erase_if(r.queue, [&](const Claim& c) { return isDead(c, dead); });
+    r.lastCode = code;
+    r.holder.reset();
+    r.handle = 0;
+    if (r.queue.empty()) return;
+    r.holder = std::move(r.queue.front());
+    r.queue.erase(r.queue.begin());
+}
+
+// Reads the record, lets `change` edit it (false: leave it), writes it at
+// the revision read, and starts again when another node wrote first.
+template <typename Change>
+Written rewrite(ClusterBucket& b, const std::string& key, Change change) {
+    for (int round = 0; round < kMaxRounds; ++round) {
+        Written w;
+        std::string value;
+        const Result got = b.get(key, value, w.revision);
+        if (got != Result::Ok && got != Result::NotFound) return w;
+        const bool exists = got == Result::Ok;
+        if (exists && !decodeRecord(value, w.revision, w.record)) w.record = LockRecord{};
+        if (!exists) w.revision = 0;
+        if (!change(w.record)) {
+            w.result = Result::Ok;
+            return w;
+        }
+        const std::string body = encodeRecord(w.record);
+        std::uint64_t written = 0;
+        const Result put = exists ? b.update(key, body, w.revision, written) : b.create(key, body, written);
+        if (put == Result::Conflict || put == Result::Exists) continue;
+        if (put != Result::Ok) return Written{};
+        w.result = Result::Ok;
+        w.wrote = true;
+        w.revision = written;
+        if (w.record.holder && w.record.handle == 0) w.record.handle = written;
+        return w;
+    }
+    return Written{};
+}
+
+}  // namespace
+
+std::string encodeRecord(const LockRecord& r) {
+    std::string out;
+    cluster::putField(out, std::to_string(r.handle));
+    cluster::putField(out, std::to_string(r.lastCode));
+    cluster::putField(out, r.holder ? "1" : "");
+    if (r.holder) putClaim(out, *r.holder);
+    cluster::putField(out, std::to_string(r.queue.size()));
+    for (const Claim& c : r.queue) putClaim(out, c);
+    return out;
+}
+
+bool decodeRecord(std::string_view in, std::uint64_t revision, LockRecord& r) {
+    std::string f;
+    r = LockRecord{};
+    if (!cluster::takeField(in, f)) return false;
+    r.handle = static_cast<std::uint64_t>(toInt(f));
+    if (!cluster::takeField(in, f)) return false;
+    r.lastCode = static_cast<std::int32_t>(toInt(f));
+    if (!cluster::takeField(in, f)) return false;
+    if (!f.empty()) {
+        r.holder.emplace();
+        if (!takeClaim(in, *r.holder)) return false;
+        if (r.handle == 0) r.handle = revision;
+    }
+    if (!cluster::takeField(in, f)) return false;
+    const std::int64_t n = toInt(f);
+    for (std::int64_t i = 0; i < n; ++i)
+        if (!takeClaim(in, r.queue.emplace_back())) return false;
+    return in.empty();
+}
+
+std::string recordKey(std::string_view resource) { return "r." + cluster::hexToken(resource); }
+
+std::string resourceOfKey(std::string_view key) {
+    if (!key.starts_with("r.")) return {};
+    return cluster::fromHexToken(key.substr(2)).value_or(std::string());
+}
+
+std::string epochKey(std::string_view node, std::string_view epoch) {
+    return "n." + cluster::hexToken(node) + "." + std::string(epoch);
+}
+
+Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead) {
+    return rewrite(b, key, [&](LockRecord& r) {
+        if (r.holder && r.holder->same(claim)) return false;
+        if (std::any_of(r.queue.begin(), r.queue.end(), [&](const Claim& c) { return c.same(claim); })) return false;
+        bool changed = false;
+        if (r.holder && isDead(*r.holder, dead)) {
+            handOn(r, -1, dead);
+            changed = true;
+        } else if (!r.holder && !r.queue.empty()) {
+            handOn(r, r.lastCode, dead);  // (a queue behind a free lock is one whose hand-over was cut short)
+            changed = true;
+        }
+        if (!r.holder) {
+            r.holder = claim;
+            r.handle = 0;
+            return true;
+        }
+        if (tryOnly) return changed;
+        r.queue.push_back(claim);
+        return true;
+    });
+}
+
+Written releaseIn(ClusterBucket& b, const std::string& key, std::uint64_t handle, std::int32_t code,
+                  const DeadEpochs& dead) {
+    return rewrite(b, key, [&](LockRecord& r) {
+        if (!r.holder || r.handle != handle) return false;
+        handOn(r, code, dead);
+        return true;
+    });
+}
+
+Written leaveIn(ClusterBucket& b, const std::string& key, const Claim& claim, const DeadEpochs& dead) {
+    return rewrite(b, key, [&](LockRecord& r) {
+        if (r.holder && r.holder->same(claim)) {
+            handOn(r, 0, dead);
+            return true;
+        }
+        return std::erase_if(r.queue, [&](const Claim& c) { return c.same(claim); }) != 0;
+    });
+}
+
+Written reapIn(ClusterBucket& b, const std::string& key, const DeadEpochs& dead) {
+    return rewrite(b, key, [&](LockRecord& r) {
+        if (r.holder && isDead(*r.holder, dead)) {
+            handOn(r, -1, dead);
+            return true;
+        }
+        return std::erase_if(r.queue, [&](const Claim& c) { return isDead(c, dead); }) != 0;
+    });
+}
+
+}  // namespace ksd::locks

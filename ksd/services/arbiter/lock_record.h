@@ -1,0 +1,74 @@
+#ifndef KSD_SERVICES_ARBITER_LOCK_RECORD_H
+#define KSD_SERVICES_ARBITER_LOCK_RECORD_H
+
+// One resource's lock as the cluster's bucket keeps it: the holder, the
+// handle, and the queue of waiters of every node, first come first served.
+// Every change is a write at the revision read (compare-and-set), so a grant
+// exists only once the bucket confirmed it, and its revision is the handle:
+// unique in the cluster and growing per resource. A claim names the node
+// and the node's epoch that made it; a claim of a dead epoch is skipped and
+// a holder of one is released.
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cluster/cluster_link.h"
+
+namespace ksd::locks {
+
+struct Claim {
+    std::string node, epoch;
+    std::uint64_t id = 0;  // the waiter's, unique in its epoch
+    std::int64_t pid = -1;
+    std::int64_t uid = -1;
+    bool same(const Claim& o) const { return id == o.id && epoch == o.epoch && node == o.node; }
+};
+
+struct LockRecord {
+    std::optional<Claim> holder;
+    std::uint64_t handle = 0;   // with a holder: 0 until read back, then the granting write's revision
+    std::int32_t lastCode = 0;  // how the last holder left (lock event code)
+    std::vector<Claim> queue;
+};
+
+std::string encodeRecord(const LockRecord& r);
+// Fills in a fresh grant's handle from `revision`; false for a record cut short.
+bool decodeRecord(std::string_view in, std::uint64_t revision, LockRecord& r);
+
+using DeadEpochs = std::set<std::string>;
+
+// What a write did; `record` and `revision` are as the bucket now has them
+// (when Ok), whether or not this call wrote.
+struct Written {
+    ClusterBucket::Result result = ClusterBucket::Result::Unreachable;
+    bool wrote = false;
+    LockRecord record;
+    std::uint64_t revision = 0;
+};
+
+std::string recordKey(std::string_view resource);
+// The resource of a record key, empty for another key.
+std::string resourceOfKey(std::string_view key);
+// "n.<hex node>.<epoch>": "live" while the epoch renews it, "dead" once it may not.
+std::string epochKey(std::string_view node, std::string_view epoch);
+inline constexpr std::string_view kLive = "live", kDead = "dead";
+
+// Joins the queue, or takes the lock when it is free or its holder's epoch
+// is dead. `tryOnly`: never queues. Asking twice with one claim changes nothing.
+Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead);
+// Frees the lock of `handle` (nothing when another holds it now) and hands it to
+// the first live waiter, the next holder's handle being this write's revision.
+Written releaseIn(ClusterBucket& b, const std::string& key, std::uint64_t handle, std::int32_t code,
+                  const DeadEpochs& dead);
+// Takes a claim out of the queue, or frees the lock if it was granted meanwhile.
+Written leaveIn(ClusterBucket& b, const std::string& key, const Claim& claim, const DeadEpochs& dead);
+// Releases a holder of a dead epoch and drops such waiters.
+Written reapIn(ClusterBucket& b, const std::string& key, const DeadEpochs& dead);
+
+}  // namespace ksd::locks
+
+#endif
