@@ -1,7 +1,9 @@
 // Cluster figures in one run, each beside its one-host counterpart: publish
 // → callback p50/p99 at a fixed rate with the publisher on another node and
 // on the subscriber's own node, and sequential job create and progress
-// rates against the replicated bucket and against a ksd alone. It starts a
+// rates against the replicated bucket and against a ksd alone; uncontended
+// lock + unlock and a lock's hand-over between two nodes (between two clients
+// of one ksd alone) p50/p99. It starts a
 // three-server NATS cluster (nats-server from the PATH or Debian's), three
 // ksd nodes and one ksd without --cluster.
 // Usage: cluster_bench [rate/s] [seconds]
@@ -122,6 +124,60 @@ void jobRow(const char* label, const std::string& node, int seconds) {
                 static_cast<double>(progressed) / progressS, failed);
 }
 
+std::int64_t lockWire(kstest::WireClient& c, const std::string& name, std::int64_t ms) {
+    std::int64_t reply = 0;
+    return request(c, kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(name).addLong(ms), reply) ? reply : -1;
+}
+
+std::int64_t unlockWire(kstest::WireClient& c, std::int64_t handle) {
+    std::int64_t reply = 0;
+    return request(c, kstest::requestWire("Arbiter", "TRVX_RA_UNLOCK").addLong(handle), reply) ? reply : -1;
+}
+
+// Uncontended lock + unlock on `node`, one after the other, for `seconds`;
+// then `rounds` hand-overs: a holder on `node` unlocks while a waiter on
+// `other` is queued, timed from the unlock sent to the waiter's grant read.
+void lockRow(const char* label, const std::string& node, const std::string& other, int seconds, int rounds) {
+    kstest::WireClient holder, waiter;
+    if (!holder.connect(node) || !waiter.connect(other)) return (void)std::printf("%s: cannot connect\n", label);
+    const std::string name = "bench.lock." + std::to_string(nowNs());
+    for (int i = 0; i < 100; ++i) {  // a new node's locks need their epoch first
+        if (const std::int64_t h = lockWire(holder, name, 0); h > 0) {
+            unlockWire(holder, h);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    std::vector<long> pair, handOver;
+    long failed = 0;
+    for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
+            const long t0 = nowNs();
+            const std::int64_t h = lockWire(holder, name, 5000);
+            if (h <= 0 || unlockWire(holder, h) != 0) {
+                ++failed;
+                continue;
+            }
+            pair.push_back(nowNs() - t0);
+    }
+    for (int i = 0; i < rounds; ++i) {
+            const std::int64_t h = lockWire(holder, name, 5000);
+            std::int64_t granted = 0, unlocked = 0;
+            if (h <= 0 ||
+                !waiter.send(kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(name).addLong(5000).bytes())) {
+                ++failed;
+                continue;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));  // queued by then
+            const long t0 = nowNs();
+            holder.send(kstest::requestWire("Arbiter", "TRVX_RA_UNLOCK").addLong(h).bytes());
+            const bool ok = waiter.readReply(granted, 10000) && granted > h;
+            if (ok) handOver.push_back(nowNs() - t0);
+            if (!holder.readReply(unlocked, 10000) || !ok || unlockWire(waiter, granted) != 0) ++failed;
+    }
+    std::printf("%-34s %9.0f %9.0f %9.0f %9.0f %7ld\n", label, percentileUs(pair, 0.5), percentileUs(pair, 0.99),
+                percentileUs(handOver, 0.5), percentileUs(handOver, 0.99), failed);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -146,5 +202,9 @@ int main(int argc, char** argv) {
     std::printf("\njobs, one client, sequential  %15s %12s %8s\n", "creates/s", "progress/s", "failed");
     jobRow("one host (no --cluster)", alone.connType(), seconds);
     jobRow("cluster, R3 bucket (node A)", nodes[0].connType(), seconds);
+
+    std::printf("\nlocks, us                       lock+unlock p50   p99  hand-over p50  p99  failed\n");
+    lockRow("one host (no --cluster)", alone.connType(), alone.connType(), seconds, 200);
+    lockRow("cluster (A, hand-over A -> B)", nodes[0].connType(), nodes[1].connType(), seconds, 200);
     return 0;
 }
