@@ -134,6 +134,7 @@ void ClusterLocks::unlock(std::int64_t handle, const PeerInfo& peer, std::shared
         if (!mayUnlock(it->second.peer.uid)) return responder->reply(longReply(-EPERM));
         const std::string name = it->second.name;
         dropHold(h);
+        saveHolds();
         sendRelease(name, h, 0);
         return responder->reply(longReply(0));
     }
@@ -259,6 +260,7 @@ void ClusterLocks::apply(const std::string& key, std::uint64_t revision, const L
     for (const auto& [handle, hold] : holds_)
         if (hold.name == name && (!record.holder || record.handle != handle)) lost.push_back(handle);
     for (std::uint64_t handle : lost) dropHold(handle);
+    if (!lost.empty()) saveHolds();
 
     if (record.holder) {
         const Claim& h = *record.holder;
@@ -308,7 +310,6 @@ void ClusterLocks::dropHold(std::uint64_t handle) {
             byProcess_.erase(p);
         }
     }
-    saveHolds();
 }
 
 void ClusterLocks::processEnded(pid_t pid) {
@@ -320,6 +321,7 @@ void ClusterLocks::processEnded(pid_t pid) {
         dropHold(handle);
         sendRelease(name, handle, -1);
     }
+    saveHolds();
 }
 
 void ClusterLocks::leave(std::uint64_t waiterId, bool timedOut) {

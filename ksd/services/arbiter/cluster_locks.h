@@ -85,6 +85,7 @@ private:
     void epochDead(const std::string& epoch);
 
     void grant(std::uint64_t waiterId, std::uint64_t handle);
+    // Forgets a hold here; the caller saves the holds once it is done.
     void dropHold(std::uint64_t handle);
     void processEnded(pid_t pid);
     void leave(std::uint64_t waiterId, bool timedOut);
