@@ -128,28 +128,20 @@ int main(int argc, char** argv) {
     cluster->add_option("--cluster-ca", options.cluster.caFile, "CA file: talk TLS to NATS")->check(CLI::ExistingFile);
     auto& server = options.server;
     auto* limits = app.add_option_group("Limits", "bounds that keep one client or user from harming the others");
-    limits
-        ->add_option("--max-connections", server.maxConnections,
-                     "connections in all; the last --root-reserve of them are for root (lowered to fit the "
-                     "descriptor limit)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
+    // Most limits are counts or sizes above zero, shown with their default in --help.
+    const auto positiveLimit = [limits](const char* name, auto& value, const char* help) {
+        limits->add_option(name, value, help)->capture_default_str()->check(CLI::PositiveNumber);
+    };
+    positiveLimit("--max-connections", server.maxConnections,
+                  "connections in all; the last --root-reserve of them are for root (lowered to fit the "
+                  "descriptor limit)");
     limits->add_option("--root-reserve", server.rootReserve, "connections kept for root")->capture_default_str();
-    limits
-        ->add_option("--max-connections-per-user", server.maxConnectionsPerUser,
-                     "connections of one user (a TCP client counts for its socket's owner; root is exempt)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-pending-bytes", server.maxPendingBytes,
-                     "bytes of requests not yet whole, in all (beyond: not read until they complete)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-pending-bytes-per-user", server.maxPendingBytesPerUser,
-                     "bytes of requests not yet whole, per user (root is exempt)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
+    positiveLimit("--max-connections-per-user", server.maxConnectionsPerUser,
+                  "connections of one user (a TCP client counts for its socket's owner; root is exempt)");
+    positiveLimit("--max-pending-bytes", server.maxPendingBytes,
+                  "bytes of requests not yet whole, in all (beyond: not read until they complete)");
+    positiveLimit("--max-pending-bytes-per-user", server.maxPendingBytesPerUser,
+                  "bytes of requests not yet whole, per user (root is exempt)");
     std::int64_t requestTimeoutMs = server.requestTimeout.count();
     limits
         ->add_option("--request-timeout", requestTimeoutMs,
@@ -157,51 +149,27 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(std::int64_t{100}, std::int64_t{3600000}));
     auto& scheduler = options.scheduler;
-    limits
-        ->add_option("--max-tasks-per-user", scheduler.maxTasksPerUser,
-                     "scheduled tasks one user keeps (a TCP client counts for its socket's owner; root is exempt; "
-                     "the last 64 cancelled of each user stay readable and count for nothing); "
-                     "over it scheduling answers -122")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-task-bytes-per-user", scheduler.maxTaskBytesPerUser,
-                     "bytes of one user's stored tasks, names, paths, parameters and blobs (root is exempt); "
-                     "over it scheduling answers -122")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-programs-per-user", scheduler.maxProgramsPerUser,
-                     "task programs of one user running at once; a due run over it is skipped (root is exempt)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-programs", scheduler.maxPrograms,
-                     "task programs running at once in all, root's included; a due run over it is skipped "
-                     "(two descriptors each, kept out of --max-connections)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-subscriptions-per-user", options.notifier.maxSubscriptionsPerUser,
-                     "subscriptions of one user (root is exempt)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-push-bytes-per-user", options.notifier.maxQueuedBytesPerUser,
-                     "bytes of notifications queued for one user's subscribers, all addresses together (root "
-                     "is exempt; beyond: that user's notifications are dropped and counted)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-jobs-per-user", options.jobs.maxJobsPerUser,
-                     "live jobs of one user (root is exempt; beyond: -122)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    limits
-        ->add_option("--max-jobs", options.jobs.maxJobs,
-                     "live jobs in all; the last --job-root-reserve of them are for root (beyond: -28)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
+    positiveLimit("--max-tasks-per-user", scheduler.maxTasksPerUser,
+                  "scheduled tasks one user keeps (a TCP client counts for its socket's owner; root is exempt; "
+                  "the last 64 cancelled of each user stay readable and count for nothing); "
+                  "over it scheduling answers -122");
+    positiveLimit("--max-task-bytes-per-user", scheduler.maxTaskBytesPerUser,
+                  "bytes of one user's stored tasks, names, paths, parameters and blobs (root is exempt); "
+                  "over it scheduling answers -122");
+    positiveLimit("--max-programs-per-user", scheduler.maxProgramsPerUser,
+                  "task programs of one user running at once; a due run over it is skipped (root is exempt)");
+    positiveLimit("--max-programs", scheduler.maxPrograms,
+                  "task programs running at once in all, root's included; a due run over it is skipped "
+                  "(two descriptors each, kept out of --max-connections)");
+    positiveLimit("--max-subscriptions-per-user", options.notifier.maxSubscriptionsPerUser,
+                  "subscriptions of one user (root is exempt)");
+    positiveLimit("--max-push-bytes-per-user", options.notifier.maxQueuedBytesPerUser,
+                  "bytes of notifications queued for one user's subscribers, all addresses together (root "
+                  "is exempt; beyond: that user's notifications are dropped and counted)");
+    positiveLimit("--max-jobs-per-user", options.jobs.maxJobsPerUser,
+                  "live jobs of one user (root is exempt; beyond: -122)");
+    positiveLimit("--max-jobs", options.jobs.maxJobs,
+                  "live jobs in all; the last --job-root-reserve of them are for root (beyond: -28)");
     limits->add_option("--job-root-reserve", options.jobs.rootReserve, "live jobs kept for root")
         ->capture_default_str();
     app.set_version_flag("--version", std::string("ksd ") + KS_VERSION + " (protocol " +
