@@ -71,10 +71,17 @@ public:
     // A write (or with `erase`, a deletion) that holds only while its key is
     // at revision `last` (0: a key never written; a deleted key refuses
     // then, as its deletion is a revision too): Exists or Conflict otherwise.
+    //
+    // With `wholeBucket`, `last` is instead the bucket's last revision, whatever
+    // the key: the write holds only if nothing at all was written since, and a
+    // refusal (Conflict) gives the bucket's last revision in `revision`. Only
+    // this form is safe when several nodes race on one key: a cluster may take
+    // two writes made at one key revision.
     struct Write {
         std::string key, value;
         std::uint64_t last = 0;
         bool erase = false;
+        bool wholeBucket = false;
         Result result = Result::Unreachable;
         std::uint64_t revision = 0;  // when written
     };
@@ -82,6 +89,9 @@ public:
     // trip for the lot. The leader applies them in the order given, each on
     // its own (one refused does not stop the next).
     virtual void write(std::vector<Write>& writes) = 0;
+    // The bucket's last revision as this node last heard it (0: none), where
+    // a `wholeBucket` write has the best chance.
+    virtual std::uint64_t lastSeen() const { return 0; }
 };
 
 // One key of a bucket as a watch reports it.

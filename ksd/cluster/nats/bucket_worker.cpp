@@ -18,8 +18,17 @@ bool connected(natsConnection* nc) { return natsConnection_Status(nc) == NATS_CO
 // time, or a connection that is down, is Unreachable.
 class NatsBucket final : public ClusterBucket {
 public:
-    NatsBucket(natsConnection* nc, jsCtx* js, kvStore* kv, const std::string& name, AckInbox& acks)
-        : nc_(nc), js_(js), kv_(kv), stream_("KV_" + name), subjects_("$KV." + name + "."), acks_(acks) {}
+    NatsBucket(natsConnection* nc, jsCtx* js, kvStore* kv, const std::string& name, AckInbox& acks,
+               std::uint64_t& lastSeen)
+        : nc_(nc),
+          js_(js),
+          kv_(kv),
+          stream_("KV_" + name),
+          subjects_("$KV." + name + "."),
+          acks_(acks),
+          lastSeen_(lastSeen) {}
+
+    std::uint64_t lastSeen() const override { return lastSeen_; }
 
     Result get(const std::string& key, std::string& value, std::uint64_t& revision) override {
         if (!ready()) return Result::Unreachable;
@@ -28,6 +37,7 @@ public:
         if (s == NATS_OK) {
             value.assign(static_cast<const char*>(kvEntry_Value(e)), static_cast<std::size_t>(kvEntry_ValueLen(e)));
             revision = kvEntry_Revision(e);
+            lastSeen_ = std::max(lastSeen_, revision);
             kvEntry_Destroy(e);
         }
         return map(s, Result::Unreachable);
@@ -89,7 +99,8 @@ public:
                                static_cast<int>(w.value.size())) != NATS_OK)
                 continue;
             const std::string last = std::to_string(w.last);
-            if (natsMsgHeader_Set(msg, "Nats-Expected-Last-Subject-Sequence", last.c_str()) == NATS_OK &&
+            const char* expected = w.wholeBucket ? "Nats-Expected-Last-Sequence" : "Nats-Expected-Last-Subject-Sequence";
+            if (natsMsgHeader_Set(msg, expected, last.c_str()) == NATS_OK &&
                 (!w.erase || natsMsgHeader_Set(msg, "KV-Operation", "DEL") == NATS_OK) &&
                 natsConnection_PublishMsg(nc_, msg) == NATS_OK)
                 ++waiting;
@@ -110,7 +121,8 @@ public:
                 Write& w = writes[n - first];
                 w.result = acknowledged(
                     std::string_view(natsMsg_GetData(msg), static_cast<std::size_t>(natsMsg_GetDataLength(msg))),
-                    w.last == 0 ? Result::Exists : Result::Conflict, w.revision);
+                    w.last == 0 && !w.wholeBucket ? Result::Exists : Result::Conflict, w.revision);
+                if (w.result == Result::Ok || w.wholeBucket) lastSeen_ = std::max(lastSeen_, w.revision);
                 --waiting;
             }
             natsMsg_Destroy(msg);
@@ -141,12 +153,17 @@ private:
         if (w != nullptr) kvWatcher_Destroy(w);
         return map(s, Result::Unreachable);
     }
-    // {"stream":..,"seq":N} or {"error":{..,"err_code":10071,..}} for a
-    // revision that did not match; no body at all when no server answered.
+    // {"stream":..,"seq":N} or {"error":{..,"err_code":10071,"description":"wrong
+    // last sequence: N"}} for a revision that did not match (N: the one there
+    // is); no body at all when no server answered.
     static Result acknowledged(std::string_view body, Result refused, std::uint64_t& revision) {
-        constexpr std::string_view kSeq = "\"seq\":";
+        constexpr std::string_view kSeq = "\"seq\":", kThere = "wrong last sequence: ";
         if (body.find("\"error\"") != std::string_view::npos) {
-            if (body.find("\"err_code\":10071") != std::string_view::npos) return refused;
+            if (body.find("\"err_code\":10071") != std::string_view::npos) {
+                if (const auto at = body.find(kThere); at != std::string_view::npos)
+                    std::from_chars(body.data() + at + kThere.size(), body.data() + body.size(), revision);
+                return refused;
+            }
             ORVO_LOG(4, "ksd: cluster: write refused: " << std::string(body));
             return Result::Unreachable;
         }
@@ -172,6 +189,7 @@ private:
     const std::string stream_;    // "KV_<bucket>"
     const std::string subjects_;  // "$KV.<bucket>."
     AckInbox& acks_;
+    std::uint64_t& lastSeen_;
 };
 
 }  // namespace
@@ -204,7 +222,7 @@ void BucketWorker::handle(Task& task) {
         }
     }
     kvStore* kv = acks_.sub != nullptr ? open(task.bucket) : nullptr;
-    NatsBucket bucket(nc_, js_, kv, prefix_ + "-" + task.bucket, acks_);
+    NatsBucket bucket(nc_, js_, kv, prefix_ + "-" + task.bucket, acks_, lastSeen_[task.bucket]);
     auto done = task.work(bucket);
     if (done) asio::post(io_, std::move(done));
 }

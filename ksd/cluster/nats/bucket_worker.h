@@ -54,6 +54,7 @@ private:
     jsCtx* js_ = nullptr;                   // worker only
     AckInbox acks_;                         // worker only
     std::map<std::string, kvStore*> open_;  // worker only
+    std::map<std::string, std::uint64_t> lastSeen_;  // worker only: each bucket's last revision as last heard
     WorkThread<Task> thread_;
 };
 

@@ -33,6 +33,16 @@ std::string newEpoch() {
 
 std::string epochOfKey(const std::string& key) { return key.substr(key.rfind('.') + 1); }
 
+// Renews an epoch key unless another node has ended it: Conflict then.
+Result stillLive(ClusterBucket& b, const std::string& key, std::uint64_t& written) {
+    const locks::KeyWritten w = locks::rewriteKey(
+        b, key, [](const std::optional<std::string>& value, std::uint64_t, std::uint64_t) {
+            return value == locks::kLive ? std::optional<std::string>(locks::kLive) : std::nullopt;
+        });
+    written = w.revision;
+    return w.result != Result::Ok ? w.result : w.wrote ? Result::Ok : Result::Conflict;
+}
+
 }  // namespace
 
 ClusterLocks::ClusterLocks(asio::io_context& io, ClusterLink& link, EventPublisher& events, ProcessMonitor& monitor,
@@ -146,7 +156,7 @@ void ClusterLocks::unlock(std::int64_t handle, const PeerInfo& peer, std::shared
     const std::string key = at->second;
     write([key, h, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, h, 0, dead); },
           [this, key, responder](Written& w) {
-              if (w.result == Result::Ok) apply(key, w.revision, w.record);
+              if (w.result == Result::Ok) apply(key, w.record, true);
               responder->reply(longReply(w.result != Result::Ok ? -EAGAIN : w.wrote ? 0 : -ENOENT));
           });
 }
@@ -189,7 +199,7 @@ void ClusterLocks::sendLock(std::uint64_t id) {
     write([key, claim = claimOf(id, it->second.peer), tryOnly = it->second.tryOnly,
            dead = dead_](ClusterBucket& b) { return locks::lockIn(b, key, claim, tryOnly, dead); },
           [this, key, id](Written& w) {
-              if (w.result == Result::Ok) apply(key, w.revision, w.record);
+              if (w.result == Result::Ok) apply(key, w.record, true);
               auto it = waiters_.find(id);
               if (it == waiters_.end()) return;  // granted
               if (w.result != Result::Ok && it->second.tryOnly) return leave(id, true);
@@ -207,7 +217,7 @@ void ClusterLocks::sendRelease(const std::string& name, std::uint64_t handle, st
     const std::string key = locks::recordKey(name);
     write([key, handle, code, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, handle, code, dead); },
           [this, key, name, handle, code](Written& w) {
-              if (w.result == Result::Ok) return apply(key, w.revision, w.record);
+              if (w.result == Result::Ok) return apply(key, w.record, true);
               // Held in the bucket until freed; when the epoch ends first, the other nodes free it.
               retryLater([this, name, handle, code] { sendRelease(name, handle, code); });
           });
@@ -218,7 +228,7 @@ void ClusterLocks::sendLeave(const std::string& name, std::uint64_t id) {
     const Claim claim = claimOf(id, PeerInfo{});
     write([key, claim, dead = dead_](ClusterBucket& b) { return locks::leaveIn(b, key, claim, dead); },
           [this, key, name, id, epoch = epoch_](Written& w) {
-              if (w.result == Result::Ok) return apply(key, w.revision, w.record);
+              if (w.result == Result::Ok) return apply(key, w.record, true);
               if (live_ && epoch == epoch_) retryLater([this, name, id] { sendLeave(name, id); });
           });
 }
@@ -226,25 +236,30 @@ void ClusterLocks::sendLeave(const std::string& name, std::uint64_t id) {
 void ClusterLocks::sendReap(const std::string& key) {
     write([key, dead = dead_](ClusterBucket& b) { return locks::reapIn(b, key, dead); },
           [this, key](Written& w) {
-              if (w.result == Result::Ok) apply(key, w.revision, w.record);
+              if (w.result == Result::Ok) apply(key, w.record, true);
           });
 }
 
 // ---- what the bucket says ----
 
 void ClusterLocks::entry(ClusterEntry& e) {
+    lastEntry_ = Clock::now();
     if (e.deleted) return;
     if (e.key.starts_with("n.")) return epochSeen(e.key, e.value, e.revision);
     LockRecord record;
-    if (locks::decodeRecord(e.value, e.revision, record)) apply(e.key, e.revision, record);
+    if (locks::decodeRecord(e.value, record)) apply(e.key, record, false);
 }
 
-void ClusterLocks::apply(const std::string& key, std::uint64_t revision, const LockRecord& record) {
+void ClusterLocks::apply(const std::string& key, const LockRecord& record, bool confirmed) {
     Mirrored& m = mirror_[key];
-    if (revision <= m.revision) return;
-    const bool seenBefore = m.revision != 0;
+    if (m.seen && record.version <= m.record.version) {
+        // Nothing new; the leader's word on what the watch showed may still let a grant go.
+        if (confirmed && record.version == m.record.version) serve(key, true);
+        return;
+    }
+    const bool seenBefore = m.seen;
     const LockRecord old = std::move(m.record);
-    m.revision = revision;
+    m.seen = true;
     m.record = record;
     if (old.holder) heldAnywhere_.erase(old.handle);
     if (record.holder) heldAnywhere_[record.handle] = key;
@@ -261,18 +276,56 @@ void ClusterLocks::apply(const std::string& key, std::uint64_t revision, const L
         if (hold.name == name && (!record.holder || record.handle != handle)) lost.push_back(handle);
     for (std::uint64_t handle : lost) dropHold(handle);
     if (!lost.empty()) saveHolds();
+    serve(key, confirmed);
+}
 
-    if (record.holder) {
-        const Claim& h = *record.holder;
-        if (dead_.count(h.epoch) != 0) {
-            sendReap(key);
-        } else if (live_ && h.epoch == epoch_ && h.node == link_.node() && holds_.count(record.handle) == 0) {
-            if (waiters_.count(h.id) != 0)
-                grant(h.id, record.handle);
-            else
-                sendRelease(name, record.handle, 0);  // granted to a waiter that has left
-        }
-    }
+void ClusterLocks::serve(const std::string& key, bool confirmed) {
+    const LockRecord& record = mirror_[key].record;
+    if (!record.holder) return;
+    const Claim& h = *record.holder;
+    if (dead_.count(h.epoch) != 0) return sendReap(key);
+    if (!live_ || h.epoch != epoch_ || h.node != link_.node() || holds_.count(record.handle) != 0) return;
+    if (waiters_.count(h.id) == 0) return sendRelease(locks::resourceOfKey(key), record.handle, 0);  // it has left
+    if (confirmed) return grant(h.id, record.handle);
+    confirm(key, h.id);
+}
+
+void ClusterLocks::confirm(const std::string& key, std::uint64_t waiterId) {
+    auto it = waiters_.find(waiterId);
+    if (it == waiters_.end() || it->second.confirming) return;
+    it->second.confirming = true;
+    write([key](ClusterBucket& b) { return locks::readIn(b, key); },
+          [this, key, waiterId](Written& w) {
+              auto it = waiters_.find(waiterId);
+              if (it != waiters_.end()) it->second.confirming = false;
+              if (w.result != Result::Ok) {
+                  if (it != waiters_.end()) retryLater([this, key] { serve(key, false); });
+                  return;
+              }
+              leaderSays(key, w.record);
+          });
+}
+
+void ClusterLocks::leaderSays(const std::string& key, const LockRecord& record) {
+    apply(key, record, true);
+    // The watch may have moved on meanwhile (a waiter queued behind): the
+    // leader's word that the lock is a waiter's holds until this node lets go.
+    const auto& h = record.holder;
+    if (live_ && h && h->epoch == epoch_ && h->node == link_.node() && waiters_.count(h->id) != 0 &&
+        holds_.count(record.handle) == 0)
+        grant(h->id, record.handle);
+}
+
+void ClusterLocks::pollWhileTheWatchIsSilent() {
+    if (Clock::now() - lastEntry_ < lease_ / 2) return;
+    std::set<std::string> keys;
+    for (const auto& [id, w] : waiters_)
+        if (w.queued) keys.insert(locks::recordKey(w.name));
+    for (const std::string& key : keys)
+        write([key](ClusterBucket& b) { return locks::readIn(b, key); },
+              [this, key](Written& w) {
+                  if (w.result == Result::Ok) leaderSays(key, w.record);
+              });
 }
 
 void ClusterLocks::grant(std::uint64_t waiterId, std::uint64_t handle) {
@@ -345,13 +398,10 @@ void ClusterLocks::startEpoch() {
     link_.runOnBucket(kBucket, [=, this, alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
         // The lease counts from before the write: whoever sees it, sees it later.
         const auto sent = Clock::now();
-        std::uint64_t revision = 0, written = 0;
+        std::uint64_t written = 0;
         Result r = Result::NotFound;
         if (adopt) {
-            std::string value;
-            r = b.get(key, value, revision);
-            if (r == Result::Ok)
-                r = value == locks::kLive ? b.update(key, locks::kLive, revision, written) : Result::Conflict;
+            r = stillLive(b, key, written);
         } else {
             r = b.create(key, locks::kLive, written);
         }
@@ -367,7 +417,6 @@ void ClusterLocks::startEpoch() {
                 return;
             }
             epoch_ = epoch;
-            epochRevision_ = written;
             live_ = true;
             deadline_ = sent + lease_ - lease_ / 4;
             ORVO_LOG(4, "ksd: cluster locks: node " << link_.node() << " holds under epoch " << epoch_
@@ -389,18 +438,17 @@ void ClusterLocks::renew() {
     if (!live_ || renewing_) return;
     renewing_ = true;
     const std::string key = locks::epochKey(link_.node(), epoch_);
-    link_.runOnBucket(kBucket, [=, this, last = epochRevision_, epoch = epoch_,
+    link_.runOnBucket(kBucket, [=, this, epoch = epoch_,
                                 alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
         const auto sent = Clock::now();
         std::uint64_t written = 0;
-        const Result r = b.update(key, locks::kLive, last, written);
+        const Result r = stillLive(b, key, written);
         return std::function<void()>([=, this] {
             if (alive.expired()) return;
             renewing_ = false;
             if (!live_ || epoch != epoch_) return;
             // An answer after the deadline extends nothing: the holders may already have been told.
             if (r == Result::Ok && Clock::now() < deadline_) {
-                epochRevision_ = written;
                 deadline_ = sent + lease_ - lease_ / 4;
             } else if (r == Result::Conflict) {
                 ORVO_LOG(1, "ksd: cluster locks: another node ended epoch " << epoch_ << " (silent too long)");
@@ -451,8 +499,9 @@ void ClusterLocks::epochSeen(const std::string& key, const std::string& value, s
         return;
     }
     EpochSeen& seen = epochs_[key];
-    if (revision <= seen.revision) return;
-    seen = EpochSeen{value, revision, Clock::now()};
+    if (seen.value == locks::kDead) return;  // for good
+    if (revision <= seen.revision && value != locks::kDead) return;  // a replay of the watch
+    seen = EpochSeen{value, revision, 0, Clock::now()};
     if (value == locks::kDead) epochDead(epochOfKey(key));
 }
 
@@ -472,21 +521,34 @@ void ClusterLocks::checkOthers() {
         if (seen.value != locks::kLive || now - seen.since < lease_) continue;
         // Silent for a whole lease since this node first saw its last renewal: its node has
         // told its holders by now. Ended only if nobody renewed it meanwhile.
+        // The watch's own numbering may not be the leader's: after a refusal the
+        // next try is made at the revision the leader gave.
         seen.since = now;
         link_.runOnBucket(
-            kBucket, [=, this, k = key, last = seen.revision, alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
-                std::uint64_t revision = 0;
-                std::string value(locks::kDead);
-                Result r = b.update(k, value, last, revision);
-                if (r == Result::Conflict) r = b.get(k, value, revision);
+            kBucket, [=, this, k = key, watched = seen.revision, told = seen.leaderRevision,
+                      alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
+                const locks::KeyWritten w = locks::rewriteKey(
+                    b, k,
+                    [&](const std::optional<std::string>& value, std::uint64_t revision,
+                        std::uint64_t) -> std::optional<std::string> {
+                        if (value == locks::kLive && (revision == watched || revision == told))
+                            return std::string(locks::kDead);
+                        return std::nullopt;
+                    });
+                const Result r = w.result;
+                const std::string value = w.value.value_or(std::string());
+                const std::uint64_t revision = w.revision;
                 return std::function<void()>([=, this] {
                     if (alive.expired() || r != Result::Ok) return;
-                    if (value == locks::kDead)
+                    if (value == locks::kDead) {
                         ORVO_LOG(4, "ksd: cluster locks: ended the silent epoch " << k << "; freeing its locks");
-                    epochSeen(k, value, revision);
+                        return epochSeen(k, value, revision);
+                    }
+                    if (auto it = epochs_.find(k); it != epochs_.end()) it->second.leaderRevision = revision;
                 });
             });
     }
+    pollWhileTheWatchIsSilent();
     // Reaps that NATS did not take are asked again.
     for (const auto& [key, m] : mirror_)
         if (m.record.holder && dead_.count(m.record.holder->epoch) != 0) sendReap(key);

@@ -48,6 +48,7 @@ private:
         bool tryOnly = false;
         bool sent = false;    // its claim may be in the bucket
         bool queued = false;  // the bucket confirmed its claim in the queue
+        bool confirming = false;  // its grant, seen in the watch, is being read back
         std::shared_ptr<Responder> responder;
         std::unique_ptr<asio::steady_timer> timer;
     };
@@ -58,12 +59,13 @@ private:
         std::uint64_t startTime = 0;  // the holder's, to know it again after a restart
     };
     struct Mirrored {
-        std::uint64_t revision = 0;
+        bool seen = false;
         locks::LockRecord record;
     };
     struct EpochSeen {
         std::string value;
-        std::uint64_t revision = 0;
+        std::uint64_t revision = 0;  // as the watch numbers it, to know its replays
+        std::uint64_t leaderRevision = 0;  // as the bucket's leader last answered, 0: none since
         std::chrono::steady_clock::time_point since;
     };
     using Written = locks::Written;
@@ -79,8 +81,16 @@ private:
     void retryLater(std::function<void()> again);
 
     void entry(ClusterEntry& e);
-    // A record as the bucket has it, from the watch or a write's answer.
-    void apply(const std::string& key, std::uint64_t revision, const locks::LockRecord& record);
+    // A record from the watch, or (`confirmed`) as the bucket's leader answered a write or read.
+    void apply(const std::string& key, const locks::LockRecord& record, bool confirmed);
+    // Grants, releases or reaps what the mirrored record asks of this node. A
+    // replica's watch may be wrong: a grant waits for the leader's word.
+    void serve(const std::string& key, bool confirmed);
+    void confirm(const std::string& key, std::uint64_t waiterId);
+    void leaderSays(const std::string& key, const locks::LockRecord& record);
+    // The watch is made again after NATS lost a server, which can take
+    // seconds; meanwhile the records waited on are read every round.
+    void pollWhileTheWatchIsSilent();
     void epochSeen(const std::string& key, const std::string& value, std::uint64_t revision);
     void epochDead(const std::string& epoch);
 
@@ -105,9 +115,9 @@ private:
     const std::filesystem::path stateFile_;
 
     std::string epoch_;
-    std::uint64_t epochRevision_ = 0;
     bool live_ = false, renewing_ = false, starting_ = false;
     std::chrono::steady_clock::time_point deadline_;
+    std::chrono::steady_clock::time_point lastEntry_;  // the watch's last
     asio::steady_timer renewTimer_, leaseTimer_, othersTimer_;
 
     std::uint64_t lastId_;

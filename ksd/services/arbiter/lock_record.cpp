@@ -38,51 +38,74 @@ bool takeClaim(std::string_view& in, Claim& c) {
 
 bool isDead(const Claim& c, const DeadEpochs& dead) { return dead.count(c.epoch) != 0; }
 
-// Hands the lock on to the first live waiter, or frees it.
-void handOn(LockRecord& r, std::int32_t code, const DeadEpochs& dead) {
+// Hands the lock on to the first live waiter, or frees it; `base` is the
+// revision the write is made over, the new holder's handle.
+void handOn(LockRecord& r, std::int32_t code, const DeadEpochs& dead, std::uint64_t base) {
     std::erase_if(r.queue, [&](const Claim& c) { return isDead(c, dead); });
     r.lastCode = code;
     r.holder.reset();
     r.handle = 0;
     if (r.queue.empty()) return;
     r.holder = std::move(r.queue.front());
+    r.handle = base;
     r.queue.erase(r.queue.begin());
 }
 
-// Reads the record, lets `change` edit it (false: leave it), writes it at
-// the revision read, and starts again when another node wrote first.
+// Reads the record, lets `change(record, position)` edit it (false: leave
+// it) and writes it at that position, again and again while other writes
+// come first. An absent record is an empty one.
 template <typename Change>
 Written rewrite(ClusterBucket& b, const std::string& key, Change change) {
-    for (int round = 0; round < kMaxRounds; ++round) {
-        Written w;
-        std::string value;
-        const Result got = b.get(key, value, w.revision);
-        if (got != Result::Ok && got != Result::NotFound) return w;
-        const bool exists = got == Result::Ok;
-        if (exists && !decodeRecord(value, w.revision, w.record)) w.record = LockRecord{};
-        if (!exists) w.revision = 0;
-        if (!change(w.record)) {
-            w.result = Result::Ok;
-            return w;
-        }
-        const std::string body = encodeRecord(w.record);
-        std::uint64_t written = 0;
-        const Result put = exists ? b.update(key, body, w.revision, written) : b.create(key, body, written);
-        if (put == Result::Conflict || put == Result::Exists) continue;
-        if (put != Result::Ok) return Written{};
-        w.result = Result::Ok;
-        w.wrote = true;
-        w.revision = written;
-        if (w.record.holder && w.record.handle == 0) w.record.handle = written;
-        return w;
-    }
-    return Written{};
+    Written w;
+    const KeyWritten k = rewriteKey(
+        b, key,
+        [&](const std::optional<std::string>& value, std::uint64_t, std::uint64_t position)
+            -> std::optional<std::string> {
+            if (!value || !decodeRecord(*value, w.record)) w.record = LockRecord{};
+            if (!change(w.record, position)) return std::nullopt;
+            ++w.record.version;
+            return encodeRecord(w.record);
+        });
+    w.result = k.result;
+    w.wrote = k.wrote;
+    return w;
 }
 
 }  // namespace
 
+KeyWritten rewriteKey(ClusterBucket& b, const std::string& key, const KeyChange& change) {
+    std::uint64_t last = std::max<std::uint64_t>(1, b.lastSeen());  // (never 0: that asks nothing)
+    for (int round = 0; round < kMaxRounds; ++round) {
+        KeyWritten k;
+        std::string value;
+        const Result got = b.get(key, value, k.revision);
+        if (got != Result::Ok && got != Result::NotFound) return k;
+        if (got == Result::Ok) k.value = std::move(value);
+        const std::uint64_t position = std::max(last, k.revision);
+        std::optional<std::string> next = change(k.value, k.revision, position);
+        if (!next) {
+            k.result = Result::Ok;
+            return k;
+        }
+        std::vector<ClusterBucket::Write> w{{key, *next, position, false, true}};
+        b.write(w);
+        if (w[0].result == Result::Conflict && w[0].revision > 0) {
+            last = w[0].revision;
+            continue;
+        }
+        if (w[0].result != Result::Ok) return KeyWritten{};
+        k.result = Result::Ok;
+        k.wrote = true;
+        k.value = std::move(*next);
+        k.revision = w[0].revision;
+        return k;
+    }
+    return KeyWritten{};
+}
+
 std::string encodeRecord(const LockRecord& r) {
     std::string out;
+    cluster::putField(out, std::to_string(r.version));
     cluster::putField(out, std::to_string(r.handle));
     cluster::putField(out, std::to_string(r.lastCode));
     cluster::putField(out, r.holder ? "1" : "");
@@ -92,9 +115,11 @@ std::string encodeRecord(const LockRecord& r) {
     return out;
 }
 
-bool decodeRecord(std::string_view in, std::uint64_t revision, LockRecord& r) {
+bool decodeRecord(std::string_view in, LockRecord& r) {
     std::string f;
     r = LockRecord{};
+    if (!cluster::takeField(in, f)) return false;
+    r.version = static_cast<std::uint64_t>(toInt(f));
     if (!cluster::takeField(in, f)) return false;
     r.handle = static_cast<std::uint64_t>(toInt(f));
     if (!cluster::takeField(in, f)) return false;
@@ -103,7 +128,6 @@ bool decodeRecord(std::string_view in, std::uint64_t revision, LockRecord& r) {
     if (!f.empty()) {
         r.holder.emplace();
         if (!takeClaim(in, *r.holder)) return false;
-        if (r.handle == 0) r.handle = revision;
     }
     if (!cluster::takeField(in, f)) return false;
     const std::int64_t n = toInt(f);
@@ -124,20 +148,20 @@ std::string epochKey(std::string_view node, std::string_view epoch) {
 }
 
 Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead) {
-    return rewrite(b, key, [&](LockRecord& r) {
+    return rewrite(b, key, [&](LockRecord& r, std::uint64_t base) {
         if (r.holder && r.holder->same(claim)) return false;
         if (std::any_of(r.queue.begin(), r.queue.end(), [&](const Claim& c) { return c.same(claim); })) return false;
         bool changed = false;
         if (r.holder && isDead(*r.holder, dead)) {
-            handOn(r, -1, dead);
+            handOn(r, -1, dead, base);
             changed = true;
         } else if (!r.holder && !r.queue.empty()) {
-            handOn(r, r.lastCode, dead);  // (a queue behind a free lock is one whose hand-over was cut short)
+            handOn(r, r.lastCode, dead, base);  // (a queue behind a free lock is one whose hand-over was cut short)
             changed = true;
         }
         if (!r.holder) {
             r.holder = claim;
-            r.handle = 0;
+            r.handle = base;
             return true;
         }
         if (tryOnly) return changed;
@@ -148,27 +172,31 @@ Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, boo
 
 Written releaseIn(ClusterBucket& b, const std::string& key, std::uint64_t handle, std::int32_t code,
                   const DeadEpochs& dead) {
-    return rewrite(b, key, [&](LockRecord& r) {
+    return rewrite(b, key, [&](LockRecord& r, std::uint64_t base) {
         if (!r.holder || r.handle != handle) return false;
-        handOn(r, code, dead);
+        handOn(r, code, dead, base);
         return true;
     });
 }
 
 Written leaveIn(ClusterBucket& b, const std::string& key, const Claim& claim, const DeadEpochs& dead) {
-    return rewrite(b, key, [&](LockRecord& r) {
+    return rewrite(b, key, [&](LockRecord& r, std::uint64_t base) {
         if (r.holder && r.holder->same(claim)) {
-            handOn(r, 0, dead);
+            handOn(r, 0, dead, base);
             return true;
         }
         return std::erase_if(r.queue, [&](const Claim& c) { return c.same(claim); }) != 0;
     });
 }
 
+Written readIn(ClusterBucket& b, const std::string& key) {
+    return rewrite(b, key, [](LockRecord&, std::uint64_t) { return false; });
+}
+
 Written reapIn(ClusterBucket& b, const std::string& key, const DeadEpochs& dead) {
-    return rewrite(b, key, [&](LockRecord& r) {
+    return rewrite(b, key, [&](LockRecord& r, std::uint64_t base) {
         if (r.holder && isDead(*r.holder, dead)) {
-            handOn(r, -1, dead);
+            handOn(r, -1, dead, base);
             return true;
         }
         return std::erase_if(r.queue, [&](const Claim& c) { return isDead(c, dead); }) != 0;

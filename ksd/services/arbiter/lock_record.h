@@ -4,12 +4,15 @@
 // One resource's lock as the cluster's bucket keeps it: the holder, the
 // handle, and the queue of waiters of every node, first come first served.
 // Every change is a write at the revision read (compare-and-set), so a grant
-// exists only once the bucket confirmed it, and its revision is the handle:
-// unique in the cluster and growing per resource. A claim names the node
-// and the node's epoch that made it; a claim of a dead epoch is skipped and
-// a holder of one is released.
+// exists only once the bucket confirmed it. Its handle is the bucket position
+// the granting write was made at: one write only wins at each, so the handle
+// is unique in the cluster and grows per resource. It is kept in the record,
+// never derived from how a reader learnt of it. A claim names the
+// node and the node's epoch that made it; a claim of a dead epoch is skipped
+// and a holder of one is released.
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -29,26 +32,42 @@ struct Claim {
 };
 
 struct LockRecord {
+    std::uint64_t version = 0;  // writes made to the record: which of two copies is newer
     std::optional<Claim> holder;
-    std::uint64_t handle = 0;   // with a holder: 0 until read back, then the granting write's revision
+    std::uint64_t handle = 0;   // with a holder: the bucket position its grant was written at
     std::int32_t lastCode = 0;  // how the last holder left (lock event code)
     std::vector<Claim> queue;
 };
 
 std::string encodeRecord(const LockRecord& r);
-// Fills in a fresh grant's handle from `revision`; false for a record cut short.
-bool decodeRecord(std::string_view in, std::uint64_t revision, LockRecord& r);
+// False for a record cut short.
+bool decodeRecord(std::string_view in, LockRecord& r);
 
 using DeadEpochs = std::set<std::string>;
 
-// What a write did; `record` and `revision` are as the bucket now has them
-// (when Ok), whether or not this call wrote.
+// What a write did; `record` is as the bucket now has it (when Ok), whether
+// or not this call wrote.
 struct Written {
     ClusterBucket::Result result = ClusterBucket::Result::Unreachable;
     bool wrote = false;
     LockRecord record;
+};
+
+// What rewriteKey() did: when Ok, `value` and `revision` are the key's as the
+// bucket now has them (no value: absent), whether or not this call wrote.
+struct KeyWritten {
+    ClusterBucket::Result result = ClusterBucket::Result::Unreachable;
+    bool wrote = false;
+    std::optional<std::string> value;
     std::uint64_t revision = 0;
 };
+// The key's value as `change(value, revision, position)` decides from what it
+// is (nullopt: left as it is). The write holds only if nothing at all was
+// written to the bucket since the read, at `position`, the bucket's last
+// revision then: one write wins over each position, whatever the key.
+using KeyChange = std::function<std::optional<std::string>(const std::optional<std::string>& value,
+                                                           std::uint64_t revision, std::uint64_t position)>;
+KeyWritten rewriteKey(ClusterBucket& b, const std::string& key, const KeyChange& change);
 
 std::string recordKey(std::string_view resource);
 // The resource of a record key, empty for another key.
@@ -66,6 +85,8 @@ Written releaseIn(ClusterBucket& b, const std::string& key, std::uint64_t handle
                   const DeadEpochs& dead);
 // Takes a claim out of the queue, or frees the lock if it was granted meanwhile.
 Written leaveIn(ClusterBucket& b, const std::string& key, const Claim& claim, const DeadEpochs& dead);
+// The record as the bucket's leader has it, written by nobody.
+Written readIn(ClusterBucket& b, const std::string& key);
 // Releases a holder of a dead epoch and drops such waiters.
 Written reapIn(ClusterBucket& b, const std::string& key, const DeadEpochs& dead);
 
