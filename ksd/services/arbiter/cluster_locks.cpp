@@ -35,7 +35,7 @@ std::string epochOfKey(const std::string& key) { return key.substr(key.rfind('.'
 
 // Renews an epoch key unless another node has ended it: Conflict then.
 Result stillLive(ClusterBucket& b, const std::string& key, std::uint64_t& written) {
-    const locks::KeyWritten w = locks::rewriteKey(
+    const KeyWritten w = rewriteKey(
         b, key, [](const std::optional<std::string>& value, std::uint64_t, std::uint64_t) {
             return value == locks::kLive ? std::optional<std::string>(locks::kLive) : std::nullopt;
         });
@@ -527,7 +527,7 @@ void ClusterLocks::checkOthers() {
         link_.runOnBucket(
             kBucket, [=, this, k = key, watched = seen.revision, told = seen.leaderRevision,
                       alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
-                const locks::KeyWritten w = locks::rewriteKey(
+                const KeyWritten w = rewriteKey(
                     b, k,
                     [&](const std::optional<std::string>& value, std::uint64_t revision,
                         std::uint64_t) -> std::optional<std::string> {

@@ -12,13 +12,13 @@
 // and a holder of one is released.
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "cluster/bucket_cas.h"
 #include "cluster/cluster_link.h"
 
 namespace ksd::locks {
@@ -52,22 +52,6 @@ struct Written {
     bool wrote = false;
     LockRecord record;
 };
-
-// What rewriteKey() did: when Ok, `value` and `revision` are the key's as the
-// bucket now has them (no value: absent), whether or not this call wrote.
-struct KeyWritten {
-    ClusterBucket::Result result = ClusterBucket::Result::Unreachable;
-    bool wrote = false;
-    std::optional<std::string> value;
-    std::uint64_t revision = 0;
-};
-// The key's value as `change(value, revision, position)` decides from what it
-// is (nullopt: left as it is). The write holds only if nothing at all was
-// written to the bucket since the read, at `position`, the bucket's last
-// revision then: one write wins over each position, whatever the key.
-using KeyChange = std::function<std::optional<std::string>(const std::optional<std::string>& value,
-                                                           std::uint64_t revision, std::uint64_t position)>;
-KeyWritten rewriteKey(ClusterBucket& b, const std::string& key, const KeyChange& change);
 
 std::string recordKey(std::string_view resource);
 // The resource of a record key, empty for another key.

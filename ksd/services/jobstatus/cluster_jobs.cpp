@@ -5,6 +5,7 @@
 #include <limits>
 #include <unordered_map>
 
+#include "cluster/bucket_cas.h"
 #include "cluster/cluster_wire.h"
 #include "json/json_text.h"
 
@@ -111,26 +112,22 @@ std::int64_t load(ClusterBucket& b, std::int64_t id, StoredJob& s) {
 // Ids left in a block when the node stops are gaps, never handed out.
 std::int64_t claimId(ClusterBucket& b, Ledger& ledger) {
     if (ledger.nextId < ledger.endId) return ledger.nextId++;
-    for (int round = 0; round < kMaxRounds; ++round) {
-        std::string value;
-        std::uint64_t revision = 0;
-        Result r = b.get(kCounter, value, revision);
-        if (r != Result::Ok && r != Result::NotFound) return kUnreachable;
-        const std::int64_t last = r == Result::Ok ? toInt(value) : 0;
-        // Clients see ids as 32-bit ints: stop before one would turn negative.
-        constexpr std::int64_t kMaxId = std::numeric_limits<std::int32_t>::max();
-        if (last >= kMaxId) return -ENOSPC;
-        const std::int64_t end = std::min(last + kIdBlock, kMaxId);
-        std::vector<ClusterBucket::Write> w{{kCounter, std::to_string(end), r == Result::Ok ? revision : 0}};
-        b.write(w);
-        if (w[0].result == Result::Ok) {
-            ledger.nextId = last + 2;
-            ledger.endId = end + 1;
-            return last + 1;
-        }
-        if (w[0].result != Result::Conflict && w[0].result != Result::Exists) return kUnreachable;
-    }
-    return kUnreachable;
+    // Clients see ids as 32-bit ints: stop before one would turn negative.
+    constexpr std::int64_t kMaxId = std::numeric_limits<std::int32_t>::max();
+    std::int64_t last = 0, end = 0;
+    // Taken only over the bucket's last write: two nodes racing on the counter's
+    // own revision could both be taken, and hand out one block twice.
+    const KeyWritten w =
+        rewriteKey(b, kCounter, [&](const std::optional<std::string>& value, std::uint64_t, std::uint64_t) {
+            last = value ? toInt(*value) : 0;
+            end = std::min(last + kIdBlock, kMaxId);
+            return last >= kMaxId ? std::nullopt : std::optional<std::string>(std::to_string(end));
+        });
+    if (w.result != Result::Ok) return kUnreachable;
+    if (!w.wrote) return -ENOSPC;
+    ledger.nextId = last + 2;
+    ledger.endId = end + 1;
+    return last + 1;
 }
 
 // The owner's count of live jobs as last read or written here; read again

@@ -1,0 +1,36 @@
+#ifndef KSD_CLUSTER_BUCKET_CAS_H
+#define KSD_CLUSTER_BUCKET_CAS_H
+
+// A compare-and-set on one key that holds when nodes race: the write is
+// taken only if nothing at all was written to the bucket since the read (a
+// cluster may take two writes made at one key revision), and is tried again
+// over the bucket's last revision while others come first.
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "cluster/cluster_link.h"
+
+namespace ksd {
+
+// What rewriteKey() did: when Ok, `value` and `revision` are the key's as the
+// bucket now has them (no value: absent), whether or not this call wrote.
+struct KeyWritten {
+    ClusterBucket::Result result = ClusterBucket::Result::Unreachable;
+    bool wrote = false;
+    std::optional<std::string> value;
+    std::uint64_t revision = 0;
+};
+
+// `change(value, revision, position)` decides the key's new value from what
+// it is (nullopt: left as it is); the write is taken at `position`, the
+// bucket's last revision then, and one write only is ever taken at each.
+using KeyChange = std::function<std::optional<std::string>(const std::optional<std::string>& value,
+                                                           std::uint64_t revision, std::uint64_t position)>;
+KeyWritten rewriteKey(ClusterBucket& b, const std::string& key, const KeyChange& change);
+
+}  // namespace ksd
+
+#endif
