@@ -307,7 +307,8 @@ TEST_F(ClusterEndToEnd, NoTwoHoldersEverUnderKills) {
 namespace {
 
 // Locks of one resource asked for on every node are granted in the order
-// asked (handles growing along the queue); a waiter that times out leaves it.
+// asked (handles growing along the queue); a waiter that times out leaves it;
+// another user may not unlock the holder's lock, root may, from any node.
 TEST_F(ClusterEndToEnd, LockWaitersAreServedInArrivalOrderAcrossNodes) {
     const std::string helper = kstest::clientHelperProgram();
     auto holder = run(0, {"lock", "q", "20000", "wait", "unlock", "last"}, helper);
@@ -315,6 +316,14 @@ TEST_F(ClusterEndToEnd, LockWaitersAreServedInArrivalOrderAcrossNodes) {
     ASSERT_GT(first, 0);
     EXPECT_EQ(run(1, {"lock", "q", "0"}, helper)->waitForLine("lock "), "lock -110") << "trying once";
     EXPECT_EQ(run(1, {"unlock", std::to_string(first + 1000)}, helper)->waitForLine("unlock "), "unlock -2");
+    const std::string unlockFirst = kstest::requestWire("Arbiter", "TRVX_RA_UNLOCK").addLong(first);
+    // (-2 until B's watch has shown it the grant.)
+    std::string refused;
+    kstest::waitUntil([&] {
+        refused = kstest::runAs(kstest::kOtherUid, [&] { return ask(nodes_[1]->connType(), unlockFirst); });
+        return refused != "-2";
+    });
+    if (!refused.empty()) EXPECT_EQ(refused, "-1") << "another user's lock, from another node";
     const std::vector<std::pair<int, std::string>> queue = {{1, "20000"}, {2, "500"}, {2, "20000"}, {0, "20000"}};
     std::vector<std::unique_ptr<kstest::ChildProcess>> waiters;
     for (const auto& [node, ms] : queue) {
@@ -323,7 +332,7 @@ TEST_F(ClusterEndToEnd, LockWaitersAreServedInArrivalOrderAcrossNodes) {
         ASSERT_TRUE(kstest::waitUntil([&] { return status(node, "lock_waiters") > before; }));
     }
     EXPECT_EQ(waiters[1]->waitForLine("lock "), "lock -110");
-    holder->writeLine("");
+    EXPECT_EQ(ask(nodes_[2]->connType(), unlockFirst), "0") << "root frees any lock from any node";
     long last = first;
     for (std::size_t i : {0, 2, 3}) {
         const long handle = std::stol(waiters[i]->waitForLine("lock ").substr(5));
