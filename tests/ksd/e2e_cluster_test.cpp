@@ -323,7 +323,9 @@ TEST_F(ClusterEndToEnd, LockWaitersAreServedInArrivalOrderAcrossNodes) {
         refused = kstest::runAs(kstest::kOtherUid, [&] { return ask(nodes_[1]->connType(), unlockFirst); });
         return refused != "-2";
     });
-    if (!refused.empty()) EXPECT_EQ(refused, "-1") << "another user's lock, from another node";
+    if (!refused.empty()) {
+        EXPECT_EQ(refused, "-1") << "another user's lock, from another node";
+    }
     const std::vector<std::pair<int, std::string>> queue = {{1, "20000"}, {2, "500"}, {2, "20000"}, {0, "20000"}};
     std::vector<std::unique_ptr<kstest::ChildProcess>> waiters;
     for (const auto& [node, ms] : queue) {
