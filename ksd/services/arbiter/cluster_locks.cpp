@@ -156,7 +156,7 @@ void ClusterLocks::unlock(std::int64_t handle, const PeerInfo& peer, std::shared
     const std::string key = at->second;
     write([key, h, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, h, 0, dead); },
           [this, key, responder](Written& w) {
-              if (w.result == Result::Ok) apply(key, w.record, true);
+              if (w.result == Result::Ok) leaderSays(key, w.record);
               responder->reply(longReply(w.result != Result::Ok ? -EAGAIN : w.wrote ? 0 : -ENOENT));
           });
 }
@@ -199,7 +199,7 @@ void ClusterLocks::sendLock(std::uint64_t id) {
     write([key, claim = claimOf(id, it->second.peer), tryOnly = it->second.tryOnly,
            dead = dead_](ClusterBucket& b) { return locks::lockIn(b, key, claim, tryOnly, dead); },
           [this, key, id](Written& w) {
-              if (w.result == Result::Ok) apply(key, w.record, true);
+              if (w.result == Result::Ok) leaderSays(key, w.record);
               auto it = waiters_.find(id);
               if (it == waiters_.end()) return;  // granted
               if (w.result != Result::Ok && it->second.tryOnly) return leave(id, true);
@@ -217,7 +217,7 @@ void ClusterLocks::sendRelease(const std::string& name, std::uint64_t handle, st
     const std::string key = locks::recordKey(name);
     write([key, handle, code, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, handle, code, dead); },
           [this, key, name, handle, code](Written& w) {
-              if (w.result == Result::Ok) return apply(key, w.record, true);
+              if (w.result == Result::Ok) return leaderSays(key, w.record);
               // Held in the bucket until freed; when the epoch ends first, the other nodes free it.
               retryLater([this, name, handle, code] { sendRelease(name, handle, code); });
           });
@@ -228,7 +228,7 @@ void ClusterLocks::sendLeave(const std::string& name, std::uint64_t id) {
     const Claim claim = claimOf(id, PeerInfo{});
     write([key, claim, dead = dead_](ClusterBucket& b) { return locks::leaveIn(b, key, claim, dead); },
           [this, key, name, id, epoch = epoch_](Written& w) {
-              if (w.result == Result::Ok) return apply(key, w.record, true);
+              if (w.result == Result::Ok) return leaderSays(key, w.record);
               if (live_ && epoch == epoch_) retryLater([this, name, id] { sendLeave(name, id); });
           });
 }
@@ -236,7 +236,7 @@ void ClusterLocks::sendLeave(const std::string& name, std::uint64_t id) {
 void ClusterLocks::sendReap(const std::string& key) {
     write([key, dead = dead_](ClusterBucket& b) { return locks::reapIn(b, key, dead); },
           [this, key](Written& w) {
-              if (w.result == Result::Ok) apply(key, w.record, true);
+              if (w.result == Result::Ok) leaderSays(key, w.record);
           });
 }
 
@@ -252,11 +252,7 @@ void ClusterLocks::entry(ClusterEntry& e) {
 
 void ClusterLocks::apply(const std::string& key, const LockRecord& record, bool confirmed) {
     Mirrored& m = mirror_[key];
-    if (m.seen && record.version <= m.record.version) {
-        // Nothing new; the leader's word on what the watch showed may still let a grant go.
-        if (confirmed && record.version == m.record.version) serve(key, true);
-        return;
-    }
+    if (m.seen && record.version <= m.record.version) return;
     const bool seenBefore = m.seen;
     const LockRecord old = std::move(m.record);
     m.seen = true;
@@ -308,8 +304,9 @@ void ClusterLocks::confirm(const std::string& key, std::uint64_t waiterId) {
 
 void ClusterLocks::leaderSays(const std::string& key, const LockRecord& record) {
     apply(key, record, true);
-    // The watch may have moved on meanwhile (a waiter queued behind): the
-    // leader's word that the lock is a waiter's holds until this node lets go.
+    // The watch may have shown this record already, or moved on meanwhile (a
+    // waiter queued behind): the leader's word that the lock is a waiter's
+    // holds until this node lets go.
     const auto& h = record.holder;
     if (live_ && h && h->epoch == epoch_ && h->node == link_.node() && waiters_.count(h->id) != 0 &&
         holds_.count(record.handle) == 0)

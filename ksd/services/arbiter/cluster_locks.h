@@ -81,12 +81,13 @@ private:
     void retryLater(std::function<void()> again);
 
     void entry(ClusterEntry& e);
-    // A record from the watch, or (`confirmed`) as the bucket's leader answered a write or read.
+    // A record from the watch, or (`confirmed`, through leaderSays) as the bucket's leader has it.
     void apply(const std::string& key, const locks::LockRecord& record, bool confirmed);
     // Grants, releases or reaps what the mirrored record asks of this node. A
     // replica's watch may be wrong: a grant waits for the leader's word.
     void serve(const std::string& key, bool confirmed);
     void confirm(const std::string& key, std::uint64_t waiterId);
+    // The record as the leader answered a write or a read: applied, and its holder served here.
     void leaderSays(const std::string& key, const locks::LockRecord& record);
     // The watch is made again after NATS lost a server, which can take
     // seconds; meanwhile the records waited on are read every round.
