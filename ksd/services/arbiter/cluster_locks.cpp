@@ -187,6 +187,12 @@ void ClusterLocks::retryLater(std::function<void()> again) {
         });
 }
 
+void ClusterLocks::onExpiry(asio::steady_timer& timer, void (ClusterLocks::*then)()) {
+    timer.async_wait([this, then, alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
+        if (!ec && !alive.expired()) (this->*then)();
+    });
+}
+
 Claim ClusterLocks::claimOf(std::uint64_t id, const PeerInfo& peer) const {
     return Claim{link_.node(), epoch_, id, peer.isUnix ? peer.pid : -1, static_cast<std::int64_t>(peer.uid)};
 }
@@ -429,9 +435,7 @@ void ClusterLocks::startEpoch() {
 
 void ClusterLocks::renew() {
     renewTimer_.expires_after(std::max(lease_ / 5, std::chrono::milliseconds(20)));
-    renewTimer_.async_wait([this, alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
-        if (!ec && !alive.expired()) renew();
-    });
+    onExpiry(renewTimer_, &ClusterLocks::renew);
     if (!live_ || renewing_) return;
     renewing_ = true;
     const std::string key = locks::epochKey(link_.node(), epoch_);
@@ -462,9 +466,7 @@ void ClusterLocks::checkLease() {
         return loseEpoch();
     }
     leaseTimer_.expires_at(deadline_);
-    leaseTimer_.async_wait([this, alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
-        if (!ec && !alive.expired()) checkLease();
-    });
+    onExpiry(leaseTimer_, &ClusterLocks::checkLease);
 }
 
 void ClusterLocks::loseEpoch() {
@@ -550,9 +552,7 @@ void ClusterLocks::checkOthers() {
     for (const auto& [key, m] : mirror_)
         if (m.record.holder && dead_.count(m.record.holder->epoch) != 0) sendReap(key);
     othersTimer_.expires_after(std::max(lease_ / 5, std::chrono::milliseconds(20)));
-    othersTimer_.async_wait([this, alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
-        if (!ec && !alive.expired()) checkOthers();
-    });
+    onExpiry(othersTimer_, &ClusterLocks::checkOthers);
 }
 
 void ClusterLocks::saveHolds() {

@@ -79,6 +79,8 @@ private:
     template <typename Op, typename Then>
     void write(Op op, Then then);
     void retryLater(std::function<void()> again);
+    // Calls `then` when `timer` fires, unless it was cancelled or this is gone.
+    void onExpiry(asio::steady_timer& timer, void (ClusterLocks::*then)());
 
     void entry(ClusterEntry& e);
     // A record from the watch, or (`confirmed`, through leaderSays) as the bucket's leader has it.
