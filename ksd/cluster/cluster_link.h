@@ -122,8 +122,8 @@ public:
     virtual void forward(const ClusterTopic& topic, std::string_view sender, std::string_view text,
                          std::string_view payload, const ClusterAudience& audience = {}) = 0;
     virtual ClusterState state() const = 0;
-    // Runs `work` on the cluster's worker thread, one piece at a time in the
-    // order given, against the bucket `bucket` (made when missing, replicated
+    // Runs `work` on the bucket's own worker thread, one piece at a time in
+    // the order given, against the bucket `bucket` (made when missing, replicated
     // on up to three servers). While NATS is unreachable every call answers
     // Unreachable at once; a call NATS leaves unanswered does so within the
     // write time-out.

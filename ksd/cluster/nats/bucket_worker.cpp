@@ -71,7 +71,7 @@ public:
         for (;;) {
             std::vector<std::string> found;
             std::uint64_t reached = 0;
-            if (const Result r = list(prefix, found, reached); r != Result::Ok) return r;
+            if (const Result r = list(prefix, found, reached, deadline); r != Result::Ok) return r;
             if (reached >= last) {
                 out.insert(out.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
                 return Result::Ok;
@@ -99,7 +99,8 @@ public:
                                static_cast<int>(w.value.size())) != NATS_OK)
                 continue;
             const std::string last = std::to_string(w.last);
-            const char* expected = w.wholeBucket ? "Nats-Expected-Last-Sequence" : "Nats-Expected-Last-Subject-Sequence";
+            const char* expected =
+                w.wholeBucket ? "Nats-Expected-Last-Sequence" : "Nats-Expected-Last-Subject-Sequence";
             if (natsMsgHeader_Set(msg, expected, last.c_str()) == NATS_OK &&
                 (!w.erase || natsMsgHeader_Set(msg, "KV-Operation", "DEL") == NATS_OK) &&
                 natsConnection_PublishMsg(nc_, msg) == NATS_OK)
@@ -132,13 +133,13 @@ public:
 private:
     // The live keys under `prefix` as one replica has them, and the last
     // revision it holds (that of the bucket's last write, deletions included).
-    Result list(std::string_view prefix, std::vector<std::string>& out, std::uint64_t& reached) {
+    Result list(std::string_view prefix, std::vector<std::string>& out, std::uint64_t& reached,
+                std::chrono::steady_clock::time_point deadline) {
         kvWatchOptions o;
         kvWatchOptions_Init(&o);
         o.MetaOnly = true;
         kvWatcher* w = nullptr;
         natsStatus s = kvStore_WatchAll(&w, kv_, &o);
-        const auto deadline = std::chrono::steady_clock::now() + acks_.timeout;
         while (s == NATS_OK) {
             const auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());

@@ -86,14 +86,13 @@ public:
         connect();
         inbox_->setSink([this](Arrival& a) { arrived(a); });
         subscribe(cluster::allNodesSubject(options_.name), ClusterTopic{}, true);
-        worker_ = std::make_unique<cluster::BucketWorker>(io_, nc_, options_.name, options_.writeTimeout);
         beat();
     }
 
     ~NatsLink() override {
         beat_.cancel();
         inbox_->close();
-        worker_.reset();
+        workers_.clear();
         watches_.clear();
         for (auto& [subject, sub] : subs_) natsSubscription_Destroy(sub);
         subs_.clear();
@@ -147,7 +146,12 @@ public:
         return s;
     }
 
-    void runOnBucket(const std::string& bucket, BucketWork work) override { worker_->run(bucket, std::move(work)); }
+    // A worker per bucket: one service's slow round trips never hold up another's.
+    void runOnBucket(const std::string& bucket, BucketWork work) override {
+        auto& worker = workers_[bucket];
+        if (!worker) worker = std::make_unique<cluster::BucketWorker>(io_, nc_, options_.name, options_.writeTimeout);
+        worker->run(bucket, std::move(work));
+    }
 
     void watchBucket(const std::string& bucket, std::function<void(ClusterEntry&)> onEntry) override {
         watches_[bucket] = std::make_unique<cluster::BucketWatch>(io_, nc_, options_.name + "-" + bucket,
@@ -258,7 +262,7 @@ private:
     Receiver receiver_;
     asio::steady_timer beat_;
     std::unordered_map<std::string, Clock::time_point> seen_;
-    std::unique_ptr<cluster::BucketWorker> worker_;
+    std::map<std::string, std::unique_ptr<cluster::BucketWorker>> workers_;
     std::map<std::string, std::unique_ptr<cluster::BucketWatch>> watches_;
     std::int64_t forwarded_ = 0, received_ = 0, dropped_ = 0;
 };
