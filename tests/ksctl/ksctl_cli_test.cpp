@@ -1,37 +1,21 @@
 // ksctl run as a user runs it, against a real ksd started for each test on its own pipe and
-// state directory: output, --json shapes and exit codes.
+// state directory: output, --json shapes, exit codes and the man page's examples.
 
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <signal.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
-#include "fake_daemon.h"
-#include "json.h"
+#include "OrvoTaskScheduler.h"
 #include "ksctl_runner.h"
-#include "ksd_process.h"
-#include "wait_until.h"
 
-using ksctl::JsonValue;
 using namespace kstest;
 
 namespace {
-
-JsonValue parseLine(const std::string& line) {
-    auto v = ksctl::parseJson(line);
-    EXPECT_TRUE(v) << "not JSON: " << line;
-    return v ? *v : JsonValue{};
-}
-
-// A member as text (strings bare, others as JSON), "<missing>" when absent.
-std::string at(const JsonValue& v, const char* key) {
-    const JsonValue* m = v.find(key);
-    return !m ? "<missing>" : m->kind == JsonValue::Kind::String ? m->text : toJson(*m);
-}
 
 void expectOneErrorLine(const RunResult& r, const std::string& fragment) {
     auto errLines = lines(r.err);
@@ -40,17 +24,26 @@ void expectOneErrorLine(const RunResult& r, const std::string& fragment) {
     EXPECT_NE(errLines[0].find(fragment), std::string::npos) << r.err;
 }
 
-class KsctlCli : public KsctlTest {
-protected:
-    RunResult runJson(std::vector<std::string> args) const { return run(std::move(args), true); }
-};
+// Local time (GMT when `gmt`) `seconds` from now, as --at takes it.
+std::string timeIn(int seconds, bool gmt = false) {
+    const std::time_t t = std::time(nullptr) + seconds;
+    std::tm tm{};
+    gmt ? gmtime_r(&t, &tm) : localtime_r(&t, &tm);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
+    return text;
+}
+
+using KsctlCli = KsctlTest;
 
 }  // namespace
 
 TEST(KsctlUsage, BadCommandLinesExitTwoWithOneLine) {
     const std::vector<std::vector<std::string>> bad = {
-        {}, {"frobnicate"}, {"job", "progress"}, {"lock", "printer"}, {"lock", "r", "--timeout", "-1", "--", "true"}, {"subscribe", "demo", "--count", "0"},
-        {"--pipe", "a", "--tcp-port", "7000", "status"}, {"--tcp-port", "70000", "status"}};
+        {}, {"frobnicate"}, {"job", "progress"}, {"lock", "printer"}, {"lock", "r", "--timeout", "-1", "--", "true"},
+        {"subscribe", "demo", "--count", "0"}, {"--pipe", "a", "--tcp-port", "7000", "status"},
+        {"--tcp-port", "70000", "status"}, {"task", "schedule", "x", "/bin/true", "--at", "tomorrow"},
+        {"task", "schedule", "x", "/bin/true", "--at", timeIn(3600), "--every", "hourly"}};
     for (const auto& args : bad) {
         RunResult r = runKsctl(args);
         EXPECT_EQ(r.exitCode, 2) << testing::PrintToString(args) << r.err;
@@ -63,7 +56,8 @@ TEST(KsctlUsage, BadCommandLinesExitTwoWithOneLine) {
 TEST(KsctlUnreachable, EveryCommandExitsSixtyNineWithOneLine) {
     const std::string pipe = kstest::uniqueName("kstest-ksctl");
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"status"}, {"subscriptions"}, {"job", "create", "x"}, {"publish", "demo"}, {"subscribe", "demo"}, {"lock", "r", "--", "true"}}) {
+             {"status"}, {"subscriptions"}, {"job", "create", "x"}, {"publish", "demo"}, {"subscribe", "demo"},
+             {"lock", "r", "--", "true"}}) {
         std::vector<std::string> all = {"--pipe", pipe};
         all.insert(all.end(), args.begin(), args.end());
         RunResult r = runKsctl(all);
@@ -78,46 +72,30 @@ TEST(KsctlUnreachable, EveryCommandExitsSixtyNineWithOneLine) {
     expectOneErrorLine(r, "cannot reach ksd at pipe " + dir.path() + "/missing.sock");
 }
 
-TEST_F(KsctlCli, PublishReachesASubscriberAndBothReportInJson) {
-    KsctlRun subscriber(cmd({"subscribe", "demo", "other", "--count", "2"}, true));
+TEST_F(KsctlCli, SubscribePrintsWhatIsPublishedAndUnregistersOnCountOrSignal) {
+    KsctlRun json(cmd({"subscribe", "demo", "--count", "1"}, true));
     kstest::ScopedTempDir dir;
     std::ofstream(dir.path() + "/payload.bin", std::ios::binary) << std::string("\x01\x00\xff\x7f", 4);
-    // Once a publish is queued for 1 subscriber, the subscriber (which registers "other" last) is ready.
     RunResult pub;
     ASSERT_TRUE(waitUntil([&] {
-        pub = runJson({"publish", "other", "--data-file", dir.path() + "/payload.bin"});
-        return pub.exitCode == 0 && at(parseLine(pub.out), "queued") == "1";
+        pub = run({"publish", "demo", "--data-file", dir.path() + "/payload.bin"}, true);
+        return pub.exitCode == 0 && member(pub.out, "queued") == "1";
     })) << pub.out << pub.err;
-    EXPECT_EQ(at(parseLine(runJson({"publish", "demo", "--text", "<hello/>"}).out), "queued"), "1");
-
-    RunResult got = subscriber.wait();
+    const RunResult got = json.result();
     ASSERT_EQ(got.exitCode, 0) << got.err;
-    auto received = lines(got.out);
-    ASSERT_EQ(received.size(), 2u) << got.out;
-    JsonValue bin = parseLine(received[0]), text = parseLine(received[1]);
-    EXPECT_EQ(at(bin, "event") + " " + at(bin, "text") + "|" + at(bin, "size") + "|" + at(bin, "payload_hex"),
-              "other |4|0100ff7f");
-    EXPECT_EQ(at(text, "event") + " " + at(text, "text") + "|" + at(text, "size"), "demo <hello/>|0");
-}
+    EXPECT_EQ(member(got.out, "event") + " " + member(got.out, "text") + "|" + member(got.out, "size") + "|" +
+                  member(got.out, "payload_hex"),
+              "demo |4|0100ff7f");
 
-TEST_F(KsctlCli, SubscribePrintsHumanLinesAndUnregistersOnCountOrSignal) {
-    KsctlRun once(cmd({"subscribe", "news", "--count", "1"}));
-    ASSERT_TRUE(waitUntil([&] { return run({"publish", "news", "--text", "a\nb"}).out == "news: queued for 1 subscriber\n"; }));
-    RunResult got = once.wait();
-    EXPECT_EQ(got.exitCode, 0) << got.err;
-    EXPECT_EQ(got.out.substr(23), " news: text \"a\\nb\", 0 bytes\n") << "after the time it came";
-    EXPECT_EQ(run({"publish", "news"}).out, "news: queued for 0 subscribers\n");
     for (int sig : {SIGTERM, SIGINT}) {
         KsctlRun subscriber(cmd({"subscribe", "news"}));
-        ASSERT_TRUE(waitUntil([&] { return run({"publish", "news"}).out == "news: queued for 1 subscriber\n"; }));
-        const JsonValue subscriptions = parseLine(runJson({"subscriptions"}).out);
-        ASSERT_EQ(subscriptions.items.size(), 1u);
-        EXPECT_EQ(at(subscriptions.items[0], "event"), "news");
+        ASSERT_TRUE(waitUntil(
+            [&] { return run({"publish", "news", "--text", "a\nb"}).out == "news: queued for 1 subscriber\n"; }));
+        EXPECT_TRUE(subscriber.waitFor(" news: text \"a\\nb\", 0 bytes\n")) << subscriber.out();
         subscriber.signal(sig);
-        RunResult stopped = subscriber.wait();
+        const RunResult stopped = subscriber.result();
         EXPECT_EQ(std::to_string(stopped.exitCode) + stopped.err, "0");  // clean exit, nothing on stderr
         EXPECT_EQ(run({"publish", "news"}).out, "news: queued for 0 subscribers\n");
-        EXPECT_EQ(run({"subscriptions"}).out, "no subscriptions\n");
     }
 }
 
@@ -140,48 +118,32 @@ TEST_F(KsctlCli, LockTimesOutWhileHeldAndIsFreeAfterTheHolderStops) {
     RunResult tryOnce = run({"lock", "disk0", "--timeout", "0", "--", "echo", "never"});
     EXPECT_EQ(std::to_string(tryOnce.exitCode) + tryOnce.out, "3");
     expectOneErrorLine(tryOnce, "lock disk0: not granted within 0 ms");
-    RunResult held = runJson({"locks"});
-    EXPECT_EQ(parseLine(held.out).items.size(), 1u) << held.out;
-    EXPECT_NE(held.out.find("\"disk0\""), std::string::npos) << held.out;
 
     // SIGTERM reaches the command through ksctl, which then unlocks.
     holder.signal(SIGTERM);
-    EXPECT_EQ(holder.wait().exitCode, 128 + SIGTERM);
+    EXPECT_EQ(holder.result().exitCode, 128 + SIGTERM);
     EXPECT_EQ(run({"lock", "disk0", "--timeout", "0", "--", "true"}).exitCode, 0);
     EXPECT_EQ(run({"locks"}).out, "no locks held\n");
 }
 
-TEST_F(KsctlCli, JobLifecycleWithJsonOutput) {
-    RunResult created = runJson({"job", "create", "backup", "--description", "nightly backup"});
+TEST_F(KsctlCli, JobCommandsPrintBareNumbersForScriptsAndSentencesOnStderr) {
+    RunResult created = run({"job", "create", "backup", "--description", "nightly backup"}, true);
     ASSERT_EQ(created.exitCode, 0) << created.err;
-    const std::string idText = at(parseLine(created.out), "id");
-    ASSERT_EQ(idText.find_first_not_of("0123456789"), std::string::npos) << created.out;
-
-    RunResult dup = runJson({"job", "create", "backup"});
-    EXPECT_EQ(dup.exitCode, 1);
-    expectOneErrorLine(dup, "job backup: a live job already has that name (-17)");
-    EXPECT_EQ(at(parseLine(runJson({"job", "lookup", "backup"}).out), "id"), idText);
-    // Without --json, scripts get the bare number; the sentence is for a person, on stderr.
-    EXPECT_EQ(run({"job", "lookup", "backup"}).out, idText + "\n");
+    const std::string id = member(created.out, "id");
+    ASSERT_EQ(id.find_first_not_of("0123456789"), std::string::npos) << created.out;
+    EXPECT_EQ(run({"job", "lookup", "backup"}).out, id + "\n");
     const RunResult verbose = run({"--verbose", "job", "create", "second"});
-    EXPECT_EQ(std::to_string(std::stoi(verbose.out)) + "\n", verbose.out);
-    EXPECT_EQ(verbose.err, "job " + std::to_string(std::stoi(verbose.out)) + " created: second\n");
+    EXPECT_EQ(verbose.err, "job " + lines(verbose.out).at(0) + " created: second\n");
     EXPECT_EQ(run({"job", "delete", "second"}).exitCode, 0);
-    EXPECT_EQ(at(parseLine(runJson({"job", "progress", idText, "40"}).out), "progress"), "40");
-    EXPECT_EQ(run({"job", "progress", idText}).out, "job " + idText + ": 40%\n") << "the read form";
-
-    RunResult listed = runJson({"job", "list"});
-    JsonValue jobs = parseLine(listed.out);
-    ASSERT_EQ(jobs.items.size(), 1u) << listed.out;
-    EXPECT_EQ(at(jobs.items[0], "id") + " " + at(jobs.items[0], "name") + " " + at(jobs.items[0], "progress"),
-              idText + " backup 40");
-    EXPECT_EQ(lines(run({"job", "list"}).out).size(), 2u);  // header and one job
-
-    EXPECT_EQ(at(parseLine(runJson({"job", "cancel", idText}).out), "cancelled"), "true");
-    EXPECT_EQ(run({"job", "delete", idText}).out, "job " + idText + " deleted\n");
-    RunResult gone = run({"job", "delete", idText});
+    EXPECT_EQ(member(run({"job", "progress", id, "40"}, true).out, "progress"), "40");
+    EXPECT_EQ(run({"job", "progress", id}).out, "job " + id + ": 40%\n") << "the read form";
+    const std::string listed = run({"job", "list"}, true).out;
+    EXPECT_EQ(member(listed, "name") + " " + member(listed, "progress"), "backup 40") << listed;
+    EXPECT_EQ(member(run({"job", "cancel", id}, true).out, "cancelled"), "true");
+    EXPECT_EQ(run({"job", "delete", id}).out, "job " + id + " deleted\n");
+    RunResult gone = run({"job", "delete", id});
     EXPECT_EQ(gone.exitCode, 1);
-    EXPECT_EQ(gone.err, "ksctl: job " + idText + ": no such job (-2)\n");
+    EXPECT_EQ(gone.err, "ksctl: job " + id + ": no such job (-2)\n");
     EXPECT_EQ(run({"job", "list"}).out, "no jobs\n");
 }
 
@@ -189,31 +151,21 @@ TEST_F(KsctlCli, JobsByNameWatchedToTheirEndWithMessagesThatSayWhy) {
     ASSERT_EQ(run({"job", "create", "w1"}).exitCode, 0);
     KsctlRun watch(cmd({"job", "watch", "w1"}, true));
     // Once the watcher's subscription is in, every later change reaches it.
-    ASSERT_TRUE(waitUntil([&] {
-        return kstest::operatorQuery("pipe:" + ksd_.pipeName(), "subscriptions").find("OrvoJSEvent:w1$") !=
-               std::string::npos;
-    }));
+    ASSERT_TRUE(subscribed("OrvoJSEvent:w1$"));
     EXPECT_EQ(run({"job", "progress", "w1", "40"}).exitCode, 0) << "a job named instead of numbered";
     EXPECT_EQ(run({"job", "progress", "w1", "100"}).exitCode, 0);
-    RunResult watched = watch.wait();
+    const RunResult watched = watch.result();
     EXPECT_EQ(watched.exitCode, 0) << watched.err;
     // How many updates it shows depends on when its first read lands; how it ends does not.
     const auto events = lines(watched.out);
     ASSERT_GE(events.size(), 1u) << watched.out;
-    for (const auto& line : events) EXPECT_EQ(at(parseLine(line), "name"), "w1") << line;
-    const JsonValue last = parseLine(events.back());
-    EXPECT_EQ(at(last, "event") + " " + at(last, "progress") + " " + at(last, "name") + " " +
-                  std::to_string(at(last, "time").size()),
-              "completed 100 w1 23");
+    EXPECT_EQ(member(events.back(), "event") + " " + member(events.back(), "progress"), "completed 100");
 
     ASSERT_EQ(run({"job", "create", "w2"}).exitCode, 0);
     KsctlRun cancelled(cmd({"job", "watch", "w2"}));
-    ASSERT_TRUE(waitUntil([&] {
-        return kstest::operatorQuery("pipe:" + ksd_.pipeName(), "subscriptions").find("OrvoJSEvent:w2$") !=
-               std::string::npos;
-    }));
+    ASSERT_TRUE(subscribed("OrvoJSEvent:w2$"));
     EXPECT_EQ(run({"job", "cancel", "w2"}).exitCode, 0);
-    EXPECT_EQ(cancelled.wait().exitCode, 4);
+    EXPECT_EQ(cancelled.result().exitCode, 4);
     expectOneErrorLine(run({"job", "progress", "w2", "50"}), "the job was cancelled");
     EXPECT_EQ(run({"job", "watch", "w2"}).exitCode, 4) << "already cancelled";
 
@@ -224,31 +176,14 @@ TEST_F(KsctlCli, JobsByNameWatchedToTheirEndWithMessagesThatSayWhy) {
     expectOneErrorLine(run({"job", "cancel", "nosuch"}), "no job has that name");
 }
 
-TEST_F(KsctlCli, ASubscriberHearsAPublicationMadeAfterKsdWasKilledAndRestarted) {
-    KsctlRun subscriber(cmd({"subscribe", "after-restart", "--count", "1"}));
-    ASSERT_TRUE(waitUntil([&] {
-        return kstest::operatorQuery("pipe:" + ksd_.pipeName(), "subscriptions").find("after-restart") !=
-               std::string::npos;
-    }));
-    ASSERT_TRUE(ksd_.restart(/*hard=*/true)) << ksd_.log();
-    EXPECT_EQ(run({"publish", "after-restart", "--text", "still here"}).out, "after-restart: queued for 1 subscriber\n");
-    RunResult got = subscriber.wait();
-    EXPECT_EQ(got.exitCode, 0) << got.err;
-    EXPECT_NE(got.out.find("still here"), std::string::npos) << got.out;
-}
-
 TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {
     ASSERT_EQ(run({"job", "create", "one"}).exitCode, 0);
-    RunResult status = runJson({"status"});
-    ASSERT_EQ(status.exitCode, 0) << status.err;
-    JsonValue s = parseLine(status.out);
-    for (const char* key : {"connections", "subscriptions", "queue_drops", "locks_held", "jobs"})
-        EXPECT_TRUE(s.find(key) && s.find(key)->asInt()) << key << " in " << status.out;
-    EXPECT_EQ(at(s, "jobs") + " " + at(s, "locks_held"), "1 0");
-    EXPECT_EQ(at(s, "connections"), "0") << "the asking client is not counted";
-    EXPECT_EQ(at(s, "version") + " " + at(s, "state_dir") + " " + at(s, "pipe"),
-              std::string(KS_VERSION) + " " + ksd_.stateDir() + " " + ksd_.pipeName());
-    EXPECT_EQ(at(s, "start_time").size(), 19u) << status.out;
+    const RunResult s = run({"status"}, true);
+    ASSERT_EQ(s.exitCode, 0) << s.err;
+    // The asking client is not among the connections.
+    EXPECT_EQ(member(s.out, "jobs") + " " + member(s.out, "locks_held") + " " + member(s.out, "connections") + " " +
+                  member(s.out, "version") + " " + member(s.out, "state_dir") + " " + member(s.out, "pipe"),
+              "1 0 0 " KS_VERSION " " + ksd_.stateDir() + " " + ksd_.pipeName());
     const std::string human = run({"status"}).out;  // name/value lines, not JSON
     EXPECT_TRUE(human.find("locks_held") != std::string::npos && human.find('{') == std::string::npos) << human;
 }
@@ -310,28 +245,132 @@ TEST_F(KsctlCli, JobWatchSaysKsdWentAwayAndGoesOnWhenItIsBack) {
     ASSERT_EQ(run({"job", "create", "across"}).exitCode, 0);
     KsctlRun watch(cmd({"job", "watch", "across"}, true));
     // Its first line comes after its first read: a daemon gone before that is a failed start, not a loss.
-    ASSERT_TRUE(watch.waitForOut("progress"));
+    ASSERT_TRUE(watch.waitFor("progress"));
     ASSERT_EQ(ksd_.stop(), 0);
-    ASSERT_TRUE(watch.waitForErr("lost ksd at pipe " + ksd_.pipeName()));
+    ASSERT_TRUE(watch.waitFor("lost ksd at pipe " + ksd_.pipeName(), true));
     ASSERT_TRUE(ksd_.start()) << ksd_.log();
-    ASSERT_TRUE(watch.waitForErr("is back"));
+    ASSERT_TRUE(watch.waitFor("is back", true));
     EXPECT_EQ(run({"job", "progress", "across", "100"}).exitCode, 0);
-    const RunResult watched = watch.wait();
+    const RunResult watched = watch.result();
     EXPECT_EQ(watched.exitCode, 0) << watched.err;
-    EXPECT_EQ(at(parseLine(lines(watched.out).back()), "event"), "completed") << watched.out;
+    EXPECT_EQ(member(lines(watched.out).back(), "event"), "completed") << watched.out;
 }
 
-TEST_F(KsctlCli, OverTcpSubscriptionsWorkAndRefusalsSayWhy) {
+TEST_F(KsctlCli, TheTcpPortOptionReachesKsdOverLoopback) {
     ksd_.stop();
-    ASSERT_TRUE(ksd_.start({"--tcp-port", "0", "--log-level", "error"}))
-        << ksd_.log();  // the ready line names the port
-    const std::string port = std::to_string(ksd_.tcpPort());
-    EXPECT_EQ(at(parseLine(runJson({"status"}).out), "tcp_port"), port);
-    KsctlRun subscriber({"--tcp-port", port, "subscribe", "over-tcp", "--count", "1"});
-    ASSERT_TRUE(waitUntil([&] { return run({"publish", "over-tcp"}).out == "over-tcp: queued for 1 subscriber\n"; }));
-    const RunResult got = subscriber.wait();
-    EXPECT_EQ(got.exitCode, 0) << got.err;
-    // Over loopback TCP the client is its socket's owner: it may change what it owns.
-    const RunResult created = runKsctl({"--tcp-port", port, "job", "create", "remote"});
+    ASSERT_TRUE(ksd_.start({"--tcp-port", "0", "--log-level", "error"})) << ksd_.log();  // the ready line names the port
+    const RunResult created = runKsctl({"--tcp-port", std::to_string(ksd_.tcpPort()), "job", "create", "remote"});
     EXPECT_EQ(created.exitCode, 0) << created.err;
+    EXPECT_EQ(run({"job", "lookup", "remote"}).out, created.out);
+}
+
+// ksctl events: the daemon's job, lock and task events as lines in the order they happened.
+TEST_F(KsctlCli, EventsOfEveryKindArriveAsJsonLinesInTheOrderTheyHappened) {
+    const RunResult scheduled = run({"task", "schedule", "later", "/bin/true", "--at", timeIn(3600)}, true);
+    ASSERT_EQ(scheduled.exitCode, 0) << scheduled.err;
+    const std::string handle = member(scheduled.out, "handle");
+
+    KsctlRun events(cmd({"events", "--count", "6"}, true));
+    ASSERT_TRUE(subscribed("OrvoTSEvent:*"));  // registered last
+    ASSERT_EQ(run({"job", "create", "backup"}).exitCode, 0);
+    ASSERT_EQ(run({"job", "progress", "backup", "100"}).exitCode, 0);
+    ASSERT_EQ(run({"lock", "disk0", "--", "true"}).exitCode, 0);
+    ASSERT_EQ(run({"task", "cancel", handle}).exitCode, 0);
+
+    const RunResult got = events.result();
+    EXPECT_EQ(std::to_string(got.exitCode) + got.err, "0");
+    std::vector<std::string> seen;
+    for (const auto& line : lines(got.out)) {
+        const std::string subject = member(line, "name") == "<missing>" ? member(line, "handle") : member(line, "name");
+        seen.push_back(member(line, "kind") + " " + subject + " " + member(line, "event") + " " + member(line, "code"));
+    }
+    EXPECT_EQ(seen,
+              (std::vector<std::string>{"job backup created 2", "job backup updated 3", "job backup completed 0",
+                                        "lock disk0 locked 1", "lock disk0 unlocked 0", "task " + handle + " exit -1"}))
+        << got.out;
+    EXPECT_EQ(operatorQuery(ksd_.connType(), "subscriptions"), "[]") << "unsubscribed at the end";
+}
+
+TEST_F(KsctlCli, AnEventsKindFilterShowsOnlyThatKind) {
+    KsctlRun locksOnly(cmd({"events", "--locks", "--count", "1"}));
+    ASSERT_TRUE(subscribed("OrvoRAEvent:*"));
+    EXPECT_EQ(operatorQuery(ksd_.connType(), "subscriptions").find("OrvoJSEvent"), std::string::npos);
+    ASSERT_EQ(run({"job", "create", "quiet"}).exitCode, 0);
+    ASSERT_EQ(run({"lock", "printer", "--", "true"}).exitCode, 0);
+    const RunResult got = locksOnly.result();
+    EXPECT_EQ(got.exitCode, 0) << got.err;
+    EXPECT_EQ(got.out.substr(23), " lock printer: locked (1)\n") << "the job's event came first, and is not shown";
+}
+
+// ksctl task: a program task and a blob task through every subcommand.
+TEST_F(KsctlCli, TaskSubcommandsOnAProgramAndABlobTask) {
+    const std::string at = timeIn(3600);
+    RunResult r =
+        run({"task", "schedule", "nightly", "/bin/echo", "--args", "a 'b c'", "--at", at, "--every", "daily"}, true);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const std::string handle = member(r.out, "handle");
+    r = run({"task", "list"}, true);
+    EXPECT_EQ(member(r.out, "handle") + "|" + member(r.out, "state") + "|" + member(r.out, "frequency") + "|" +
+                  member(r.out, "next_run") + "|" + member(r.out, "arguments") + "|" + member(r.out, "exit_code"),
+              handle + "|waiting|daily|" + at + "|a 'b c'|-61");
+    r = run({"task", "show", "nightly"}, true);
+    EXPECT_EQ(member(r.out, "handle") + "|" + member(r.out, "exit_code"), handle + "|null");
+    const std::string owner = std::to_string(::geteuid()) + " (" + ::getpwuid(::geteuid())->pw_name + ")";
+    EXPECT_NE(run({"task", "show", handle}).out.find(owner), std::string::npos) << "the owner's name beside the uid";
+    r = run({"task", "show", "nosuch"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.err, "ksctl: task nosuch: no task has that name (-2)\n");
+
+    kstest::ScopedTempDir dir;
+    std::ofstream(dir.path() + "/blob", std::ios::binary) << std::string("\x00\x01zz", 4);
+    r = run({"task", "blob-put", "stash", dir.path() + "/blob", "--at", timeIn(3600, true)});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const std::string blob = lines(r.out).at(0);
+    EXPECT_EQ(member(run({"task", "list", "--blobs"}, true).out, "length"), "4");
+    EXPECT_EQ(run({"task", "blob-get", "stash"}).out, std::string("\x00\x01zz", 4));
+    EXPECT_EQ(run({"task", "cancel", "stash"}).out, "task " + blob + " cancelled\n");
+    EXPECT_EQ(run({"task", "list", "--blobs"}).out, "no blob tasks\n");
+}
+
+TEST_F(KsctlCli, TaskPathsAreTheCallersDirectoryAndAFailedStartSaysWhy) {
+    kstest::ScopedTempDir dir;
+    std::ofstream(dir.path() + "/job.sh") << "#!/bin/sh\npwd\n";
+    std::filesystem::permissions(dir.path() + "/job.sh", std::filesystem::perms::owner_all);
+    std::filesystem::create_directory(dir.path() + "/work");
+    const std::string at = timeIn(2);
+    const auto here = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path());
+    const RunResult r = run({"task", "schedule", "rel", "./job.sh", "--dir", "work", "--log", "out.log", "--at", at});
+    const RunResult gone = run({"task", "schedule", "gone", "./missing", "--at", at});
+    std::filesystem::current_path(here);
+    ASSERT_EQ(r.exitCode + gone.exitCode, 0) << r.err << gone.err;
+    EXPECT_EQ(member(run({"task", "list"}, true).out, "program"), dir.path() + "/job.sh");
+    std::string ran;
+    EXPECT_TRUE(waitUntil([&] {
+        std::ifstream log(dir.path() + "/out.log");
+        return std::getline(log, ran).good();
+    })) << ksd_.log();
+    EXPECT_EQ(ran, dir.path() + "/work");
+    std::string why;
+    EXPECT_TRUE(waitUntil([&] { return (why = member(run({"task", "show", "gone"}, true).out, "last_failure")) != ""; }));
+    EXPECT_EQ(why, "exec: No such file or directory");
+}
+
+TEST_F(KsctlCli, ATaskListLargerThanOneReplyIsReadInPages) {
+    // The only test here that talks to ksd through the library in this process.
+    ::setenv("KSINTF_CONN_TYPE", ksd_.connType().c_str(), 1);
+    const std::time_t t = std::time(nullptr) + 3600;
+    std::tm w{};
+    localtime_r(&t, &w);
+    const std::string params(128 * 1024 - 8, 'p');
+    constexpr int kTasks = 130;  // 17 MB of parameters: more than one reply's 16 MiB
+    for (int i = 0; i < kTasks; ++i)
+        ASSERT_GT(OrvoTSScheduleTask(("big" + std::to_string(i)).c_str(), "/bin/true", "/", params.c_str(), cDaily,
+                                     w.tm_mon + 1, w.tm_mday, w.tm_year + 1900, w.tm_hour, w.tm_min, w.tm_sec, ""),
+                  0);
+    const RunResult r = run({"task", "list"}, true);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const auto listed = ksctl::parseJson(r.out);
+    ASSERT_TRUE(listed);
+    EXPECT_EQ(listed->items.size(), std::size_t{kTasks});
 }

@@ -2,15 +2,17 @@
 #define KSCTL_TEST_RUNNER_H
 
 // Runs the built ksctl as a user would: its own process, stdout and stderr captured, exit code
-// collected. A started run can be waited for later, so a test can keep `subscribe` running.
+// collected; and a real ksd for each test, on its own pipe and state directory, to point it at.
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "json.h"
 #include "ksd_process.h"
+#include "wait_until.h"
 
 namespace kstest {
 
@@ -20,42 +22,38 @@ struct RunResult {
     std::string err;
 };
 
-class KsctlRun {
+// ksctl running in the background: a test can keep `subscribe` running while it acts.
+class KsctlRun : public ChildProcess {
 public:
-    explicit KsctlRun(const std::vector<std::string>& args);
-    ~KsctlRun();
-    KsctlRun(const KsctlRun&) = delete;
-    KsctlRun& operator=(const KsctlRun&) = delete;
-
-    void signal(int sig) const;
-    // Reads both streams until stderr (or stdout) holds `fragment` (true), they end or 20 s pass.
-    bool waitForErr(const std::string& fragment) { return waitFor(fragment, &RunResult::err); }
-    bool waitForOut(const std::string& fragment) { return waitFor(fragment, &RunResult::out); }
+    explicit KsctlRun(const std::vector<std::string>& args) : ChildProcess(KSCTL_BINARY, args, {}, true) {}
     // Reads both streams to their end and reaps the process.
-    RunResult wait();
-
-private:
-    bool waitFor(const std::string& fragment, std::string RunResult::*stream);
-    // One poll of both streams (up to timeoutMs); false once both have ended.
-    bool pump(int timeoutMs);
-
-    pid_t pid_ = -1;
-    int outFd_ = -1;
-    int errFd_ = -1;
-    RunResult read_;
+    RunResult result() {
+        const int code = finish();
+        return {code, out(), err()};
+    }
 };
 
-// Runs ksctl to completion.
-RunResult runKsctl(const std::vector<std::string>& args);
+inline RunResult runKsctl(const std::vector<std::string>& args) { return KsctlRun(args).result(); }
 
 // The lines of `text` (without their newlines).
-std::vector<std::string> lines(const std::string& text);
+inline std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
 
 // A member of the JSON object `json` (or of its item `index` when it is an
 // array) as text: strings bare, other values as JSON; "<missing>" when absent.
-std::string member(const std::string& json, std::size_t index, const char* key);
+inline std::string member(const std::string& json, const char* key, std::size_t index = 0) {
+    const auto v = ksctl::parseJson(json);
+    if (!v) return "<not json: " + json + ">";
+    const ksctl::JsonValue* item =
+        v->kind == ksctl::JsonValue::Kind::Array ? (index < v->items.size() ? &v->items[index] : nullptr) : &*v;
+    const ksctl::JsonValue* m = item ? item->find(key) : nullptr;
+    return !m ? "<missing>" : m->kind == ksctl::JsonValue::Kind::String ? m->text : ksctl::toJson(*m);
+}
 
-// A real ksd for each test on its own pipe and state directory, and ksctl pointed at it.
 class KsctlTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(ksd_.start()) << ksd_.log(); }
@@ -66,6 +64,10 @@ protected:
     }
     RunResult run(std::vector<std::string> args, bool json = false) const {
         return runKsctl(cmd(std::move(args), json));
+    }
+    // True once ksd lists a subscription whose event holds `event`.
+    bool subscribed(const std::string& event) const {
+        return waitUntil([&] { return operatorQuery(ksd_.connType(), "subscriptions").find(event) != std::string::npos; });
     }
     KsdProcess ksd_;
 };

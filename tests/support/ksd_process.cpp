@@ -8,17 +8,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
-#include "fake_daemon.h"
 #include "wait_until.h"
 
 extern char** environ;
@@ -30,13 +28,6 @@ extern char** environ;
 namespace kstest {
 
 namespace {
-
-std::string makeTempRoot(const char* prefix) {
-    const char* base = std::getenv("TMPDIR");
-    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/" + prefix + "-XXXXXX";
-    if (::mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + tmpl);
-    return tmpl;
-}
 
 // True when something accepts on the daemon's address (abstract name or path).
 bool accepts(const std::string& pipe) { return WireClient().connect("pipe:" + pipe); }
@@ -65,15 +56,12 @@ std::string ksdProgram() { return testBinaryDir() + "/ksd/ksd"; }
 
 std::string clientHelperProgram() { return testBinaryDir() + "/tests/support/ks_client_helper"; }
 
-KsdProcess::KsdProcess() : root_(makeTempRoot("kstest-ksd")), pipe_(uniqueName("kstest-ksd")) {
-    stateDir_ = root_ + "/state";
-    logFile_ = root_ + "/ksd.log";
-}
+KsdProcess::KsdProcess()
+    : root_("kstest-ksd"), stateDir_(root_.path() + "/state"), logFile_(root_.path() + "/ksd.log"),
+      pipe_(uniqueName("kstest-ksd")) {}
 
 KsdProcess::~KsdProcess() {
     if (pid_ > 0) kill();
-    std::error_code ec;
-    std::filesystem::remove_all(root_, ec);
 }
 
 bool KsdProcess::start(const std::vector<std::string>& extraArgs) {
@@ -183,7 +171,7 @@ int KsdProcess::tcpPort() const {
 }
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
-                           const std::map<std::string, std::string>& env) {
+                           const std::map<std::string, std::string>& env, bool captureStderr) {
     // A write to a child that already ended must fail, not kill the test.
     ::signal(SIGPIPE, SIG_IGN);
     std::vector<std::string> argStrings = {program};
@@ -201,23 +189,21 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     for (const auto& [k, v] : merged) envStrings.push_back(k + "=" + v);
     auto envp = pointers(envStrings);
 
-    int inPipe[2], outPipe[2];
-    if (::pipe2(inPipe, O_CLOEXEC) != 0) return;
-    if (::pipe2(outPipe, O_CLOEXEC) != 0) {
-        ::close(inPipe[0]);
-        ::close(inPipe[1]);
-        return;
-    }
+    int inPipe[2], outPipe[2], errPipe[2] = {-1, -1};
+    if (::pipe2(inPipe, O_CLOEXEC) != 0 || ::pipe2(outPipe, O_CLOEXEC) != 0) return;
+    if (captureStderr && ::pipe2(errPipe, O_CLOEXEC) != 0) return;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, inPipe[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
+    if (captureStderr) posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
     const int rc = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    ::close(inPipe[0]);
-    ::close(outPipe[1]);
+    for (int end : {inPipe[0], outPipe[1], errPipe[1]})
+        if (end >= 0) ::close(end);
     in_ = inPipe[1];
     out_ = outPipe[0];
+    err_ = errPipe[0];
     if (rc != 0) pid_ = -1;
 }
 
@@ -227,41 +213,62 @@ ChildProcess::~ChildProcess() {
         ::kill(pid_, SIGKILL);
         wait();
     }
-    if (out_ >= 0) ::close(out_);
+    for (int fd : {out_, err_})
+        if (fd >= 0) ::close(fd);
 }
+
+bool ChildProcess::pump(int nTimeoutMs) {
+    if (out_ < 0 && err_ < 0) return false;
+    pollfd p[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};  // a negative descriptor is skipped
+    const int r = ::poll(p, 2, nTimeoutMs);
+    if (r <= 0) return r < 0 && errno == EINTR;
+    int* fds[2] = {&out_, &err_};
+    std::string* sinks[2] = {&buffer_, &errText_};
+    for (int i = 0; i < 2; ++i) {
+        if (p[i].revents == 0) continue;
+        char chunk[4096];
+        const ssize_t n = ::read(*fds[i], chunk, sizeof chunk);
+        if (n > 0) {
+            sinks[i]->append(chunk, static_cast<std::size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            ::close(*fds[i]);
+            *fds[i] = -1;
+        }
+    }
+    return true;
+}
+
+namespace {
+int msLeft(std::chrono::steady_clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    return static_cast<int>(std::max<std::int64_t>(0, left.count()));
+}
+}  // namespace
 
 bool ChildProcess::readLine(std::string& line, int nTimeoutMs) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
-    for (;;) {
-        const auto nl = buffer_.find('\n');
-        if (nl != std::string::npos) {
-            line = buffer_.substr(0, nl);
-            buffer_.erase(0, nl + 1);
-            return true;
-        }
-        if (out_ < 0) return false;
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        pollfd p{out_, POLLIN, 0};
-        const int r = ::poll(&p, 1, static_cast<int>(left.count()));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
-        char chunk[512];
-        const ssize_t n = ::read(out_, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        buffer_.append(chunk, static_cast<std::size_t>(n));
-    }
+    std::size_t nl;
+    while ((nl = buffer_.find('\n')) == std::string::npos)
+        if (msLeft(end) == 0 || !pump(msLeft(end))) return false;
+    line = buffer_.substr(0, nl);
+    buffer_.erase(0, nl + 1);
+    return true;
 }
 
 std::string ChildProcess::waitForLine(const std::string& prefix, int nTimeoutMs) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
     std::string line;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !readLine(line, static_cast<int>(left.count()))) return {};
+        if (msLeft(end) == 0 || !readLine(line, msLeft(end))) return {};
         if (line.rfind(prefix, 0) == 0) return line;
     }
+}
+
+bool ChildProcess::waitFor(const std::string& fragment, bool inStderr) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while ((inStderr ? errText_ : buffer_).find(fragment) == std::string::npos)
+        if (msLeft(end) == 0 || !pump(msLeft(end))) return false;
+    return true;
 }
 
 bool ChildProcess::writeLine(const std::string& line) {
@@ -284,6 +291,13 @@ void ChildProcess::closeStdin() {
 
 void ChildProcess::signal(int nSignal) {
     if (pid_ > 0) ::kill(pid_, nSignal);
+}
+
+int ChildProcess::finish() {
+    closeStdin();
+    while (pump(-1)) {
+    }
+    return wait();
 }
 
 int ChildProcess::wait() {

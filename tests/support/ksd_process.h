@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "fake_daemon.h"
+
 namespace kstest {
 
 // Directory of the build tree: $KS_TEST_BINARY_DIR, else the one this
@@ -64,7 +66,7 @@ public:
 private:
     int waitExit();
 
-    std::string root_;  // temporary directory holding state/ and ksd.log
+    ScopedTempDir root_;  // holds state/ and ksd.log
     std::string stateDir_;
     std::string logFile_;
     std::string pipe_;
@@ -73,13 +75,13 @@ private:
     pid_t pid_ = -1;
 };
 
-// A child process with its stdin and stdout on pipes, for ks_client_helper:
-// the test writes lines to it and reads the lines it prints.
+// A child process with its stdin and stdout (and, when asked, its stderr) on
+// pipes: the test writes lines to it and reads what it prints.
 class ChildProcess {
 public:
     // `env` entries override or add to this process's environment.
     ChildProcess(const std::string& program, const std::vector<std::string>& args,
-                 const std::map<std::string, std::string>& env = {});
+                 const std::map<std::string, std::string>& env = {}, bool captureStderr = false);
     ~ChildProcess();  // closes stdin, then kills and reaps a child still running
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -90,17 +92,29 @@ public:
     bool readLine(std::string& line, int nTimeoutMs = 20000);
     // Reads lines until one starts with `prefix`; returns it (empty on end or time-out).
     std::string waitForLine(const std::string& prefix, int nTimeoutMs = 20000);
+    // Reads until its stdout (or stderr) holds `fragment`; false on end or after 20 s.
+    bool waitFor(const std::string& fragment, bool inStderr = false);
     bool writeLine(const std::string& line);
     void closeStdin();
     void signal(int nSignal);
     // Waits for the exit: the exit status (128 + signal when killed by one).
     int wait();
+    // Closes stdin, reads its output to the end, then waits for the exit.
+    int finish();
+    // What it printed and readLine has not taken; what it printed on stderr.
+    const std::string& out() const { return buffer_; }
+    const std::string& err() const { return errText_; }
 
 private:
+    // One poll of the output pipes: false on time-out, or once both have ended.
+    bool pump(int nTimeoutMs);
+
     pid_t pid_ = -1;
     int in_ = -1;   // its stdin (our write end)
     int out_ = -1;  // its stdout (our read end)
+    int err_ = -1;  // its stderr when captured
     std::string buffer_;
+    std::string errText_;
     int status_ = -1;
 };
 
