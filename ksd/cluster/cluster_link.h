@@ -74,9 +74,9 @@ public:
     //
     // With `wholeBucket`, `last` is instead the bucket's last revision, whatever
     // the key: the write holds only if nothing at all was written since, and a
-    // refusal (Conflict) gives the bucket's last revision in `revision`. Only
-    // this form is safe when several nodes race on one key: a cluster may take
-    // two writes made at one key revision.
+    // refusal (Conflict) gives the bucket's last revision in `revision`.
+    // Either form holds when several nodes race on one key: one write only is
+    // ever taken at each revision.
     struct Write {
         std::string key, value;
         std::uint64_t last = 0;

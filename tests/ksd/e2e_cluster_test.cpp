@@ -3,6 +3,7 @@
 // subscribers want (restored subscriptions too), job events cross nodes,
 // and with NATS gone each node goes on serving its own host.
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <regex>
 #include <set>
@@ -184,6 +185,23 @@ TEST_F(ClusterEndToEnd, AUsersBudgetAndTheJobCountAreTheClustersWhateverTheNodeA
     });
     if (replies.empty()) GTEST_SKIP() << "needs root to act as another user";
     EXPECT_TRUE(std::regex_match(replies, std::regex("[1-9]\\d* [1-9]\\d* -122 0 [1-9]\\d*"))) << replies;
+    // Creates racing on two nodes never take a user past the budget (users of
+    // their own: each race has a fresh count).
+    for (uid_t uid = kstest::kOtherUid - 1; uid > kstest::kOtherUid - 21; --uid) {
+        const std::string made = kstest::runAs(uid, [&] {
+            std::atomic<int> jobs{0};
+            std::vector<std::thread> racers;
+            for (int i = 0; i < 12; ++i)
+                racers.emplace_back([&, i] {
+                    jobs +=
+                        std::atol(
+                            create(i % 2 ? d : e, "race-" + std::to_string(uid) + "-" + std::to_string(i)).c_str()) > 0;
+                });
+            for (std::thread& t : racers) t.join();
+            return std::to_string(jobs.load());
+        });
+        ASSERT_TRUE(made == "1" || made == "2") << made << " jobs made within a budget of 2";
+    }
 
     // Each job just made is counted at once by another node. A read NATS was
     // too slow to answer says -11, never a stale count: it is asked again.

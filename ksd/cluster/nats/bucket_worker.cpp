@@ -42,16 +42,25 @@ public:
         }
         return map(s, Result::Unreachable);
     }
+    // A deleted key is created over its deletion marker, at the marker's revision.
     Result create(const std::string& key, std::string_view value, std::uint64_t& revision) override {
-        if (!ready()) return Result::Unreachable;
-        return map(kvStore_Create(&revision, kv_, key.c_str(), value.data(), static_cast<int>(value.size())),
-                   Result::Exists);
+        std::uint64_t last = 0;
+        for (int round = 0; round < 2; ++round) {
+            const Result r = update(key, value, last, revision);
+            if (r != Result::Conflict && r != Result::Exists) return r;
+            std::string ignored;
+            std::uint64_t there = 0;
+            if (revision == 0 || get(key, ignored, there) != Result::NotFound) return Result::Exists;
+            last = revision;
+        }
+        return Result::Exists;
     }
     Result update(const std::string& key, std::string_view value, std::uint64_t last,
                   std::uint64_t& revision) override {
-        if (!ready()) return Result::Unreachable;
-        return map(kvStore_Update(&revision, kv_, key.c_str(), value.data(), static_cast<int>(value.size()), last),
-                   Result::Conflict);
+        std::vector<Write> w{{key, std::string(value), last}};
+        write(w);
+        revision = w[0].revision;
+        return w[0].result;
     }
     Result erase(const std::string& key) override {
         if (!ready()) return Result::Unreachable;
@@ -101,7 +110,15 @@ public:
             const std::string last = std::to_string(w.last);
             const char* expected =
                 w.wholeBucket ? "Nats-Expected-Last-Sequence" : "Nats-Expected-Last-Subject-Sequence";
+            // The stream checks a key's revision against what it has applied, not
+            // against writes still being replicated: two updates racing at one
+            // revision could both be taken. Named after that revision, the second
+            // is a duplicate the stream drops. (Revisions never repeat, but 0 does
+            // once a key is deleted; racing creates are refused without a name.)
+            const std::string id = w.key + "@" + last;
+            const bool named = !w.wholeBucket && w.last != 0;
             if (natsMsgHeader_Set(msg, expected, last.c_str()) == NATS_OK &&
+                (!named || natsMsgHeader_Set(msg, "Nats-Msg-Id", id.c_str()) == NATS_OK) &&
                 (!w.erase || natsMsgHeader_Set(msg, "KV-Operation", "DEL") == NATS_OK) &&
                 natsConnection_PublishMsg(nc_, msg) == NATS_OK)
                 ++waiting;
@@ -154,11 +171,21 @@ private:
         if (w != nullptr) kvWatcher_Destroy(w);
         return map(s, Result::Unreachable);
     }
-    // {"stream":..,"seq":N} or {"error":{..,"err_code":10071,"description":"wrong
-    // last sequence: N"}} for a revision that did not match (N: the one there
-    // is); no body at all when no server answered.
+    // {"stream":..,"seq":N}, {"stream":..,"seq":N,"duplicate": true} for a write
+    // named like one taken before, or {"error":{..,"err_code":10071,"description":
+    // "wrong last sequence: N"}} for a revision that did not match (N: the one
+    // there is); no body at all when no server answered.
     static Result acknowledged(std::string_view body, Result refused, std::uint64_t& revision) {
-        constexpr std::string_view kSeq = "\"seq\":", kThere = "wrong last sequence: ";
+        constexpr std::string_view kSeq = "\"seq\":", kThere = "wrong last sequence: ", kDuplicate = "\"duplicate\":";
+        if (const auto at = body.find(kDuplicate); at != std::string_view::npos) {
+            std::string_view flag = body.substr(at + kDuplicate.size());
+            flag.remove_prefix(std::min(flag.find_first_not_of(' '), flag.size()));
+            // Another node's write at the same revision came first.
+            if (flag.starts_with("true")) {
+                revision = 0;
+                return refused;
+            }
+        }
         if (body.find("\"error\"") != std::string_view::npos) {
             if (body.find("\"err_code\":10071") != std::string_view::npos) {
                 if (const auto at = body.find(kThere); at != std::string_view::npos)
