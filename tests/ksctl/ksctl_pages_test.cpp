@@ -45,10 +45,7 @@ namespace {
 class PagedDaemon {
 public:
     explicit PagedDaemon(std::map<std::string, std::string> pages) : pages_(std::move(pages)) {
-        daemon_.expect({.service = "KsdOperator",
-                        .request = "KSD_OP_QUERY",
-                        .fields = {kstest::Field::String()},
-                        .replyFn =
+        daemon_.expect({.fn =
                             [this](const kstest::Request& r) {
                                 const auto page = pages_.find(r.text(0));
                                 return kstest::Wire().addString(page == pages_.end() ? "[]" : page->second).bytes();

@@ -89,7 +89,7 @@ protected:
     }
 
     kstest::FakeDaemon m_daemon;
-    kstest::ScopedEnv m_env{"KSINTF_CONN_TYPE", "pipe:" + m_daemon.pipeName()};
+    kstest::ScopedEnv m_env{"KSINTF_CONN_TYPE", m_daemon.connType()};
     OrvoJavaNotificationCallbackContainer& m_container = OrvoJavaNotificationCallbackContainer::getInstance();
 };
 
@@ -153,10 +153,7 @@ TEST_F(JavaContainer, StopReleasesABlockedWaiterAndUnregistersOutsideTheLock) {
     // sees whether the container stays locked while it is being unregistered
     // (the woken waiter may take the lock for a moment: only a lock that stays
     // held counts).
-    kstest::Script unregister;
-    unregister.request = "TRVX_NN_UNREGISTER";
-    unregister.fields = {kstest::Field::String(), kstest::Field::Int()};
-    unregister.replyFn = [&](const kstest::Request&) {
+    m_daemon.expect({.fn = [&](const kstest::Request&) {
         bool bFree = false;
         for (int i = 0; i < 200 && !bFree; ++i) {
             bFree = m_container.mutex().tryLock();
@@ -167,15 +164,14 @@ TEST_F(JavaContainer, StopReleasesABlockedWaiterAndUnregistersOutsideTheLock) {
         }
         nLockedDuringUnregister = bFree ? 0 : 1;
         return kstest::Wire().addInt(0).bytes();
-    };
-    m_daemon.expect(unregister);
+    }});
     m_container.stopJavaWaitNotification(id);
     waiter.join();
     EXPECT_FALSE(result.get_future().get());
     EXPECT_EQ(0, nLockedDuringUnregister.load());
     EXPECT_TRUE(m_container.lookup(id) == OrvoJavaNotificationCallbackQueueSP());
-    ASSERT_TRUE(m_daemon.waitForRequests(1));
-    EXPECT_EQ("TRVX_NN_UNREGISTER", m_daemon.request(0).request);
+    EXPECT_TRUE(
+        m_daemon.requests().at(0).bytes.starts_with(kstest::requestWire("Notifier", "TRVX_NN_UNREGISTER").bytes()));
 }
 
 TEST_F(JavaContainer, ManyRegistrationsWaitAtOnceEachForItsOwn) {

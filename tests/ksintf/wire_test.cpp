@@ -51,31 +51,24 @@ extern "C" __attribute__((visibility("default"))) ssize_t getrandom(void* pBuf, 
 
 namespace {
 
-// "Service Request s:text n:number r:raw ..." as the daemon recorded it.
-std::string recorded(const Request& r) {
-    std::string s = r.service + " " + r.request;
-    for (const auto& v : r.values)
-        s += v.kind == Kind::String ? " s:" + v.text
-             : v.kind == Kind::Raw  ? " r:" + v.text
-             : v.kind == Kind::Int  ? " i:" + std::to_string(v.integer)
-                                    : " n:" + std::to_string(v.integer);
-    return s;
-}
-
-// The fields a record names: s: string, n: long, i: int, r: raw sized by the field before.
-Script scriptFor(const std::string& sRecord, std::string sReply) {
-    Script script{.service = sRecord.substr(0, sRecord.find(' ')), .reply = std::move(sReply)};
-    for (std::size_t i = 0; (i = sRecord.find(':', i + 1)) != std::string::npos;) {
-        const char k = sRecord[i - 1];
-        if (sRecord[i - 2] != ' ') continue;  // a colon inside a text
-        script.fields.push_back(k == 's'   ? Field::String()
-                                : k == 'n' ? Field::Long()
-                                : k == 'i' ? Field::Int()
-                                           : Field::RawFrom(static_cast<int>(script.fields.size()) - 1));
+// The bytes of the request a record names: "Service Request" and its fields,
+// s:string n:long i:int r:raw run (a field starts at a space, a letter and a colon).
+std::string wireOf(const std::string& sRecord) {
+    const std::size_t nName = sRecord.find(' ') + 1;
+    std::size_t nAt = sRecord.find(' ', nName);
+    Wire wire = requestWire(sRecord.substr(0, nName - 1), sRecord.substr(nName, nAt - nName));
+    while (nAt != std::string::npos) {
+        const char k = sRecord[nAt + 1];
+        std::size_t nEnd = nAt + 3;
+        while ((nEnd = sRecord.find(' ', nEnd)) != std::string::npos && sRecord.compare(nEnd + 2, 1, ":") != 0) ++nEnd;
+        const std::string sValue = sRecord.substr(nAt + 3, nEnd - nAt - 3);
+        k == 's'   ? wire.addString(sValue)
+        : k == 'n' ? wire.addLong(std::stoll(sValue))
+        : k == 'i' ? wire.addInt(std::stoi(sValue))
+                   : wire.addRaw(sValue);
+        nAt = nEnd;
     }
-    // The publishing connection is shared; every other call has one of its own.
-    script.closeAfterReply = sRecord.find("TRVX_NN_NOTIFY") == std::string::npos;
-    return script;
+    return wire.bytes();
 }
 
 // Deliveries to the C callbacks of every family, made on the sink's thread.
@@ -136,13 +129,8 @@ protected:
         KSIntfLibrary::deleteInstance();
         takeEvents(0);
     }
-    void expect(const std::string& sRecord, std::string sReply) {
-        m_daemon.expect(scriptFor(sRecord, std::move(sReply)));
-    }
-    Request last() {
-        EXPECT_TRUE(m_daemon.waitForRequests(m_daemon.requestCount()));
-        return m_daemon.request(m_daemon.requestCount() - 1);
-    }
+    void expect(std::string sReply) { m_daemon.expect({std::move(sReply)}); }
+    Request last() { return m_daemon.requests().back(); }
     FakeDaemon m_daemon;
     ScopedEnv m_env{"KSINTF_CONN_TYPE", m_daemon.connType()};
 };
@@ -198,17 +186,16 @@ TEST_F(WireTest, EachCallWritesItsFieldsAndNarrowsTheReply) {
          "Arbiter TRVX_RA_UNLOCK n:4294967301"},
     };
     for (const Case& c : cases) {
-        expect(c.sRecord, Wire().addLong(c.nReply));
+        expect(Wire().addLong(c.nReply));
         EXPECT_EQ(c.call(), c.nResult) << c.sRecord;
-        const Request r = last();
-        EXPECT_TRUE(r.complete && r.version == 1 && r.magic == 7777) << c.sRecord;
-        EXPECT_EQ(recorded(r), c.sRecord);
+        EXPECT_EQ(last().bytes, wireOf(c.sRecord)) << c.sRecord;
     }
-    EXPECT_EQ(m_daemon.request(1).connection, m_daemon.request(0).connection) << "publications share a connection";
+    EXPECT_EQ(m_daemon.requests()[1].connection, m_daemon.requests()[0].connection)
+        << "publications share a connection";
     EXPECT_TRUE(nCount == -77 && jobs[0].iJobID == 1 && jobs[1].iProgress == 4) << "out-parameters left alone";
     // The shared connection outlives a restart of the daemon.
     m_daemon.stop();
-    expect("Notifier TRVX_NN_NOTIFY s: s: s: n: r:", Wire().addLong(2));
+    expect(Wire().addLong(2));
     ASSERT_TRUE(m_daemon.start());
     EXPECT_EQ(OrvoNNNotify("after", &empty), 2);
 }
@@ -219,42 +206,30 @@ TEST_F(WireTest, FailedExchangesReturnMinusTheCode) {
     OrvoNNNotification plain{"<a/>", nullptr, 0, nullptr};
     char buffer[16] = "keep";
     int nSize = sizeof(buffer), nFrequency = 0;
-    struct Case {
-        std::string sRecord;
-        int nError;
-        long nCutReply;
-        int nCutFields;
-        std::function<long()> call;
-        long nResult;
+    // Each reply is the last thing the daemon sends: an error value, a reply cut short or nothing.
+    const std::string sLong = Wire().addLong(0).addString("2030"), sInt = Wire().addInt(0);
+    const auto error = [](int nCode) { return Wire().addError(nCode, "scripted").bytes(); };
+    const auto notify = [&] { return OrvoNNNotify("e", &plain); };
+    const auto subscribe = [] { return OrvoNNRegisterForNotification("e", onNotification, nullptr); };
+    const auto unsubscribe = [] { return OrvoNNUnregisterForNotification(4); };
+    const std::tuple<std::string, std::function<long()>, long> cases[] = {
+        {error(EACCES), notify, -EACCES},
+        {error(ENOSYS), subscribe, -ENOSYS},
+        {error(EPROTO), unsubscribe, -EPROTO},
+        {sLong.substr(0, 4), notify, -ECONNRESET},
+        {sInt.substr(0, 2), subscribe, -ECONNRESET},
+        {"", unsubscribe, -ECONNRESET},
+        {error(38), [] { return OrvoTSCancelTask(1); }, -38},
+        {sLong.substr(0, 12), [&] { return OrvoTSScheduledTaskGetNextTime(1, &nSize, buffer, &nFrequency); },
+         -ECONNRESET},
+        {error(13), [] { return OrvoJSECancelJob(1); }, -13},
+        {sLong.substr(0, 4), [] { return OrvoRAResourceLock("r", 0); }, -ECONNRESET},
     };
-    const Case cases[] = {
-        {"Notifier TRVX_NN_NOTIFY s: s: s: n: r:", EACCES, -1, -1, [&] { return OrvoNNNotify("e", &plain); }, -EACCES},
-        {"Notifier TRVX_NN_REGISTER s: s: i:", ENOSYS, -1, -1,
-         [] { return OrvoNNRegisterForNotification("e", onNotification, nullptr); }, -ENOSYS},
-        {"Notifier TRVX_NN_UNREGISTER s: i:", EPROTO, -1, -1, [] { return OrvoNNUnregisterForNotification(4); },
-         -EPROTO},
-        {"Notifier TRVX_NN_NOTIFY s: s: s: n: r:", 0, 4, -1, [&] { return OrvoNNNotify("e", &plain); }, -ECONNRESET},
-        {"Notifier TRVX_NN_REGISTER s: s: i:", 0, 2, -1,
-         [] { return OrvoNNRegisterForNotification("e", onNotification, nullptr); }, -ECONNRESET},
-        {"Notifier TRVX_NN_UNREGISTER s: i:", 0, -1, 2, [] { return OrvoNNUnregisterForNotification(4); }, -ECONNRESET},
-        {"Scheduler TRVX_TS_CANCEL n:", 38, -1, -1, [] { return OrvoTSCancelTask(1); }, -38},
-        {"Scheduler TRVX_TS_GET_NEXT_TIME n:", 0, 12, -1,
-         [&] { return OrvoTSScheduledTaskGetNextTime(1, &nSize, buffer, &nFrequency); }, -ECONNRESET},
-        {"JobStatus TRVX_JS_CANCEL n:", 13, -1, -1, [] { return OrvoJSECancelJob(1); }, -13},
-        {"Arbiter TRVX_RA_LOCK s: n:", 0, 4, -1, [] { return OrvoRAResourceLock("r", 0); }, -ECONNRESET},
-    };
-    for (const Case& c : cases) {
-        // A reply of the right shape, cut short where the case says.
-        const bool bInt = c.sRecord.find("REGISTER") != std::string::npos;
-        Script script = scriptFor(c.sRecord, c.nError ? ""
-                                             : bInt   ? Wire().addInt(0).bytes()
-                                                      : Wire().addLong(0).addString("2030").bytes());
-        std::tie(script.errorCode, script.closeAfterReplyBytes, script.closeAfterFields) =
-            std::tuple(c.nError, c.nCutReply, c.nCutFields);
-        m_daemon.expect(script);
+    for (const auto& [sReply, call, nResult] : cases) {
+        m_daemon.expect({sReply, false, true});
         // The daemon closes after an error value; a request must not race that close.
         KSIntfLibrary::deleteSharedLibraryConnection();
-        EXPECT_EQ(c.call(), c.nResult) << c.sRecord;
+        EXPECT_EQ(call(), nResult) << testing::PrintToString(sReply);
     }
     // Every name the sink may try is taken: registering fails at once with the
     // bind error, before any request goes out (a hang shows as the test's time-out).
@@ -264,12 +239,12 @@ TEST_F(WireTest, FailedExchangesReturnMinusTheCode) {
         OrvoNet::pipeAddress("ksintf-cb-" + std::to_string(getpid()) + "-" + std::string(16, '0'), &squat);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&squat), nLen), 0);
-    const std::size_t nRequests = m_daemon.requestCount();
+    const std::size_t nRequests = m_daemon.requests().size();
     g_bZeroRandom = true;
     EXPECT_EQ(OrvoNNRegisterForNotification("e", onNotification, nullptr), -EADDRINUSE);
     g_bZeroRandom = false;
     close(fd);
-    EXPECT_EQ(m_daemon.requestCount(), nRequests);
+    EXPECT_EQ(m_daemon.requests().size(), nRequests);
     m_daemon.stop();
     const std::function<long()> down[] = {[&] { return OrvoNNNotify("e", &plain); },
                                           [] { return OrvoNNUnregisterForNotification(1); },
@@ -288,26 +263,23 @@ TEST_F(WireTest, FailedExchangesReturnMinusTheCode) {
 // After an error value the next publication opens a fresh connection and
 // succeeds at once, even while the daemon still holds the old one open.
 TEST_F(WireTest, AnErrorValueLetsTheNextRequestSucceedAtOnce) {
-    Script refused = scriptFor("Notifier TRVX_NN_NOTIFY s: s: s: n: r:", Wire().addError(EACCES, "not yours"));
-    refused.trailer = false;
-    m_daemon.expect(refused);
-    expect("Notifier TRVX_NN_NOTIFY s: s: s: n: r:", Wire().addLong(3));
+    m_daemon.expect({Wire().addError(EACCES, "not yours"), false});
+    expect(Wire().addLong(3));
     OrvoNNNotification plain{"<a/>", nullptr, 0, nullptr};
     EXPECT_EQ(OrvoNNNotify("first", &plain), -EACCES);
     EXPECT_EQ(OrvoNNNotify("second", &plain), 3);
-    ASSERT_EQ(m_daemon.requestCount(), 2u);
-    EXPECT_NE(m_daemon.request(1).connection, m_daemon.request(0).connection);
+    const std::vector<Request> requests = m_daemon.requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_NE(requests[1].connection, requests[0].connection);
 }
 
 // A reply later than KSINTF_REPLY_TIMEOUT_MS is not waited for, though it would come.
 TEST_F(WireTest, AReplyPastTheConfiguredBoundIsNotWaitedFor) {
     ScopedEnv bound("KSINTF_REPLY_TIMEOUT_MS", "100");
-    Script late = scriptFor("JobStatus TRVX_JS_LOOKUP s:", "");
-    late.replyFn = [](const Request&) {
-        std::this_thread::sleep_for(std::chrono::seconds(2));
+    m_daemon.expect({.fn = [](const Request&) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
         return Wire().addLong(7).bytes();
-    };
-    m_daemon.expect(late);
+    }});
     EXPECT_EQ(OrvoJSELookupJob("late"), -ETIMEDOUT);
 }
 
@@ -371,14 +343,14 @@ TEST_F(WireTest, BadArgumentsNeverReachTheDaemon) {
     EXPECT_EQ(m_daemon.connectionCount(), 0);
     // Valid dates do go out: 29 February of a leap year, and today at an hour already past.
     for (const auto& [nMonth, nDay, nYear] : {std::tuple{2, 29, nLeap}, {t.tm_mon + 1, t.tm_mday, t.tm_year + 1900}}) {
-        expect("Scheduler TRVX_TS_SCHEDULE s: s: s: s: n: n: n: n: n: n: n: s:", Wire().addLong(5));
+        expect(Wire().addLong(5));
         EXPECT_EQ(scheduleOn(nMonth, nDay, nYear, 0, 0, 0), 5);
     }
-    expect("Notifier TRVX_NN_REGISTER s: s: i:", Wire().addInt(-6));
+    expect(Wire().addInt(-6));
     EXPECT_EQ(_OrvoNNRegisterForNotification("OrvoJSEvent:job$", onNotification, nullptr), -6)
         << "the internal entry point takes reserved names to the daemon";
     EXPECT_EQ(last().text(0), "OrvoJSEvent:job$");
-    expect("Notifier TRVX_NN_NOTIFY s: s: s: n: r:", Wire().addLong(1));
+    expect(Wire().addLong(1));
     long rc = 0;  // the publication lock was given back after the throw
     std::thread([&] {
         OrvoNNNotification p{"", nullptr, 0, nullptr};
@@ -425,11 +397,11 @@ TEST_F(WireTest, TextAndBlobRepliesFollowTheBufferProtocol) {
                            {&R, retrieved, 5, -12, 6},
                            {&R, status, 3, 7, 3},
                            {&R, retrieved, 6, 0, 6}}) {
-        expect(st.t->sRecord, st.sReply);
+        expect(st.sReply);
         int nSize = st.nCapacity;
         EXPECT_EQ(st.t->call(&nSize), st.nResult) << st.t->sRecord << " " << st.nCapacity;
         EXPECT_EQ(nSize, st.nSizeAfter) << st.t->sRecord << " " << st.nCapacity;
-        EXPECT_EQ(recorded(last()), st.t->sRecord);
+        EXPECT_EQ(last().bytes, wireOf(st.t->sRecord)) << st.t->sRecord;
     }
     for (const auto& buffer : {exec, blobs})
         EXPECT_EQ(std::string(buffer.data(), nList + 5), sList + std::string(4, '\0') + "x");
@@ -439,13 +411,13 @@ TEST_F(WireTest, TextAndBlobRepliesFollowTheBufferProtocol) {
     // Execution information: too small gives -1 and the length of what the buffer held.
     char text[32] = "old";
     int nSize = nWhen;
-    expect("Scheduler TRVX_TS_EXECUTION_INFO n: n:", Wire().addString(sWhen).addLong(0));
+    expect(Wire().addString(sWhen).addLong(0));
     EXPECT_EQ(OrvoTSExecutionInformation(9, text, &nSize), -1);
     EXPECT_EQ(std::string(text) + " " + std::to_string(nSize), "old 3");
     nSize = sizeof(text);
-    expect("Scheduler TRVX_TS_EXECUTION_INFO n: n:", Wire().addString(sWhen).addLong(0x100000003LL));
+    expect(Wire().addString(sWhen).addLong(0x100000003LL));
     EXPECT_EQ(OrvoTSExecutionInformation(9, text, &nSize), 3);
-    EXPECT_EQ(recorded(last()), "Scheduler TRVX_TS_EXECUTION_INFO n:9 n:32");
+    EXPECT_EQ(last().bytes, wireOf("Scheduler TRVX_TS_EXECUTION_INFO n:9 n:32"));
     EXPECT_EQ(std::string(text) + " " + std::to_string(nSize), sWhen + " " + std::to_string(nWhen));
 }
 
@@ -454,7 +426,7 @@ TEST_F(WireTest, TextAndBlobRepliesFollowTheBufferProtocol) {
 // unregistration keeps the function alive, an accepted one drops it.
 TEST_F(WireTest, RegistrationsDeliverPushedEventsAndUnregistrationsPassStatusesThrough) {
     const auto registerAndPush = [&](const std::function<int()>& call, std::int32_t nStatus, const std::string& sPush) {
-        expect("Notifier TRVX_NN_REGISTER s: s: i:", Wire().addInt(nStatus));
+        expect(Wire().addInt(nStatus));
         const int h = call();
         const Request r = last();
         WireClient sink;
@@ -462,7 +434,7 @@ TEST_F(WireTest, RegistrationsDeliverPushedEventsAndUnregistrationsPassStatusesT
         return std::pair(h, r.text(0));
     };
     const auto unregister = [&](const std::function<int()>& call, std::int32_t nStatus) {
-        expect("Notifier TRVX_NN_UNREGISTER s: i:", Wire().addInt(nStatus));
+        expect(Wire().addInt(nStatus));
         return call() == nStatus;
     };
     int context = 0;
@@ -485,9 +457,9 @@ TEST_F(WireTest, RegistrationsDeliverPushedEventsAndUnregistrationsPassStatusesT
     EXPECT_EQ(sL, "OrvoRAEvent:printer$");
     EXPECT_EQ(takeEvents(1), Events{"L:printer -1"});
     // A task must be alive to be watched; the state query comes first.
-    expect("Scheduler TRVX_TS_TASK_STATE n:", Wire().addLong(cExit));
+    expect(Wire().addLong(cExit));
     EXPECT_EQ(OrvoTSRegisterForNotification(7, onTask), -9);
-    expect("Scheduler TRVX_TS_TASK_STATE n:", Wire().addLong(cWaiting));
+    expect(Wire().addLong(cWaiting));
     auto [hT, sT] = registerAndPush([] { return OrvoTSRegisterForNotification(7, onTask); }, 0,
                                     notification("OrvoTSEvent:7$", "7", codeBytes<std::int32_t>(cCompleted), 4));
     EXPECT_EQ(sT, "OrvoTSEvent:7$");

@@ -1,27 +1,21 @@
-// A daemon that misbehaves on purpose, for wire-level tests of the client
-// side: it listens on a unique abstract name, records
-// every request and byte, and answers each request from the first queued
-// Script whose service/request match (empty matches any; used once unless
-// `persistent`). A script names the fields after the header (RawFrom(i): a
-// raw run as long as field i says) and the reply bytes (built with Wire), or
-// cuts the exchange: `errorCode` sends an error value and closes,
-// `closeAfterFields` / `closeAfterReplyBytes` close part way, `trailer` false
-// leaves the trailer out. A request no script matches gets an error value and
-// its connection closed, as the daemon does. WireClient talks to a daemon or
-// pushes to a sink by hand.
+// Helpers of wire-level tests (environment, temporary directories, encoded
+// bytes, a hand-driven client) and a daemon that misbehaves on purpose: it
+// answers each request with the next reply of a queue, which may be cut
+// short, an error value or held back, and records what it read.
 #ifndef KSTEST_FAKE_DAEMON_H
 #define KSTEST_FAKE_DAEMON_H
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -84,63 +78,6 @@ Wire requestWire(std::string_view sService, std::string_view sRequest);
 // The bytes of one push frame: tagged int id, tagged int length, payload.
 std::string encodeFrame(std::int32_t nId, std::string_view sPayload);
 
-enum class Kind { Short, Int, Long, Bool, String, Raw };
-
-// The kind of one request field the daemon expects after the header.
-struct Field {
-    Kind kind = Kind::Int;
-    long nRawLength = 0;      // Raw: fixed byte count (when nLengthFrom < 0)
-    int nLengthFrom = -1;     // Raw: index of an earlier field whose integer value is the count
-
-    static Field Short() { return {Kind::Short}; }
-    static Field Int() { return {Kind::Int}; }
-    static Field Long() { return {Kind::Long}; }
-    static Field Bool() { return {Kind::Bool}; }
-    static Field String() { return {Kind::String}; }
-    static Field Raw(long n) { return {Kind::Raw, n, -1}; }
-    static Field RawFrom(int nFieldIndex) { return {Kind::Raw, 0, nFieldIndex}; }
-};
-
-// One received field. `integer` holds short/int/long/bool values; `text`
-// holds a string's bytes or a raw run's bytes.
-struct Value {
-    Kind kind = Kind::Int;
-    std::int64_t integer = 0;
-    std::string text;
-};
-
-// One request as the daemon received it.
-struct Request {
-    int connection = 0;          // serial of the connection it came on, from 1
-    std::int16_t version = 0;
-    std::int16_t magic = 0;
-    std::string service;
-    std::string request;
-    std::vector<Value> values;   // the fields after the header, in order (raw runs included)
-    bool complete = false;       // every scripted field arrived
-    std::string problem;         // empty, or why the daemon refused it
-
-    std::int64_t integer(std::size_t i) const { return values.at(i).integer; }
-    const std::string& text(std::size_t i) const { return values.at(i).text; }
-};
-
-struct Script {
-    std::string service{};       // empty: any
-    std::string request{};       // empty: any
-    std::vector<Field> fields{};
-    std::string reply{};         // encoded reply values
-    // When set, computes the reply (after the fields are read) instead of `reply`.
-    // It runs on the connection's thread and may block (to hold a reply back).
-    std::function<std::string(const Request&)> replyFn{};
-    bool trailer = true;
-    std::int32_t errorCode = 0;  // != 0: error value instead of the reply, then close
-    std::string errorMessage = "scripted error";
-    int closeAfterFields = -1;
-    long closeAfterReplyBytes = -1;
-    bool closeAfterReply = false;
-    bool persistent = false;     // stays queued for every matching request
-};
-
 // A connection to a pipe or TCP address, for pushing frames or talking to a daemon by hand.
 class WireClient {
 public:
@@ -155,7 +92,10 @@ public:
     bool isOpen() const { return m_fd >= 0; }
     int fd() const { return m_fd; }
     // Takes over a connected descriptor, e.g. one a test's own listener accepted.
-    void adopt(int fd) { close(); m_fd = fd; }
+    void adopt(int fd) {
+        close();
+        m_fd = fd;
+    }
     bool send(std::string_view sBytes);
     bool push(std::int32_t nId, std::string_view sPayload) { return send(encodeFrame(nId, sPayload)); }
     // Reads one typed value (waits up to nTimeoutMs); false on timeout, end or a bad value.
@@ -178,10 +118,31 @@ private:
 // on a connection of its own: the JSON answer, or empty when none came.
 std::string operatorQuery(const std::string& sAddress, std::string_view sWhat);
 
+// One request as the fake daemon read it: the bytes of one write of the
+// client, which sends each request whole, on its `connection`th connection.
+struct Request {
+    int connection = 0;
+    std::string bytes;
+    // The value at index i after the header (raw runs do not decode).
+    OrvoNet::Codec::Value value(std::size_t i) const;
+    std::string text(std::size_t i) const { return value(i).text; }
+    std::int64_t integer(std::size_t i) const { return value(i).integer; }
+};
+
+// The fake daemon's answer to one request.
+struct Reply {
+    std::string values{};                             // the reply's encoded values
+    bool trailer = true;                              // follows the values
+    bool close = false;                               // then stop writing, and read on until the client closes
+    std::function<std::string(const Request&)> fn{};  // when set, computes `values`; may block
+    bool persistent = false;                          // answers every request from then on
+};
+
+// Listens on a unique abstract name; a request with no reply queued gets an error value and a close.
 class FakeDaemon {
 public:
-    FakeDaemon();
-    ~FakeDaemon();
+    FakeDaemon() = default;
+    ~FakeDaemon() { stop(); }
     FakeDaemon(const FakeDaemon&) = delete;
     FakeDaemon& operator=(const FakeDaemon&) = delete;
 
@@ -189,49 +150,32 @@ public:
     bool start();
     // Closes the listener and every connection and joins all threads.
     void stop();
-    bool isRunning() const;
-
-    // Queues a script (may be called while running).
-    void expect(Script script);
-
+    void expect(Reply reply);
     // "pipe:<name>": the KSINTF_CONN_TYPE value that points here.
     std::string connType() const { return "pipe:" + m_sName; }
-    const std::string& pipeName() const { return m_sName; }
 
-    // Requests received so far (including refused ones), in arrival order.
     std::vector<Request> requests() const;
-    Request request(std::size_t i) const;
-    std::size_t requestCount() const;
     // Waits (bounded) until at least n requests are recorded; true if they are.
-    bool waitForRequests(std::size_t n, int nTimeoutMs = 5000) const;
-
-    // Connections accepted so far, and the bytes received on connection c (from 1).
+    bool waitForRequests(std::size_t n) const;
     int connectionCount() const;
-    std::string connectionBytes(int nConnection) const;
     // Waits (bounded) until the client has closed n connections.
-    bool waitForClientClosed(int n, int nTimeoutMs = 5000) const;
+    bool waitForClientClosed(int n) const;
 
 private:
-    struct Conn;
-    void acceptLoop();
-    void serve(std::shared_ptr<Conn> conn);
-    bool serveOne(Conn& conn);
-    std::optional<Script> takeScript(const std::string& sService, const std::string& sRequest);
-    std::size_t record(Request r);
+    void serve(int fd, int nConnection);
+    Reply next(Request r);
 
-    std::string m_sName;
+    const std::string m_sName = uniqueName("kstest");
     int m_listenFd = -1;
-    int m_wakeFd = -1;
     std::thread m_acceptor;
-    std::atomic<bool> m_bStopping{false};
-
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
-    std::list<Script> m_scripts;
+    std::deque<Reply> m_replies;
     std::vector<Request> m_requests;
-    std::vector<std::shared_ptr<Conn>> m_conns;
+    std::set<int> m_fds;  // connections still open
     std::list<std::thread> m_threads;
-    int m_nClientClosed = 0;
+    int m_nConnections = 0, m_nClientClosed = 0;
+    bool m_bStopping = false;
 };
 
 }  // namespace kstest
