@@ -1,21 +1,17 @@
 // What one client or user can make a running ksd hold, tried as the attacker
-// would: real sockets, a second uid, ksd's resident memory read from /proc.
+// would: real sockets and a second uid.
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "fake_daemon.h"
 #include "ksd_process.h"
 #include "other_user.h"
 #include "wait_until.h"
@@ -27,10 +23,6 @@ using kstest::OtherUser;
 using kstest::WireClient;
 
 constexpr std::size_t kMiB = 1024 * 1024;
-
-std::size_t residentBytes(const KsdProcess& ksd) {
-    return static_cast<std::size_t>(std::max(0L, kstest::residentKiB(ksd.pid()))) * 1024;
-}
 
 using kstest::requestWire;
 
@@ -71,8 +63,7 @@ std::size_t pushUntilBlocked(std::vector<std::shared_ptr<WireClient>>& clients, 
 TEST(Bounds, UnfinishedRequestsOfOneUserAreNotBufferedAndOthersAreStillServed) {
     KsdProcess ksd;
     ASSERT_TRUE(ksd.start());
-    const std::string address = "pipe:" + ksd.pipeName();
-    const std::size_t before = residentBytes(ksd);
+    const std::string address = ksd.connType();
     auto attacker = OtherUser::start([&](OtherUser::Keep& keep) {
         // 16 notifications announcing 60 MiB each, none ever finished.
         std::vector<std::shared_ptr<WireClient>> clients;
@@ -90,15 +81,9 @@ TEST(Bounds, UnfinishedRequestsOfOneUserAreNotBufferedAndOthersAreStillServed) {
         return std::to_string(pushUntilBlocked(clients, head, std::string(60 * kMiB, '\0')));
     });
     if (!attacker) GTEST_SKIP() << "needs root to run a second user";
-    const std::size_t pushed = std::stoul("0" + attacker->result());
-    const std::size_t during = residentBytes(ksd);
-    std::cout << "ksd resident: " << before / kMiB << " MiB before the flood, " << during / kMiB << " MiB during it ("
-              << pushed / kMiB << " MiB pushed)\n";
     // The user's 64 MiB budget, a read of 64 KiB per connection, and what the
     // kernel's socket buffers hold; unbounded, all 960 MiB would go in.
-    EXPECT_LT(pushed, 96 * kMiB) << "the daemon stopped reading the flood";
-    // Loose: an allocator may keep freed buffers (AddressSanitizer's quarantine does).
-    EXPECT_LT(during, before + 512 * kMiB) << "held " << (during - before) / kMiB << " MiB for one user";
+    EXPECT_LT(std::stoul("0" + attacker->result()), 96 * kMiB) << "the daemon stopped reading the flood";
 
     auto bystander = OtherUser::start(
         [&](OtherUser::Keep&) { return kstest::operatorQuery(address, "status").empty() ? "silent" : "served"; },
@@ -111,9 +96,8 @@ TEST(Bounds, UnfinishedRequestsOfOneUserAreNotBufferedAndOthersAreStillServed) {
 
 TEST(Bounds, AClientThatPipelinesAndNeverReadsIsNotBufferedAndIsClosedAtTheRequestLimit) {
     KsdProcess ksd;
-    ASSERT_TRUE(ksd.start({"--request-timeout", "1000", "--log-level", "warning"}));
-    const std::string address = "pipe:" + ksd.pipeName();
-    const std::size_t before = residentBytes(ksd);
+    ASSERT_TRUE(ksd.start({"--request-timeout", "1000"}));
+    const std::string address = ksd.connType();
 
     std::string many;
     for (int i = 0; i < 20000; ++i) many += statusQuery();
@@ -122,12 +106,9 @@ TEST(Bounds, AClientThatPipelinesAndNeverReadsIsNotBufferedAndIsClosedAtTheReque
     std::vector<std::shared_ptr<WireClient>> one{greedy};
     const std::size_t pushed = pushUntilBlocked(one, many.substr(0, 1), std::string_view(many).substr(1));
     EXPECT_LT(pushed, many.size() - 1) << "the daemon stopped reading ahead";
-    EXPECT_LT(residentBytes(ksd), before + 16 * kMiB);
-    EXPECT_FALSE(kstest::operatorQuery(address, "status").empty()) << "others are served meanwhile";
-
-    EXPECT_TRUE(kstest::waitUntil([&] { return ksd.log().find("reply not taken in time, closed") != std::string::npos; },
-                                  std::chrono::seconds(30)))
-        << ksd.log();
+    // Others are served meanwhile, and the greedy client is closed once its replies wait too long.
+    const auto connections = [&] { return kstest::operatorQuery(address, "status").find("\"connections\":0"); };
+    EXPECT_TRUE(kstest::waitUntil([&] { return connections() != std::string::npos; }, std::chrono::seconds(30)));
     EXPECT_TRUE(greedy->waitPeerClosed(10000));
 }
 

@@ -1,6 +1,7 @@
-// ksd as a service manager and an operator see it: log levels by name, the
-// state directory systemd hands over, readiness and stop notifications, the
-// stop line, and the version both programs print.
+// ksd as a service manager and an operator see it: its state directory and
+// addresses, log levels by name, the state directory systemd hands over,
+// readiness and stop notifications, signals, start-up errors, and the version
+// both programs print.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -17,10 +18,12 @@
 #include <tuple>
 
 #include "OrvoLogging.h"
-#include "fake_daemon.h"
+#include "daemon_thread.h"
 #include "ksd_process.h"
 #include "log_setup.h"
 #include "service_manager.h"
+#include "store/store_error.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -42,17 +45,40 @@ TEST(ServiceSetup, LevelNamesAreThresholdsLabelsAndJournalPriorities) {
     }
 }
 
-TEST(ServiceSetup, StateDirectoryComesFromTheFirstAbsoluteManagerEntry) {
+bool serves(const std::string& address) { return !kstest::operatorQuery(address, "status").empty(); }
+
+TEST(ServiceSetup, TakesItsStateDirectoryAndAddressesAndLeavesOthersAlone) {
+    kstest::ScopedTempDir tmp("kstest-daemon");
+    const fs::path state = fs::path(tmp.path()) / "deep" / "state";
+    ksd::DaemonOptions o{kstest::uniqueName("kstest-daemon"), -1, state, {}, {}, {}};
     {
-        kstest::ScopedEnv env("STATE_DIRECTORY", "/var/lib/ksd:/var/lib/other");
-        EXPECT_EQ(ksd::managerStateDirectory(), fs::path("/var/lib/ksd"));
+        ksd::DaemonThread daemon(o);
+        EXPECT_EQ(fs::status(state).permissions() & fs::perms::all, fs::perms::owner_all);
+        EXPECT_TRUE(serves("pipe:" + o.pipe));
+        ksd::DaemonOptions other = o;
+        other.pipe = tmp.path() + "/other.sock";
+        EXPECT_THROW(ksd::Daemon second(other), ksd::store::StoreError) << "the state directory is taken";
     }
+    // A socket file nobody accepts on, as a killed daemon leaves behind, is replaced.
+    o.pipe = tmp.path() + "/ksd.sock";
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::snprintf(a.sun_path, sizeof a.sun_path, "%s", o.pipe.c_str());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ::close(fd);
     {
-        kstest::ScopedEnv env("STATE_DIRECTORY", "relative/ksd");
-        EXPECT_FALSE(ksd::managerStateDirectory().has_value());
+        ksd::DaemonThread daemon(o);
+        EXPECT_EQ(fs::status(o.pipe).permissions() & fs::perms::all, fs::perms(0666)) << "every local user may connect";
+        EXPECT_TRUE(serves("pipe:" + o.pipe));
+        o.stateDir = tmp.path() + "/other-state";
+        EXPECT_THROW(ksd::Daemon second(o), std::system_error) << "a live socket is kept";
     }
-    ::unsetenv("STATE_DIRECTORY");
-    EXPECT_FALSE(ksd::managerStateDirectory().has_value());
+    EXPECT_FALSE(fs::exists(o.pipe)) << "removed at stop";
+    o.pipe = tmp.path() + "/plain";
+    std::ofstream(o.pipe) << "not a socket";
+    EXPECT_THROW(ksd::Daemon onFile(o), std::system_error);
+    EXPECT_TRUE(fs::exists(o.pipe)) << "never removes what is not a socket";
 }
 
 // A datagram socket standing in for systemd's notification socket.
@@ -105,8 +131,10 @@ TEST(ServiceSetup, UnderAServiceManagerKsdUsesItsStateDirectoryAndReportsReadyAn
     const std::string log = tmp.path() + "/ksd.log";
     const std::string pipe = kstest::uniqueName("kstest-unit");
 
+    // Of the manager's colon-separated directories, the first is the daemon's.
+    const std::string dirs = state + ":" + tmp.path() + "/second";
     kstest::ChildProcess ksd(kstest::ksdProgram(), {"--foreground", "--pipe", pipe, "--log-level", "error"},
-                             {{"STATE_DIRECTORY", state}, {"NOTIFY_SOCKET", notify.path()}, {"OSUPT_LOG_FILE", log}});
+                             {{"STATE_DIRECTORY", dirs}, {"NOTIFY_SOCKET", notify.path()}, {"OSUPT_LOG_FILE", log}});
     ASSERT_TRUE(ksd.started());
     ASSERT_EQ(notify.next(), "READY=1");
     EXPECT_TRUE(fs::exists(state + "/ksd.db")) << "the state directory systemd made is used";
@@ -119,6 +147,26 @@ TEST(ServiceSetup, UnderAServiceManagerKsdUsesItsStateDirectoryAndReportsReadyAn
     EXPECT_NE(records.find("ksd: ready, listening on pipe '" + pipe + "'"), std::string::npos) << records;
     EXPECT_NE(records.find("ksd: stopped on SIGTERM"), std::string::npos) << records;
     EXPECT_EQ(records.find("[warning]"), std::string::npos) << "'error' admits notices and errors only:\n" << records;
+}
+
+TEST(ServiceSetup, SighupReopensTheLogAndSigtermStopsDespiteIdleAndHalfDoneClients) {
+    kstest::ScopedTempDir tmp("kstest-rotate");
+    const std::string file = tmp.path() + "/ksd.log";
+    kstest::ScopedEnv logFile("OSUPT_LOG_FILE", file);
+    kstest::KsdProcess ksd;
+    ASSERT_TRUE(ksd.start({"--log-level", "1"})) << ksd.log();
+    ASSERT_TRUE(kstest::waitUntil([&] { return readFile(file).find("ready") != std::string::npos; }));
+    // A hang-up (a closed terminal, a rotation) reopens the log and does not stop the daemon.
+    fs::rename(file, file + ".1");
+    ASSERT_EQ(::kill(ksd.pid(), SIGHUP), 0);
+    EXPECT_TRUE(kstest::waitUntil([&] { return fs::exists(file) && fs::file_size(file) > 0; }));
+    EXPECT_TRUE(serves(ksd.connType()));
+    kstest::WireClient idle, half;
+    ASSERT_TRUE(idle.connect(ksd.connType()));
+    ASSERT_TRUE(half.connect(ksd.connType()));
+    ASSERT_TRUE(half.send(kstest::requestWire("Notifier", "TRVX_NN_NOTIFY").bytes()));
+    EXPECT_EQ(ksd.stop(), 0);
+    EXPECT_TRUE(idle.waitPeerClosed());
 }
 
 std::string firstLineOf(const std::string& program, const std::string& arg) {
