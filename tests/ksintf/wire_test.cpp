@@ -29,6 +29,7 @@
 #include "OrvoStreamConnection.h"
 #include "OrvoTaskScheduler.h"
 #include "ResourceArbitrationCallback.h"
+#include "TaskSchedulerCallback.h"
 #include "away_from_midnight.h"
 #include "fake_daemon.h"
 #include "wait_until.h"
@@ -296,8 +297,7 @@ TEST_F(WireTest, BadArgumentsNeverReachTheDaemon) {
                           {4, 0, nLeap, 12, 0, 0, -2},
                           {4, 32, nLeap, 12, 0, 0, -2},
                           {4, 31, nThis - 1, 12, 0, 0, -4},
-                          {4, 31, nLeap, 12, 0, 0, -3},
-                          {2, 29, nPlain, 12, 0, 0, -3},
+                          {2, 29, 2100, 12, 0, 0, -3},
                           {2, 30, nLeap, 12, 0, 0, -3},
                           {6, 1, nLeap, 24, 0, 0, -5},
                           {6, 1, nLeap, -1, 0, 0, -5},
@@ -342,9 +342,17 @@ TEST_F(WireTest, BadArgumentsNeverReachTheDaemon) {
     EXPECT_THROW(OrvoNNNotify("event", &nullText), std::logic_error);
     EXPECT_EQ(m_daemon.connectionCount(), 0);
     // Valid dates do go out: 29 February of a leap year, and today at an hour already past.
-    for (const auto& [nMonth, nDay, nYear] : {std::tuple{2, 29, nLeap}, {t.tm_mon + 1, t.tm_mday, t.tm_year + 1900}}) {
+    for (const auto& [nMonth, nDay, nYear] :
+         {std::tuple{2, 29, nLeap}, {2, 29, 2400}, {t.tm_mon + 1, t.tm_mday, t.tm_year + 1900}}) {
         expect(Wire().addLong(5));
         EXPECT_EQ(scheduleOn(nMonth, nDay, nYear, 0, 0, 0), 5);
+    }
+    // Every month's last day goes out, the day after it does not (past 31 a day is out of range).
+    const int kLengths[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    for (int nMonth = 1; nMonth <= 12; ++nMonth) {
+        EXPECT_EQ(scheduleOn(nMonth, kLengths[nMonth - 1] + 1, nPlain), kLengths[nMonth - 1] == 31 ? -2 : -3) << nMonth;
+        expect(Wire().addLong(5));
+        EXPECT_EQ(scheduleOn(nMonth, kLengths[nMonth - 1], nPlain), 5) << nMonth;
     }
     expect(Wire().addInt(-6));
     EXPECT_EQ(_OrvoNNRegisterForNotification("OrvoJSEvent:job$", onNotification, nullptr), -6)
@@ -477,7 +485,7 @@ TEST_F(WireTest, RegistrationsDeliverPushedEventsAndUnregistrationsPassStatusesT
 }
 
 // The callback objects read what the sink hands them: a notification whole
-// (kept until the next), typed job and lock fields with sign extension; a
+// (kept until the next), typed job, task and lock fields with sign extension; a
 // cut, mistyped or impossible record throws, a short payload is dropped.
 TEST(CallbackObjects, DecodeWhatTheSinkHandsThem) {
     OrvoNet::OrvoNotificationCallbackSP sp(new KSInterface::NotificationNetworkCallback("ev"));
@@ -504,8 +512,8 @@ TEST(CallbackObjects, DecodeWhatTheSinkHandsThem) {
         OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection> broken(new OrvoNet::OrvoPayloadConnection(s));
         EXPECT_THROW(callback.doCallback(broken), OrvoSupport::OrvoException);
     }
-    const auto feed = [](auto& object, std::int16_t nSecond, const std::string& sText) {
-        auto* p = new OrvoNet::OrvoPayloadConnection(Wire().addShort(7).addShort(nSecond).addString(sText));
+    const auto feed = [](auto& object, const std::string& sRecord) {
+        auto* p = new OrvoNet::OrvoPayloadConnection(sRecord);
         OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection> sp(p);
         object.doCallback(sp);
         return p->remaining();
@@ -513,23 +521,34 @@ TEST(CallbackObjects, DecodeWhatTheSinkHandsThem) {
     OrvoSupport::OrvoSmartPointer<KSInterface::JobStatusCallback> spJob(new KSInterface::JobStatusCallback("job-7"));
     OrvoSupport::OrvoSmartPointer<KSInterface::ResourceArbitrationCallback> spLock(
         new KSInterface::ResourceArbitrationCallback("printer"));
+    OrvoSupport::OrvoSmartPointer<KSInterface::TaskSchedulerCallback> spTask(new KSInterface::TaskSchedulerCallback(5));
     spJob->setCallback(onJob);
     spLock->setCallback(onLock);
-    EXPECT_EQ(feed(*spJob, 3, "job-7-text"), 0u);
+    spTask->setCallback(onTask);
+    EXPECT_EQ(feed(*spJob, Wire().addShort(7).addShort(3).addString("job-7-text")), 0u);
+    EXPECT_EQ(feed(*spTask, Wire().addShort(3).addShort(cCompleted).addLong(0x100000009LL)), 0u);
     spJob->setCallback(nullptr);  // the fields still change without a function
-    EXPECT_EQ(feed(*spJob, static_cast<std::int16_t>(0xFFFF), "x"), 0u);
+    spTask->setCallback(nullptr);
+    EXPECT_EQ(feed(*spJob, Wire().addShort(7).addShort(static_cast<std::int16_t>(0xFFFF)).addString("x")), 0u);
     EXPECT_EQ(spJob->getEvent(), TRVX_JSE_EXIT);
-    EXPECT_EQ(feed(*spLock, static_cast<std::int16_t>(0x8000), "other"), 0u);
+    EXPECT_EQ(feed(*spTask, Wire().addShort(3).addShort(static_cast<std::int16_t>(0xFFFF)).addLong(-12)), 0u);
+    EXPECT_EQ(std::pair(spTask->getState(), spTask->getTaskId()), std::pair(cExit, -12));
+    EXPECT_EQ(feed(*spLock, Wire().addShort(7).addShort(static_cast<std::int16_t>(0x8000)).addString("other")), 0u);
     EXPECT_EQ(spLock->getLockCode(), -32768);
-    EXPECT_EQ(takeEvents(2), (Events{"J:job-7-text " + std::to_string(TRVX_JSE_UPDATED), "L:printer -32768"}));
+    EXPECT_THROW(feed(*spTask, Wire().addShort(3).addShort(cInProgress).addString("9")), OrvoSupport::OrvoException);
+    EXPECT_EQ(spTask->getTaskId(), -12);
+    EXPECT_EQ(takeEvents(3), (Events{"J:job-7-text " + std::to_string(TRVX_JSE_UPDATED),
+                                     "T:9 " + std::to_string(cCompleted), "L:printer -32768"}));
     RANotificationInfo lockInfo(onLock);
     JSNotificationInfo jobInfo(onJob);
     for (long nLength : {0L, 3L}) {
         char shortCode[3] = {2, 0, 0};
         OrvoNNNotification lock{"printer", nLength ? shortCode : nullptr, nLength, &lockInfo};
         OrvoNNNotification job{"Backup", nLength ? shortCode : nullptr, nLength, &jobInfo};
+        OrvoNNNotification task{"16", nLength ? shortCode : nullptr, nLength, reinterpret_cast<void*>(&onTask)};
         OrvoRANotificationCallback("OrvoRAEvent:printer$", &lock);
         OrvoJSNotificationCallback("OrvoJSEvent:Backup$", &job);
+        OrvoTSNotificationCallback("OrvoTSEvent:16$", &task);
     }
     EXPECT_EQ(takeEvents(0), Events{}) << "payloads too short for their code are dropped unread";
 }
