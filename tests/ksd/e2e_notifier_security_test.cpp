@@ -1,21 +1,16 @@
 // The Notifier's guards between users, against a real ksd: a registration
 // made by one user never blocks or replaces another's; a callback path or
-// port the registrant could not reach is refused; a vanished listener is
-// swept; root is not held to the quota; the subscription list comes in pages.
-#include <grp.h>
+// port the registrant could not reach is refused; a vanished listener is swept.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <functional>
 #include <string>
 
 #include "OrvoCodec.h"
@@ -148,7 +143,6 @@ TEST_F(NotifierSecurity, ACallbackPathOrPortTheRegistrantCannotReachIsRefused) {
     EXPECT_EQ(notify(d, "forged"), 1) << "nothing is queued for the victim's port";
     ::close(nobodyListener);
     ::close(victim);
-    EXPECT_NE(ksd_.log().find("may not register pipe:" + path), std::string::npos) << ksd_.log();
 }
 
 class NotifierSweep : public NotifierSecurity {
@@ -165,49 +159,6 @@ TEST_F(NotifierSweep, AListenerThatWentAwayLosesItsSubscriptionsWithoutAnyPush) 
     ASSERT_TRUE(kstest::waitUntil([&] { return subscriptions() == 1; })) << ksd_.log();
     const std::string list = kstest::operatorQuery(d, "subscriptions");
     EXPECT_NE(list.find(staying.address()), std::string::npos) << list;
-    EXPECT_NE(ksd_.log().find("swept 1 subscriptions of " + gone.address()), std::string::npos) << ksd_.log();
-}
-
-TEST_F(NotifierSecurity, RootIsNotBoundByTheSubscriptionQuotaAndItsListComesInPagesKsctlJoins) {
-    // Event names near their limit: the whole list is far larger than one answer frame.
-    constexpr int kCount = 4200;
-    const std::string d = daemon();
-    kstest::WireClient c;
-    ASSERT_TRUE(c.connect(d));
-    const std::string stem(4000, 'n');
-    for (int i = 0; i < kCount; ++i) {
-        OrvoNet::Codec::Value v, a, b;
-        ASSERT_TRUE(c.send(request("TRVX_NN_REGISTER")
-                               .addString(stem + std::to_string(i))
-                               .addString("pipe:root-sink")
-                               .addInt(i)
-                               .bytes()) &&
-                    c.readValue(v) && c.readValue(a) && c.readValue(b));
-        ASSERT_EQ(v.tag == OrvoNet::Codec::kTagError ? kRefused + v.integer : v.integer, 0) << "registration " << i;
-    }
-    EXPECT_EQ(kstest::runAs(kNobody,
-                    [&] {
-                        std::string last;
-                        for (int i = 0; i < 4097 && last != std::to_string(kRefused + EDQUOT); ++i)
-                            last = std::to_string(subscribe(d, "q", "pipe:nobody-sink", i));
-                        return last;
-                    }),
-              std::to_string(kRefused + EDQUOT))
-        << "everyone else is";
-    const std::string first = kstest::operatorQuery(d, "subscriptions");
-    ASSERT_FALSE(first.empty());
-    EXPECT_LT(first.size(), std::size_t(2) << 20) << "one page";
-    const std::string command =
-        "KSINTF_CONN_TYPE=" + d + " " + kstest::testBinaryDir() + "/tools/ksctl/ksctl --json subscriptions";
-    FILE* ksctl = ::popen(command.c_str(), "r");
-    ASSERT_NE(ksctl, nullptr);
-    std::string out;
-    char buffer[65536];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, ksctl)) > 0;) out.append(buffer, n);
-    EXPECT_EQ(::pclose(ksctl), 0);
-    std::size_t items = 0;
-    for (auto at = out.find("\"seq\":"); at != std::string::npos; at = out.find("\"seq\":", at + 1)) ++items;
-    EXPECT_EQ(items, std::size_t(kCount) + 4096) << "root's and nobody's, every one";
 }
 
 }  // namespace

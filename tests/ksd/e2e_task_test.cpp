@@ -1,7 +1,7 @@
 // Tasks through libksintf against a real ksd: programs that run (or cannot)
 // with their logs, exit codes and state events; programs run as the user who
 // scheduled them; blob tasks; tasks kept across kill -9 with a missed run
-// made up once; and bad input that must change nothing.
+// made up once.
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
@@ -14,7 +14,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "OrvoCodec.h"
 #include "OrvoTaskScheduler.h"
 #include "e2e_support.h"
 #include "other_user.h"
@@ -113,15 +112,9 @@ TEST_F(TaskEndToEnd, AProgramRunsWithItsArgumentsLogAndCleanEnvironmentAndReport
     EXPECT_EQ(OrvoTSExitCode(h), 3);
     EXPECT_EQ(readFile(log), "[two  words] [it's] in " + dir_.path() + "\noops\n");
     char when[64];
-    int size = sizeof when;
-    EXPECT_EQ(OrvoTSExecutionInformation(h, when, &size), 0);
-    EXPECT_EQ(size, 19) << when;
-    EXPECT_EQ(when[4], '-');
-    int freq = -1;
-    size = sizeof when;
+    int size = sizeof when, freq = -1;
     EXPECT_EQ(OrvoTSScheduledTaskGetNextTime(h, &size, when, &freq), 0);
     EXPECT_EQ(std::string(when), "") << "a one-time task that ran has no next time";
-    EXPECT_EQ(freq, cOneTime);
 
     ASSERT_TRUE(reaches(tty, cCompleted));
     rlimit files{};
@@ -130,7 +123,6 @@ TEST_F(TaskEndToEnd, AProgramRunsWithItsArgumentsLogAndCleanEnvironmentAndReport
         << "no terminal, and a login's descriptor limit rather than the daemon's";
     ASSERT_TRUE(reaches(env, cCompleted));
     passwd* pw = ::getpwuid(::getuid());
-    std::string expected = "PATH=";
     EXPECT_NE(readFile(dir_.path() + "/env.log").find("HOME=" + std::string(pw->pw_dir) + "\n"), std::string::npos);
     std::istringstream lines(readFile(dir_.path() + "/env.log"));
     std::vector<std::string> names;
@@ -182,6 +174,8 @@ TEST_F(TaskEndToEnd, BlobTasksAreListedRetrievedWhateverTheBufferRunAndCancelled
     ASSERT_GT(h, 0);
     ASSERT_GT(later, h);
     EXPECT_EQ(scheduleBlobIn(60, "blob-one", "y"), -17);
+    // The client checks no date of a blob task: the daemon does.
+    EXPECT_EQ(OrvoTSScheduleBlobTask("b", 1, "x", cOneTime, 13, 1, 2100, 0, 0, 0), -22);
     const std::string listed = listOf(true);
     EXPECT_NE(listed.find(std::to_string(later) + "\tblob-later\twaiting\tdaily\t"), std::string::npos) << listed;
     EXPECT_NE(listed.find("\t1\t" + std::to_string(::getuid()) + "\n"), std::string::npos) << listed;
@@ -201,42 +195,9 @@ TEST_F(TaskEndToEnd, BlobTasksAreListedRetrievedWhateverTheBufferRunAndCancelled
 
     EXPECT_EQ(OrvoTSCancelTask(later), 0);
     EXPECT_EQ(OrvoTSCancelTask(later), -2);
-    EXPECT_EQ(OrvoTSTaskState(later), cExit);
     size = static_cast<int>(buf.size());
     EXPECT_EQ(OrvoTSRetrieveBlobTask(later, &size, buf.data()), -2);
-    EXPECT_EQ(OrvoTSScheduledTaskLookup("blob-later"), -2);
     EXPECT_EQ(listOf(true).find("blob-later"), std::string::npos);
-    EXPECT_EQ(OrvoTSCancelTask(999999), -2);
-    EXPECT_EQ(OrvoTSTaskState(999999), -2);
-}
-
-TEST_F(TaskEndToEnd, BadInputIsRefusedAndChangesNothing) {
-    const When w = in(3600, true);
-    // The client checks none of the blob call's fields.
-    EXPECT_EQ(OrvoTSScheduleBlobTask("b1", 1, "x", cOneTime, 13, 1, w.year, 0, 0, 0), -22);
-    EXPECT_EQ(OrvoTSScheduleBlobTask("b2", 1, "x", cOneTime, 4, 31, w.year, 0, 0, 0), -22);
-    EXPECT_EQ(OrvoTSScheduleBlobTask("b3", 1, "x", cOneTime, 1, 1, w.year, 24, 0, 0), -22);
-    EXPECT_EQ(OrvoTSScheduleBlobTask("b4", 1, "x", static_cast<tTaskFrequency>(9), 1, 1, w.year, 0, 0, 0), -22);
-    EXPECT_EQ(OrvoTSScheduleBlobTask("", 1, "x", cOneTime, 1, 1, w.year + 1, 0, 0, 0), -22);
-    EXPECT_EQ(OrvoTSScheduleBlobTask("b5", -5, "x", cOneTime, 1, 1, w.year + 1, 0, 0, 0), -13);
-    EXPECT_EQ(scheduleIn(60, "unbalanced", "/bin/echo", "'open", ""), -22);
-    EXPECT_EQ(scheduleIn(60, "tab\tname", "/bin/echo", "", ""), -22);
-    EXPECT_EQ(scheduleIn(60, "no-program", "", "", ""), -22);
-
-    // A length beyond the limit is refused before any byte of the blob is awaited.
-    namespace Codec = OrvoNet::Codec;
-    for (std::int32_t length : {0x7fffffff, -1}) {
-        kstest::WireClient c;
-        ASSERT_TRUE(c.connect(ksd_->connType()));
-        c.send(kstest::requestWire("Scheduler", "TRVX_TS_SCHEDULE_BLOB").addString("huge").addInt(length).bytes());
-        Codec::Value v;
-        ASSERT_TRUE(c.readValue(v));
-        EXPECT_EQ(v.tag, Codec::kTagError);
-        EXPECT_EQ(v.integer, length < 0 ? EINVAL : EMSGSIZE);
-    }
-    EXPECT_EQ(listOf(true), "");
-    EXPECT_EQ(listOf(false), "");
-    EXPECT_GT(scheduleBlobIn(3600, "fine", "ok"), 0) << "the daemon goes on serving";
 }
 
 TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) {
@@ -261,28 +222,6 @@ TEST_F(TaskEndToEnd, TasksSurviveSigkillAndARunMissedDuringTheDowntimeRunsOnce) 
     ASSERT_TRUE(ksd_->restart());
     EXPECT_EQ(OrvoTSExitCode(once), 0);
     EXPECT_EQ(readFile(log), "before\nran\n") << "a finished one-time task does not run again at the next start";
-}
-
-TEST_F(TaskEndToEnd, ATcpClientMayStoreBlobsButNotSchedulePrograms) {
-    kstest::KsdProcess tcp;
-    ASSERT_TRUE(tcp.start({"--tcp-port", "0", "--log-level", "error"}));  // the ready line names the port
-    const When w = in(3600);
-    kstest::Wire program = kstest::requestWire("Scheduler", "TRVX_TS_SCHEDULE");
-    kstest::Wire blob = kstest::requestWire("Scheduler", "TRVX_TS_SCHEDULE_BLOB").addString("b").addInt(1).addRaw("x");
-    program.addString("t").addString("/bin/true").addString("/").addString("");
-    for (int n : {int(cOneTime), w.month, w.day, w.year, w.hour, w.minute, w.second}) {
-        program.addLong(n);
-        blob.addInt(n);
-    }
-    program.addString("");
-    for (const auto& [request, answer] : {std::pair{program, "E13"}, {blob, "l1"}}) {
-        kstest::WireClient c;
-        OrvoNet::Codec::Value v;
-        ASSERT_TRUE(c.connect("socket:" + std::to_string(tcp.tcpPort())));
-        c.send(request.bytes());
-        ASSERT_TRUE(c.readValue(v));
-        EXPECT_EQ(std::string(1, v.tag) + std::to_string(v.integer), answer);
-    }
 }
 
 // Runs `body` as the user nobody; its int result comes back (-9999 when none did).

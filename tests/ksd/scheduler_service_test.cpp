@@ -37,14 +37,16 @@ protected:
         limits.execHelper = KS_EXEC_HELPER;
         service_ = std::make_unique<ksd::SchedulerService>(io_, events_, dir_.path(), limits, [this] { return now_; });
     }
-    std::int64_t scheduleDaily(const std::string& name, const std::string& params, std::time_t at,
-                               uid_t uid = ::getuid(), const std::string& program = "/bin/sh") {
+    static Fields daily(const std::string& name, const std::string& params, std::time_t at,
+                        const std::string& program = "/bin/sh") {
         std::tm w{};
         localtime_r(&at, &w);
-        return ask("TRVX_TS_SCHEDULE",
-                   Fields{str(name), str(program), str("/"), str(params), lng(0), lng(w.tm_mon + 1), lng(w.tm_mday),
-                          lng(w.tm_year + 1900), lng(w.tm_hour), lng(w.tm_min), lng(w.tm_sec), str("")},
-                   uid);
+        return {str(name), str(program), str("/"), str(params), lng(0), lng(w.tm_mon + 1), lng(w.tm_mday),
+                lng(w.tm_year + 1900), lng(w.tm_hour), lng(w.tm_min), lng(w.tm_sec), str("")};
+    }
+    std::int64_t scheduleDaily(const std::string& name, const std::string& params, std::time_t at,
+                               uid_t uid = ::getuid(), const std::string& program = "/bin/sh") {
+        return ask("TRVX_TS_SCHEDULE", daily(name, params, at, program), uid);
     }
     std::int64_t ask(const char* request, Fields fields, uid_t uid = ::getuid()) {
         return ask(request, std::move(fields), unixPeer(1, uid));
@@ -144,8 +146,9 @@ TEST_F(SchedulerLoop, AUsersTasksTheirBytesAndTheirFieldsAreBoundedAndRootIsExem
     EXPECT_EQ(scheduleDaily("u4", "", at, user), -EDQUOT) << "the quota is counted again at start";
 }
 
-TEST_F(SchedulerLoop, OverTcpABlobTaskIsItsSocketOwnersAndAClientOfUnknownOwnerChangesNothing) {
+TEST_F(SchedulerLoop, OverTcpNoProgramABlobTaskIsItsSocketOwnersAndAClientOfUnknownOwnerChangesNothing) {
     open();
+    EXPECT_EQ(ask("TRVX_TS_SCHEDULE", daily("p", "", kStart + 10), ksdtest::tcpPeerOf(1000)), kRefused + EACCES);
     const auto blob = [&](const char* name, const ksd::PeerInfo& peer) {
         return ask("TRVX_TS_SCHEDULE_BLOB",
                    Fields{str(name), num(1), {0, 0, "x"}, num(3), num(1), num(1), num(2040), num(0), num(0), num(0)},

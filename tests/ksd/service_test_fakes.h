@@ -1,10 +1,9 @@
-// Stand-ins for what a service talks to, shared by the Arbiter, JobStatus
-// and Notifier unit tests: a Responder that records its answer, an EventPublisher that
-// records events, and a ProcessMonitor the test ends processes of.
+// Stand-ins for what a service talks to, shared by the service unit tests: a
+// Responder that records its answer, an EventPublisher that records events,
+// and a ProcessMonitor that records what it watches.
 #pragma once
 #include <map>
 #include <optional>
-#include <set>
 #include <tuple>
 
 #include "OrvoCodec.h"
@@ -52,18 +51,14 @@ struct RecordingPublisher final : ksd::EventPublisher {
     std::vector<ksd::EventAudience> audiences;  // one per event
 };
 
-// Processes end when the test says so (endProcess); pids in `gone` have already ended.
+// Records which processes are watched; none ever ends.
 class FakeMonitor final : public ksd::ProcessMonitor {
 public:
     struct State {
         std::map<pid_t, std::function<void()>> watched;
-        std::set<pid_t> gone;
-        bool unsupported = false;
     };
     explicit FakeMonitor(std::shared_ptr<State> state) : state_(std::move(state)) {}
     WatchResult watch(pid_t pid, std::function<void()> onExit) override {
-        if (state_->gone.count(pid) != 0) return WatchResult::Gone;
-        if (state_->unsupported) return WatchResult::Unsupported;
         state_->watched[pid] = std::move(onExit);
         return WatchResult::Watching;
     }
@@ -71,12 +66,6 @@ public:
 
     std::shared_ptr<State> state_;
 };
-
-inline bool endProcess(FakeMonitor::State& state, pid_t pid) {
-    auto node = state.watched.extract(pid);
-    if (!node.empty()) node.mapped()();
-    return !node.empty();
-}
 
 inline ksd::PeerInfo unixPeer(pid_t pid, uid_t uid) {
     ksd::PeerInfo p;
