@@ -21,6 +21,7 @@
 
 #include "fake_daemon.h"
 #include "ksd_process.h"
+#include "process_usage.h"
 #include "other_user.h"
 
 namespace {

@@ -22,6 +22,7 @@
 #include "OrvoNotificationNetwork.h"
 #include "fake_daemon.h"
 #include "ksd_process.h"
+#include "process_usage.h"
 
 namespace {
 

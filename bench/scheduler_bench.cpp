@@ -18,6 +18,7 @@
 #include "OrvoTaskScheduler.h"
 #include "fake_daemon.h"
 #include "ksd_process.h"
+#include "process_usage.h"
 
 namespace {
 

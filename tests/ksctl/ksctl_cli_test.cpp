@@ -1,5 +1,6 @@
-// ksctl run as a user runs it, against a real ksd started for each test on its own pipe and
-// state directory: output, --json shapes, exit codes and the man page's examples.
+// ksctl run as a user runs it (its own process, stdout and stderr captured, exit code collected),
+// against a real ksd started for each test on its own pipe and state directory: output, --json
+// shapes, exit codes and the man page's examples.
 
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -9,13 +10,74 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "OrvoTaskScheduler.h"
-#include "ksctl_runner.h"
+#include "json.h"
+#include "ksd_process.h"
+#include "wait_until.h"
 
 using namespace kstest;
 
 namespace {
+
+struct RunResult {
+    int exitCode = -1;  // 128 + signal when killed by a signal
+    std::string out;
+    std::string err;
+};
+
+// ksctl running in the background: a test can keep `subscribe` running while it acts.
+class KsctlRun : public ChildProcess {
+public:
+    explicit KsctlRun(const std::vector<std::string>& args) : ChildProcess(KSCTL_BINARY, args, {}, true) {}
+    // Reads both streams to their end and reaps the process.
+    RunResult result() {
+        const int code = finish();
+        return {code, out(), err()};
+    }
+};
+
+RunResult runKsctl(const std::vector<std::string>& args) { return KsctlRun(args).result(); }
+
+// The lines of `text` (without their newlines).
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+// A member of the JSON object `json` (or of its first item when it is an array)
+// as text: strings bare, other values as JSON; "<missing>" when absent.
+std::string member(const std::string& json, const char* key) {
+    const auto v = ksctl::parseJson(json);
+    if (!v) return "<not json: " + json + ">";
+    const bool array = v->kind == ksctl::JsonValue::Kind::Array;
+    const ksctl::JsonValue* item = !array ? &*v : v->items.empty() ? nullptr : &v->items[0];
+    const ksctl::JsonValue* m = item ? item->find(key) : nullptr;
+    return !m ? "<missing>" : m->kind == ksctl::JsonValue::Kind::String ? m->text : ksctl::toJson(*m);
+}
+
+class KsctlCli : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(ksd_.start()) << ksd_.log(); }
+    std::vector<std::string> cmd(std::vector<std::string> args, bool json = false) const {
+        args.insert(args.begin(), {"--pipe", ksd_.pipeName()});
+        if (json) args.insert(args.begin() + 2, "--json");
+        return args;
+    }
+    RunResult run(std::vector<std::string> args, bool json = false) const {
+        return runKsctl(cmd(std::move(args), json));
+    }
+    // True once ksd lists a subscription whose event holds `event`.
+    bool subscribed(const std::string& event) const {
+        return waitUntil([&] { return operatorQuery(ksd_.connType(), "subscriptions").find(event) != std::string::npos; });
+    }
+    KsdProcess ksd_;
+};
 
 void expectOneErrorLine(const RunResult& r, const std::string& fragment) {
     auto errLines = lines(r.err);
@@ -23,6 +85,9 @@ void expectOneErrorLine(const RunResult& r, const std::string& fragment) {
     EXPECT_EQ(errLines[0].rfind("ksctl: ", 0), 0u) << r.err;
     EXPECT_NE(errLines[0].find(fragment), std::string::npos) << r.err;
 }
+
+// A run as "exit code|stdout|stderr", so that a failed check shows all three.
+std::string outcome(const RunResult& r) { return std::to_string(r.exitCode) + "|" + r.out + "|" + r.err; }
 
 // Local time (GMT when `gmt`) `seconds` from now, as --at takes it.
 std::string timeIn(int seconds, bool gmt = false) {
@@ -33,8 +98,6 @@ std::string timeIn(int seconds, bool gmt = false) {
     std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
     return text;
 }
-
-using KsctlCli = KsctlTest;
 
 }  // namespace
 
@@ -100,9 +163,7 @@ TEST_F(KsctlCli, SubscribePrintsWhatIsPublishedAndUnregistersOnCountOrSignal) {
 }
 
 TEST_F(KsctlCli, LockRunsTheCommandAndPassesItsStatusOn) {
-    RunResult ok = run({"lock", "printer", "--", "sh", "-c", "echo held; exit 7"});
-    EXPECT_EQ(ok.exitCode, 7) << ok.err;
-    EXPECT_EQ(ok.out + ok.err, "held\n");
+    EXPECT_EQ(outcome(run({"lock", "printer", "--", "sh", "-c", "echo held; exit 7"})), "7|held\n|");
     EXPECT_EQ(run({"lock", "printer", "--timeout", "0", "--", "sh", "-c", "kill -KILL $$"}).exitCode, 128 + SIGKILL);
     RunResult missing = run({"lock", "printer", "--", "/nonexistent/ksctl-test-program"});
     EXPECT_EQ(missing.exitCode, 127);
@@ -115,9 +176,8 @@ TEST_F(KsctlCli, LockTimesOutWhileHeldAndIsFreeAfterTheHolderStops) {
     KsctlRun holder(cmd({"lock", "disk0", "--", "sh", "-c", "touch " + marker + "; exec sleep 600"}));
     ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(marker); }));
 
-    RunResult tryOnce = run({"lock", "disk0", "--timeout", "0", "--", "echo", "never"});
-    EXPECT_EQ(std::to_string(tryOnce.exitCode) + tryOnce.out, "3");
-    expectOneErrorLine(tryOnce, "lock disk0: not granted within 0 ms");
+    EXPECT_EQ(outcome(run({"lock", "disk0", "--timeout", "0", "--", "echo", "never"})),
+              "3||ksctl: lock disk0: not granted within 0 ms\n");
 
     // SIGTERM reaches the command through ksctl, which then unlocks.
     holder.signal(SIGTERM);
@@ -141,9 +201,7 @@ TEST_F(KsctlCli, JobCommandsPrintBareNumbersForScriptsAndSentencesOnStderr) {
     EXPECT_EQ(member(listed, "name") + " " + member(listed, "progress"), "backup 40") << listed;
     EXPECT_EQ(member(run({"job", "cancel", id}, true).out, "cancelled"), "true");
     EXPECT_EQ(run({"job", "delete", id}).out, "job " + id + " deleted\n");
-    RunResult gone = run({"job", "delete", id});
-    EXPECT_EQ(gone.exitCode, 1);
-    EXPECT_EQ(gone.err, "ksctl: job " + id + ": no such job (-2)\n");
+    EXPECT_EQ(outcome(run({"job", "delete", id})), "1||ksctl: job " + id + ": no such job (-2)\n");
     EXPECT_EQ(run({"job", "list"}).out, "no jobs\n");
 }
 
@@ -248,8 +306,7 @@ TEST_F(KsctlCli, TheTcpPortOptionReachesKsdOverLoopback) {
     ksd_.stop();
     ASSERT_TRUE(ksd_.start({"--tcp-port", "0", "--log-level", "error"})) << ksd_.log();  // the ready line names the port
     const RunResult created = runKsctl({"--tcp-port", std::to_string(ksd_.tcpPort()), "job", "create", "remote"});
-    EXPECT_EQ(created.exitCode, 0) << created.err;
-    EXPECT_EQ(run({"job", "lookup", "remote"}).out, created.out);
+    EXPECT_EQ(outcome(run({"job", "lookup", "remote"})), outcome(created));
 }
 
 // ksctl events: the daemon's job, lock and task events as lines in the order they happened.
@@ -305,9 +362,7 @@ TEST_F(KsctlCli, TaskSubcommandsOnAProgramAndABlobTask) {
     EXPECT_EQ(member(r.out, "handle") + "|" + member(r.out, "exit_code"), handle + "|null");
     const std::string owner = std::to_string(::geteuid()) + " (" + ::getpwuid(::geteuid())->pw_name + ")";
     EXPECT_NE(run({"task", "show", handle}).out.find(owner), std::string::npos) << "the owner's name beside the uid";
-    r = run({"task", "show", "nosuch"});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.err, "ksctl: task nosuch: no task has that name (-2)\n");
+    EXPECT_EQ(outcome(run({"task", "show", "nosuch"})), "1||ksctl: task nosuch: no task has that name (-2)\n");
 
     kstest::ScopedTempDir dir;
     std::ofstream(dir.path() + "/blob", std::ios::binary) << std::string("\x00\x01zz", 4);

@@ -12,9 +12,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <sstream>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "wait_until.h"
@@ -32,10 +31,15 @@ namespace {
 // True when something accepts on the daemon's address (abstract name or path).
 bool accepts(const std::string& pipe) { return WireClient().connect("pipe:" + pipe); }
 
-int decodeStatus(int status) {
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+// Waits for `pid` to end: its exit status (128 + signal when killed by one), -1 if it cannot.
+int reap(pid_t pid) {
+    int status = 0;
+    pid_t r;
+    do {
+        r = ::waitpid(pid, &status, 0);
+    } while (r < 0 && errno == EINTR);
+    if (r < 0) return -1;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 std::vector<char*> pointers(std::vector<std::string>& strings) {
@@ -123,39 +127,13 @@ bool KsdProcess::isRunning() {
     return false;
 }
 
-int KsdProcess::waitExit() {
-    int status = 0;
-    pid_t r;
-    do {
-        r = ::waitpid(pid_, &status, 0);
-    } while (r < 0 && errno == EINTR);
-    pid_ = -1;
-    return r < 0 ? -1 : decodeStatus(status);
-}
+int KsdProcess::waitExit() { return reap(std::exchange(pid_, -1)); }
 
 std::string KsdProcess::log() const {
     std::ifstream in(logFile_);
     std::stringstream s;
     s << in.rdbuf();
     return s.str();
-}
-
-std::int64_t processCpuNs(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const auto name = text.rfind(')');  // the command name may hold spaces
-    if (name == std::string::npos) return -1;
-    std::istringstream fields(text.substr(name + 2));
-    std::vector<std::string> f{std::istream_iterator<std::string>(fields), std::istream_iterator<std::string>()};
-    if (f.size() <= 12) return -1;
-    return (std::stoll(f[11]) + std::stoll(f[12])) * (1'000'000'000 / ::sysconf(_SC_CLK_TCK));
-}
-
-long residentKiB(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-    return -1;
 }
 
 int KsdProcess::tcpPort() const {
@@ -301,14 +279,7 @@ int ChildProcess::finish() {
 }
 
 int ChildProcess::wait() {
-    if (pid_ <= 0) return status_;
-    int status = 0;
-    pid_t r;
-    do {
-        r = ::waitpid(pid_, &status, 0);
-    } while (r < 0 && errno == EINTR);
-    pid_ = -1;
-    status_ = r < 0 ? -1 : decodeStatus(status);
+    if (pid_ > 0) status_ = reap(std::exchange(pid_, -1));
     return status_;
 }
 

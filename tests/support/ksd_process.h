@@ -18,11 +18,6 @@ namespace kstest {
 // Directory of the build tree: $KS_TEST_BINARY_DIR, else the one this
 // support library was configured in.
 std::string testBinaryDir();
-// Resident memory of a process in KiB (VmRSS), -1 when it cannot be read.
-long residentKiB(pid_t pid);
-// User plus system CPU time of a process, all its threads, in nanoseconds
-// (clock-tick resolution); -1 when it cannot be read.
-std::int64_t processCpuNs(pid_t pid);
 
 // Full paths of the programs tests run.
 std::string ksdProgram();           // <binary dir>/ksd/ksd
