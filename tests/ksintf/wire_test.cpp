@@ -422,10 +422,10 @@ TEST_F(WireTest, TextAndBlobRepliesFollowTheBufferProtocol) {
     expect(Wire().addString(sWhen).addLong(0));
     EXPECT_EQ(OrvoTSExecutionInformation(9, text, &nSize), -1);
     EXPECT_EQ(std::string(text) + " " + std::to_string(nSize), "old 3");
-    nSize = sizeof(text);
+    nSize = nWhen + 1;  // exactly room for the zero
     expect(Wire().addString(sWhen).addLong(0x100000003LL));
     EXPECT_EQ(OrvoTSExecutionInformation(9, text, &nSize), 3);
-    EXPECT_EQ(last().bytes, wireOf("Scheduler TRVX_TS_EXECUTION_INFO n:9 n:32"));
+    EXPECT_EQ(last().bytes, wireOf("Scheduler TRVX_TS_EXECUTION_INFO n:9 n:" + std::to_string(nWhen + 1)));
     EXPECT_EQ(std::string(text) + " " + std::to_string(nSize), sWhen + " " + std::to_string(nWhen));
 }
 

@@ -1,10 +1,9 @@
-// Small primitives: string copy-out, the recursive critical section, the
-// named thread (with the event it waits on), and the counted attach/detach of
-// registered modules.
+// Small primitives: the recursive critical section, the named thread (with
+// the event it waits on), and the counted attach/detach of registered
+// modules. String copy-out is checked through the library's text replies.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -15,20 +14,6 @@
 #include "OrvoThread.h"
 
 using namespace OrvoSupport;
-
-TEST(StringToCharTest, CopiesOnlyWhenTheWholeTextFitsWithItsZero) {
-    const std::pair<const char*, int> cases[] = {{"abc", 8},      {"1234567", 8}, {"", 1},
-                                                 {"12345678", 8}, {"abc", 0},     {"abc", -5}};
-    for (const auto& [pszText, nCapacity] : cases) {
-        char szBuf[9] = "xxxxxxxx";
-        const bool bFits = static_cast<int>(std::strlen(pszText)) < nCapacity;
-        EXPECT_EQ(OrvoStringToChar(pszText, szBuf, nCapacity), bFits ? szBuf : nullptr) << pszText;
-        // Copied with its zero and nothing past it, or not touched at all.
-        const std::string sCopied = bFits ? std::string(pszText) + '\0' : "";
-        EXPECT_EQ(std::string(szBuf, 8), sCopied + std::string(8 - sCopied.size(), 'x')) << pszText;
-    }
-    EXPECT_EQ(OrvoStringToChar("abc", nullptr, 8), nullptr);
-}
 
 // A recursive lock excludes only other threads, so probe from one.
 static bool lockableElsewhere(OrvoCriticalSectionObject& cs) {
