@@ -4,7 +4,6 @@
 // its integrity check.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sqlite3.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,20 +18,13 @@
 #include "OrvoResourceArbitration.h"
 #include "fake_daemon.h"
 #include "ksd_process.h"
+#include "store/database.h"
 
 namespace {
 
 std::string integrityCheck(const std::string& file) {
-    sqlite3* db = nullptr;
-    std::string result = "cannot open";
-    if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &s, nullptr) == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW)
-            result = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-        sqlite3_finalize(s);
-    }
-    sqlite3_close(db);
-    return result;
+    ksd::store::Database db(file, ksd::store::Database::ReadOnly{});
+    return db.pragma("integrity_check");
 }
 
 // What the client knows of a job: the progress acknowledged, and one it sent

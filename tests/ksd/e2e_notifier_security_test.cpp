@@ -2,7 +2,6 @@
 // made by one user never blocks or replaces another's; a callback path or
 // port the registrant could not reach is refused; a vanished listener is swept.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "OrvoCodec.h"
@@ -108,41 +108,26 @@ TEST_F(NotifierSecurity, ACallbackPathOrPortTheRegistrantCannotReachIsRefused) {
     EXPECT_EQ(subscribe(d, "e", "pipe:" + path, 1), 0) << "root may register anything";
     ::close(fd);
 
-    // A TCP socket belongs to whoever made it: made here once as root, once as nobody.
-    const auto tcpListener = [](uid_t owner, int& port) {
+    // A TCP socket belongs to whoever made it: made here as root, as nobody and as another user.
+    const auto tcpSink = [](uid_t owner) {
         ::setfsuid(owner);
-        const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        auto sink = std::make_unique<kstest::PushSink>(kstest::PushSink::Tcp);
         ::setfsuid(0);
-        sockaddr_in in{};
-        in.sin_family = AF_INET;
-        in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof in;
-        if (::bind(s, reinterpret_cast<sockaddr*>(&in), len) != 0 || ::listen(s, 8) != 0 ||
-            ::getsockname(s, reinterpret_cast<sockaddr*>(&in), &len) != 0)
-            ADD_FAILURE() << std::strerror(errno);
-        port = ntohs(in.sin_port);
-        return s;
+        return sink;
     };
-    int rootPort = 0, nobodyPort = 0;
-    const int rootListener = tcpListener(0, rootPort);
-    const int nobodyListener = tcpListener(kNobody, nobodyPort);
-    EXPECT_EQ(asNobody("socket:127.0.0.1:" + std::to_string(rootPort)), "-13") << "root's port";
-    EXPECT_EQ(asNobody("socket:127.0.0.1:" + std::to_string(nobodyPort)), "0") << "its own port";
-    ::close(rootListener);
-    EXPECT_EQ(asNobody("socket:127.0.0.1:" + std::to_string(rootPort)), "-13") << "nobody listens";
+    auto rootSink = tcpSink(0), nobodySink = tcpSink(kNobody), victimSink = tcpSink(kOther);
+    const std::string rootPort = rootSink->address();
+    EXPECT_EQ(asNobody(rootPort), "-13") << "root's port";
+    EXPECT_EQ(asNobody(nobodySink->address()), "0") << "its own port";
+    rootSink.reset();
+    EXPECT_EQ(asNobody(rootPort), "-13") << "nobody listens";
     // Over TCP the registrant is its socket's owner: another user's sink port stays out of its reach.
-    int victimPort = 0;
-    const int victim = tcpListener(kOther, victimPort);
-    const auto overTcp = [&](int port) {
-        return kstest::runAs(kNobody, [&] {
-            return std::to_string(subscribe(tcp, "forged", "socket:127.0.0.1:" + std::to_string(port), 1));
-        });
+    const auto overTcp = [&](const std::string& address) {
+        return kstest::runAs(kNobody, [&] { return std::to_string(subscribe(tcp, "forged", address, 1)); });
     };
-    EXPECT_EQ(overTcp(victimPort), "-13");
-    EXPECT_EQ(overTcp(nobodyPort), "0") << "its own port";
+    EXPECT_EQ(overTcp(victimSink->address()), "-13");
+    EXPECT_EQ(overTcp(nobodySink->address()), "0") << "its own port";
     EXPECT_EQ(notify(d, "forged"), 1) << "nothing is queued for the victim's port";
-    ::close(nobodyListener);
-    ::close(victim);
 }
 
 class NotifierSweep : public NotifierSecurity {

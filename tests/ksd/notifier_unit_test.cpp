@@ -27,19 +27,20 @@ using ksdtest::unixPeer;
 constexpr uid_t kAlice = 1000;
 constexpr uid_t kBob = 1001;
 
-// Enough for a connect to succeed and for the kernel to vouch for its owner.
-using Listener = kstest::PushSink;
-
 class Notifier : public ::testing::Test {
 protected:
-    std::int64_t call(const std::string& request, std::vector<ksd::Value> fields, uid_t uid) {
+    // The reply's value, or kRefused + the code of an error value.
+    static constexpr std::int64_t kRefused = 1000;
+    std::int64_t subscribe(const std::string& event, const std::string& address, std::int32_t id,
+                           const ksd::PeerInfo& peer) {
         auto responder = std::make_shared<FakeResponder>();
-        ksd::Request r{"Notifier", request, std::move(fields), unixPeer(100 + static_cast<pid_t>(uid), uid), responder};
+        ksd::Request r{"Notifier", "TRVX_NN_REGISTER", {{'s', 0, event}, {'s', 0, address}, {'i', id, {}}}, peer,
+                       responder};
         notifier_.handle(r);
-        return responder->value().value_or(-9999);
+        return responder->failCode ? kRefused + *responder->failCode : responder->value().value_or(-9999);
     }
     std::int64_t subscribe(const std::string& event, const std::string& address, std::int32_t id, uid_t uid) {
-        return call("TRVX_NN_REGISTER", {{'s', 0, event}, {'s', 0, address}, {'i', id, {}}}, uid);
+        return subscribe(event, address, id, unixPeer(100 + static_cast<pid_t>(uid), uid));
     }
     std::int64_t status(const std::string& name) {
         for (const auto& item : notifier_.status())
@@ -73,7 +74,7 @@ TEST_F(Notifier, AUserListsOnlyItsOwnSubscriptionsRootAllATcpClientNoneInPages) 
 }
 
 TEST_F(Notifier, FramesForAnotherUsersSubscriptionNeverReachThisListener) {
-    Listener sink;
+    kstest::PushSink sink;  // the kernel vouches for its owner
     const uid_t me = ::getuid();
     const uid_t stranger = me == kAlice ? kBob : kAlice;
     ASSERT_EQ(subscribe("ev", sink.address(), 1, stranger), 0);
@@ -96,14 +97,8 @@ TEST_F(Notifier, AFamilyNameCarriesEveryEventItsSubscriberMaySeeAndNothingWhenUn
     ASSERT_EQ(subscribe("OrvoTSEvent:*", "pipe:bob", 1, kBob), 0);
     ASSERT_EQ(subscribe("OrvoTSEvent:*", "pipe:root", 1, 0), 0);
     ASSERT_EQ(subscribe("OrvoJSEvent:*", "pipe:bob", 2, kBob), 0);
-    auto tcp = std::make_shared<FakeResponder>();
-    ksd::Request r{"Notifier",
-                   "TRVX_NN_REGISTER",
-                   {{'s', 0, "OrvoTSEvent:*"}, {'s', 0, "socket::9"}, {'i', 1, {}}},
-                   ksdtest::tcpPeer(),
-                   tcp};
-    notifier_.handle(r);
-    ASSERT_EQ(tcp->failCode, EACCES) << "pushes for nobody could land anywhere";
+    ASSERT_EQ(subscribe("OrvoTSEvent:*", "socket::9", 1, ksdtest::tcpPeer()), kRefused + EACCES)
+        << "pushes for nobody could land anywhere";
 
     const std::int64_t published = status("notifications");
     notifier_.publishEvent(EventFamily::Task, "7", 0, EventAudience::ownerAndRoot(kAlice));
