@@ -17,8 +17,13 @@ namespace ksd {
 
 class DaemonThread {
 public:
-    explicit DaemonThread(DaemonOptions options);
-    ~DaemonThread();
+    explicit DaemonThread(DaemonOptions options)
+        : daemon_(std::make_unique<Daemon>(std::move(options))), thread_([this] { daemon_->run(); }) {}
+    ~DaemonThread() {
+        daemon_->stop();
+        thread_.join();
+        daemon_.reset();
+    }
     DaemonThread(const DaemonThread&) = delete;
     DaemonThread& operator=(const DaemonThread&) = delete;
 

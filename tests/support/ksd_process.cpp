@@ -152,20 +152,13 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
                            const std::map<std::string, std::string>& env, bool captureStderr) {
     // A write to a child that already ended must fail, not kill the test.
     ::signal(SIGPIPE, SIG_IGN);
-    std::vector<std::string> argStrings = {program};
+    // env(1) sets `env` over this process's environment and execs the program under the same pid.
+    std::vector<std::string> argStrings;
+    if (!env.empty()) argStrings.push_back("/usr/bin/env");
+    for (const auto& [k, v] : env) argStrings.push_back(k + "=" + v);
+    argStrings.push_back(program);
     argStrings.insert(argStrings.end(), args.begin(), args.end());
     auto argv = pointers(argStrings);
-
-    std::map<std::string, std::string> merged;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const std::string entry = *e;
-        const auto eq = entry.find('=');
-        if (eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
-    }
-    for (const auto& [k, v] : env) merged[k] = v;
-    std::vector<std::string> envStrings;
-    for (const auto& [k, v] : merged) envStrings.push_back(k + "=" + v);
-    auto envp = pointers(envStrings);
 
     int inPipe[2], outPipe[2], errPipe[2] = {-1, -1};
     if (::pipe2(inPipe, O_CLOEXEC) != 0 || ::pipe2(outPipe, O_CLOEXEC) != 0) return;
@@ -175,7 +168,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     posix_spawn_file_actions_adddup2(&actions, inPipe[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
     if (captureStderr) posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
-    const int rc = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+    const int rc = ::posix_spawn(&pid_, argStrings[0].c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     for (int end : {inPipe[0], outPipe[1], errPipe[1]})
         if (end >= 0) ::close(end);
