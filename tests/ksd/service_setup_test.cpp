@@ -158,23 +158,11 @@ TEST(ServiceSetup, UnderAServiceManagerKsdReportsReadyReopensItsLogOnSighupAndSt
     EXPECT_EQ(records.find("[warning]"), std::string::npos) << "'error' admits notices and errors only:\n" << records;
 }
 
-std::string firstLineOf(const std::string& program, const std::string& arg) {
-    kstest::ChildProcess child(program, {arg});
-    std::string line;
-    child.readLine(line);
-    child.wait();
-    return line;
-}
-
 TEST(ServiceSetup, BothProgramsPrintTheProjectVersion) {
-    EXPECT_EQ(firstLineOf(kstest::ksdProgram(), "--version"), "ksd " KS_VERSION " (protocol 1)");
-    EXPECT_EQ(firstLineOf(kstest::testBinaryDir() + "/tools/ksctl/ksctl", "--version"), "ksctl " KS_VERSION);
-}
-
-bool printsLineWith(kstest::ChildProcess& child, const std::string& text) {
-    for (std::string line; child.readLine(line);)
-        if (line.find(text) != std::string::npos) return true;
-    return false;
+    kstest::ChildProcess ksd(kstest::ksdProgram(), {"--version"});
+    kstest::ChildProcess ksctl(kstest::testBinaryDir() + "/tools/ksctl/ksctl", {"--version"});
+    EXPECT_EQ(std::to_string(ksd.finish()) + " " + ksd.out(), "0 ksd " KS_VERSION " (protocol 1)\n");
+    EXPECT_EQ(std::to_string(ksctl.finish()) + " " + ksctl.out(), "0 ksctl " KS_VERSION "\n");
 }
 
 TEST(ServiceSetup, TheStateDirectoryIsTheDaemonsAloneAndAnotherUsersIsRefused) {
@@ -191,7 +179,7 @@ TEST(ServiceSetup, TheStateDirectoryIsTheDaemonsAloneAndAnotherUsersIsRefused) {
                                 kstest::uniqueName("kstest-state") + " --state-dir " + state + " 2>&1";
     {
         kstest::ChildProcess ksd("/bin/sh", {"-c", command});
-        ASSERT_TRUE(printsLineWith(ksd, "<5>[notice] ksd: ready"));
+        ASSERT_TRUE(ksd.waitFor("<5>[notice] ksd: ready"));
         for (const std::string file : {"", "/ksd.db", "/left-by-an-older-ksd"}) {
             const auto perms = fs::status(state + file).permissions();
             EXPECT_EQ(perms & (fs::perms::group_all | fs::perms::others_all), fs::perms::none) << "'" << file << "'";
@@ -202,7 +190,7 @@ TEST(ServiceSetup, TheStateDirectoryIsTheDaemonsAloneAndAnotherUsersIsRefused) {
     if (::geteuid() != 0) GTEST_SKIP() << "not root: cannot give the directory to another user";
     ASSERT_EQ(::chown(state.c_str(), 65534, 65534), 0);
     kstest::ChildProcess refused("/bin/sh", {"-c", command});
-    EXPECT_TRUE(printsLineWith(refused, "ksd: state directory " + state + " belongs to uid 65534"));
+    EXPECT_TRUE(refused.waitFor("ksd: state directory " + state + " belongs to uid 65534"));
     EXPECT_EQ(refused.wait(), 1);
 }
 
@@ -214,9 +202,9 @@ TEST(ServiceSetup, StartUpErrorsNameThePipeOrTheFile) {
                tmp.path() + "/" + state + " 2>&1";
     };
     kstest::ChildProcess first("/bin/sh", {"-c", ksdCommand("one")});
-    ASSERT_TRUE(printsLineWith(first, "ksd: ready"));
+    ASSERT_TRUE(first.waitFor("ksd: ready"));
     kstest::ChildProcess second("/bin/sh", {"-c", ksdCommand("two")});
-    EXPECT_TRUE(printsLineWith(second, "ksd: pipe '" + pipe + "' is taken by another ksd"));
+    EXPECT_TRUE(second.waitFor("ksd: pipe '" + pipe + "' is taken by another ksd"));
     EXPECT_EQ(second.wait(), 1);
     first.signal(SIGTERM);
     EXPECT_EQ(first.wait(), 0);
@@ -224,7 +212,7 @@ TEST(ServiceSetup, StartUpErrorsNameThePipeOrTheFile) {
     fs::create_directories(tmp.path() + "/bad");
     std::ofstream(tmp.path() + "/bad/ksd.db") << "these bytes are no database, whatever their length may be";
     kstest::ChildProcess bad("/bin/sh", {"-c", ksdCommand("bad")});
-    EXPECT_TRUE(printsLineWith(bad, "ksd: state database " + tmp.path() + "/bad/ksd.db is not a database"));
+    EXPECT_TRUE(bad.waitFor("ksd: state database " + tmp.path() + "/bad/ksd.db is not a database"));
     EXPECT_EQ(bad.wait(), 1);
 }
 
