@@ -31,6 +31,13 @@ using KeyChange = std::function<std::optional<std::string>(const std::optional<s
                                                            std::uint64_t revision, std::uint64_t position)>;
 KeyWritten rewriteKey(ClusterBucket& b, const std::string& key, const KeyChange& change);
 
+// The same over the key's own revision: `position` is the revision the key
+// had when read, and one write only is ever taken over each. A key that
+// `change` would write while absent is first made as `blank` (a first write
+// has no revision to be made over), then read again. Others' writes to
+// other keys never make this one try again.
+KeyWritten rewriteOwnKey(ClusterBucket& b, const std::string& key, const std::string& blank, const KeyChange& change);
+
 }  // namespace ksd
 
 #endif

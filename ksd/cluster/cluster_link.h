@@ -92,6 +92,11 @@ public:
     // The bucket's last revision as this node last heard it (0: none), where
     // a `wholeBucket` write has the best chance.
     virtual std::uint64_t lastSeen() const { return 0; }
+    // The key as this node last read or wrote it, when it remembers: possibly
+    // stale, so only a write made over its revision may rely on it.
+    virtual bool known(const std::string& /*key*/, std::string& /*value*/, std::uint64_t& /*revision*/) const {
+        return false;
+    }
 };
 
 // One key of a bucket as a watch reports it.

@@ -12,6 +12,9 @@ namespace ksd::cluster {
 
 namespace {
 
+// Keys a worker remembers per bucket; past that it starts over.
+constexpr std::size_t kMaxKnownKeys = 4096;
+
 bool connected(natsConnection* nc) { return natsConnection_Status(nc) == NATS_CONN_STATUS_CONNECTED; }
 
 // The bucket calls, each one round trip; an answer NATS could not give in
@@ -19,16 +22,23 @@ bool connected(natsConnection* nc) { return natsConnection_Status(nc) == NATS_CO
 class NatsBucket final : public ClusterBucket {
 public:
     NatsBucket(natsConnection* nc, jsCtx* js, kvStore* kv, const std::string& name, AckInbox& acks,
-               std::uint64_t& lastSeen)
+               BucketMemory& memory)
         : nc_(nc),
           js_(js),
           kv_(kv),
           stream_("KV_" + name),
           subjects_("$KV." + name + "."),
           acks_(acks),
-          lastSeen_(lastSeen) {}
+          memory_(memory) {}
 
-    std::uint64_t lastSeen() const override { return lastSeen_; }
+    std::uint64_t lastSeen() const override { return memory_.lastSeen; }
+    bool known(const std::string& key, std::string& value, std::uint64_t& revision) const override {
+        const auto it = memory_.keys.find(key);
+        if (it == memory_.keys.end()) return false;
+        value = it->second.value;
+        revision = it->second.revision;
+        return true;
+    }
 
     Result get(const std::string& key, std::string& value, std::uint64_t& revision) override {
         if (!ready()) return Result::Unreachable;
@@ -37,8 +47,11 @@ public:
         if (s == NATS_OK) {
             value.assign(static_cast<const char*>(kvEntry_Value(e)), static_cast<std::size_t>(kvEntry_ValueLen(e)));
             revision = kvEntry_Revision(e);
-            lastSeen_ = std::max(lastSeen_, revision);
+            memory_.lastSeen = std::max(memory_.lastSeen, revision);
             kvEntry_Destroy(e);
+            remember(key, value, revision);
+        } else {
+            memory_.keys.erase(key);
         }
         return map(s, Result::Unreachable);
     }
@@ -140,7 +153,11 @@ public:
                 w.result = acknowledged(
                     std::string_view(natsMsg_GetData(msg), static_cast<std::size_t>(natsMsg_GetDataLength(msg))),
                     w.last == 0 && !w.wholeBucket ? Result::Exists : Result::Conflict, w.revision);
-                if (w.result == Result::Ok || w.wholeBucket) lastSeen_ = std::max(lastSeen_, w.revision);
+                if (w.result == Result::Ok || w.wholeBucket) memory_.lastSeen = std::max(memory_.lastSeen, w.revision);
+                if (w.result == Result::Ok && !w.erase)
+                    remember(w.key, w.value, w.revision);
+                else
+                    memory_.keys.erase(w.key);
                 --waiting;
             }
             natsMsg_Destroy(msg);
@@ -202,6 +219,10 @@ private:
                                                                                             : Result::Unreachable;
     }
     bool ready() const { return kv_ != nullptr && connected(nc_); }
+    void remember(const std::string& key, const std::string& value, std::uint64_t revision) {
+        if (memory_.keys.size() >= kMaxKnownKeys) memory_.keys.clear();
+        memory_.keys[key] = {value, revision};
+    }
     Result map(natsStatus s, Result refused) const {
         if (s == NATS_OK) return Result::Ok;
         if (s == NATS_NOT_FOUND) return Result::NotFound;
@@ -217,7 +238,7 @@ private:
     const std::string stream_;    // "KV_<bucket>"
     const std::string subjects_;  // "$KV.<bucket>."
     AckInbox& acks_;
-    std::uint64_t& lastSeen_;
+    BucketMemory& memory_;
 };
 
 }  // namespace
@@ -250,7 +271,7 @@ void BucketWorker::handle(Task& task) {
         }
     }
     kvStore* kv = acks_.sub != nullptr ? open(task.bucket) : nullptr;
-    NatsBucket bucket(nc_, js_, kv, prefix_ + "-" + task.bucket, acks_, lastSeen_[task.bucket]);
+    NatsBucket bucket(nc_, js_, kv, prefix_ + "-" + task.bucket, acks_, memory_[task.bucket]);
     auto done = task.work(bucket);
     if (done) asio::post(io_, std::move(done));
 }

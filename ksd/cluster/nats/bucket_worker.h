@@ -11,6 +11,7 @@
 #include <chrono>
 #include <map>
 #include <string>
+#include <unordered_map>
 
 #include "cluster/cluster_link.h"
 #include "util/work_thread.h"
@@ -24,6 +25,17 @@ struct AckInbox {
     std::string prefix;               // "<inbox>."
     std::uint64_t next = 0;
     std::chrono::milliseconds timeout{0};
+};
+
+// What the worker last heard of a bucket: its last revision, and keys as
+// last read or written here (a bounded few, possibly stale).
+struct BucketMemory {
+    struct Known {
+        std::string value;
+        std::uint64_t revision = 0;
+    };
+    std::uint64_t lastSeen = 0;
+    std::unordered_map<std::string, Known> keys;
 };
 
 class BucketWorker {
@@ -51,10 +63,10 @@ private:
     natsConnection* nc_;
     const std::string prefix_;
     const std::chrono::milliseconds timeout_;
-    jsCtx* js_ = nullptr;                   // worker only
-    AckInbox acks_;                         // worker only
-    std::map<std::string, kvStore*> open_;  // worker only
-    std::map<std::string, std::uint64_t> lastSeen_;  // worker only: each bucket's last revision as last heard
+    jsCtx* js_ = nullptr;                         // worker only
+    AckInbox acks_;                               // worker only
+    std::map<std::string, kvStore*> open_;        // worker only
+    std::map<std::string, BucketMemory> memory_;  // worker only
     WorkThread<Task> thread_;
 };
 

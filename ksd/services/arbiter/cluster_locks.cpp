@@ -35,8 +35,8 @@ std::string epochOfKey(const std::string& key) { return key.substr(key.rfind('.'
 
 // Renews an epoch key unless another node has ended it: Conflict then.
 Result stillLive(ClusterBucket& b, const std::string& key, std::uint64_t& written) {
-    const KeyWritten w = rewriteKey(
-        b, key, [](const std::optional<std::string>& value, std::uint64_t, std::uint64_t) {
+    const KeyWritten w = rewriteOwnKey(
+        b, key, std::string(locks::kDead), [](const std::optional<std::string>& value, std::uint64_t, std::uint64_t) {
             return value == locks::kLive ? std::optional<std::string>(locks::kLive) : std::nullopt;
         });
     written = w.revision;
@@ -439,8 +439,7 @@ void ClusterLocks::renew() {
     if (!live_ || renewing_) return;
     renewing_ = true;
     const std::string key = locks::epochKey(link_.node(), epoch_);
-    link_.runOnBucket(kBucket, [=, this, epoch = epoch_,
-                                alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
+    link_.runOnBucket(kBucket, [=, this, epoch = epoch_, alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
         const auto sent = Clock::now();
         std::uint64_t written = 0;
         const Result r = stillLive(b, key, written);
@@ -498,7 +497,7 @@ void ClusterLocks::epochSeen(const std::string& key, const std::string& value, s
         return;
     }
     EpochSeen& seen = epochs_[key];
-    if (seen.value == locks::kDead) return;  // for good
+    if (seen.value == locks::kDead) return;                          // for good
     if (revision <= seen.revision && value != locks::kDead) return;  // a replay of the watch
     seen = EpochSeen{value, revision, 0, Clock::now()};
     if (value == locks::kDead) epochDead(epochOfKey(key));
@@ -523,29 +522,28 @@ void ClusterLocks::checkOthers() {
         // The watch's own numbering may not be the leader's: after a refusal the
         // next try is made at the revision the leader gave.
         seen.since = now;
-        link_.runOnBucket(
-            kBucket, [=, this, k = key, watched = seen.revision, told = seen.leaderRevision,
-                      alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
-                const KeyWritten w = rewriteKey(
-                    b, k,
-                    [&](const std::optional<std::string>& value, std::uint64_t revision,
-                        std::uint64_t) -> std::optional<std::string> {
-                        if (value == locks::kLive && (revision == watched || revision == told))
-                            return std::string(locks::kDead);
-                        return std::nullopt;
-                    });
-                const Result r = w.result;
-                const std::string value = w.value.value_or(std::string());
-                const std::uint64_t revision = w.revision;
-                return std::function<void()>([=, this] {
-                    if (alive.expired() || r != Result::Ok) return;
-                    if (value == locks::kDead) {
-                        ORVO_LOG(4, "ksd: cluster locks: ended the silent epoch " << k << "; freeing its locks");
-                        return epochSeen(k, value, revision);
-                    }
-                    if (auto it = epochs_.find(k); it != epochs_.end()) it->second.leaderRevision = revision;
-                });
+        link_.runOnBucket(kBucket, [=, this, k = key, watched = seen.revision, told = seen.leaderRevision,
+                                    alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
+            const KeyWritten w =
+                rewriteOwnKey(b, k, std::string(locks::kDead),
+                              [&](const std::optional<std::string>& value, std::uint64_t revision,
+                                  std::uint64_t) -> std::optional<std::string> {
+                                  if (value == locks::kLive && (revision == watched || revision == told))
+                                      return std::string(locks::kDead);
+                                  return std::nullopt;
+                              });
+            const Result r = w.result;
+            const std::string value = w.value.value_or(std::string());
+            const std::uint64_t revision = w.revision;
+            return std::function<void()>([=, this] {
+                if (alive.expired() || r != Result::Ok) return;
+                if (value == locks::kDead) {
+                    ORVO_LOG(4, "ksd: cluster locks: ended the silent epoch " << k << "; freeing its locks");
+                    return epochSeen(k, value, revision);
+                }
+                if (auto it = epochs_.find(k); it != epochs_.end()) it->second.leaderRevision = revision;
             });
+        });
     }
     pollWhileTheWatchIsSilent();
     // Reaps that NATS did not take are asked again.

@@ -49,21 +49,20 @@ void handOn(LockRecord& r, std::int32_t code, const DeadEpochs& dead, std::uint6
     r.queue.erase(r.queue.begin());
 }
 
-// Reads the record, lets `change(record, position)` edit it (false: leave
-// it) and writes it at that position, again and again while other writes
-// come first. An absent record is an empty one.
+// Reads the record, lets `change(record, revision)` edit it (false: leave
+// it) and writes it over that revision, again and again while others' writes
+// to the record come first. An absent record is an empty one.
 template <typename Change>
 Written rewrite(ClusterBucket& b, const std::string& key, Change change) {
     Written w;
-    const KeyWritten k = rewriteKey(
-        b, key,
-        [&](const std::optional<std::string>& value, std::uint64_t, std::uint64_t position)
-            -> std::optional<std::string> {
-            if (!value || !decodeRecord(*value, w.record)) w.record = LockRecord{};
-            if (!change(w.record, position)) return std::nullopt;
-            ++w.record.version;
-            return encodeRecord(w.record);
-        });
+    const KeyWritten k = rewriteOwnKey(b, key, encodeRecord(LockRecord{}),
+                                       [&](const std::optional<std::string>& value, std::uint64_t,
+                                           std::uint64_t position) -> std::optional<std::string> {
+                                           if (!value || !decodeRecord(*value, w.record)) w.record = LockRecord{};
+                                           if (!change(w.record, position)) return std::nullopt;
+                                           ++w.record.version;
+                                           return encodeRecord(w.record);
+                                       });
     w.result = k.result;
     w.wrote = k.wrote;
     return w;
