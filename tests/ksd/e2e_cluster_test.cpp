@@ -221,6 +221,18 @@ TEST_F(ClusterEndToEnd, AUsersBudgetAndTheJobCountAreTheClustersWhateverTheNodeA
         ASSERT_EQ(counted(), std::to_string(before + i));
     }
     EXPECT_EQ(status(0, "cluster_jobs"), before + kCreates);
+
+    // The cap on live jobs is the cluster's too, and its last place is root's.
+    kstest::KsdProcess f;
+    const std::string cap = std::to_string(before + kCreates + 2);
+    ASSERT_TRUE(f.start({"--cluster", nats_.urls(), "--node", "F", "--max-jobs", cap, "--job-root-reserve", "1"}));
+    const auto twice = [&](const std::string& name) {
+        const std::string first = create(f, name + "-1");
+        return first + " " + create(f, name + "-2");
+    };
+    const std::string users = kstest::runAs(kstest::kOtherUid, [&] { return twice("cap"); });
+    EXPECT_TRUE(users.empty() || std::regex_match(users, std::regex("[1-9]\\d* -28"))) << users;
+    EXPECT_TRUE(std::regex_match(twice("root-cap"), std::regex("[1-9]\\d* -28")));
 }
 
 TEST_F(ClusterEndToEnd, NoAcknowledgedJobIsLostWhenANatsServerIsKilled) {

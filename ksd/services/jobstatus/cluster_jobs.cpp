@@ -17,10 +17,12 @@ using Result = ClusterBucket::Result;
 
 constexpr const char* kBucket = "jobs";
 constexpr const char* kCounter = "counter";
+// The number of live jobs of every user together.
+constexpr const char* kLive = "live";
 // Ids reserved at a time; the most a node's stop leaves unused.
 constexpr std::int64_t kIdBlock = 16;
-// Owners whose counts a node keeps between creates.
-constexpr std::size_t kMaxOwnersKnown = 4096;
+// Counts (owners' and the cluster's) a node keeps between creates.
+constexpr std::size_t kMaxCountsKnown = 4096;
 // Jobs a node keeps as last written, small ones only: a change to one of
 // them is a single round trip.
 constexpr std::size_t kMaxJobsKnown = 1024;
@@ -80,14 +82,14 @@ bool decode(std::string_view in, StoredJob& s) {
 }  // namespace
 
 // Touched on the cluster's worker only: the ids reserved and not yet handed
-// out, owners' counts and jobs as last read or written here.
+// out, live-job counts and jobs as last read or written here.
 struct Ledger {
     struct Count {
         std::int64_t jobs = 0;
         std::uint64_t revision = 0;  // 0: never written
     };
     std::int64_t nextId = 0, endId = 0;
-    std::unordered_map<uid_t, Count> owners;
+    std::unordered_map<std::string, Count> counts;  // by key
     std::unordered_map<std::int64_t, StoredJob> jobs;
 
     void remember(const StoredJob& s) {
@@ -130,38 +132,38 @@ std::int64_t claimId(ClusterBucket& b, Ledger& ledger) {
     return last + 1;
 }
 
-// The owner's count of live jobs as last read or written here; read again
-// when unknown or `fresh`. False when NATS did not answer.
-bool ownerCount(ClusterBucket& b, Ledger& ledger, uid_t owner, bool fresh, Ledger::Count& count) {
-    auto it = ledger.owners.find(owner);
-    if (it != ledger.owners.end() && !fresh) return count = it->second, true;
+// A count of live jobs (an owner's, or the cluster's) as last read or
+// written here; read again when unknown or `fresh`. False when NATS did not
+// answer.
+bool countOf(ClusterBucket& b, Ledger& ledger, const std::string& key, bool fresh, Ledger::Count& count) {
+    auto it = ledger.counts.find(key);
+    if (it != ledger.counts.end() && !fresh) return count = it->second, true;
     std::string value;
     count = {};
-    const Result r = b.get(ownerKey(owner), value, count.revision);
+    const Result r = b.get(key, value, count.revision);
     if (r == Result::Ok)
         count.jobs = toInt(value);
     else if (r != Result::NotFound)
         return false;
-    if (ledger.owners.size() >= kMaxOwnersKnown) ledger.owners.clear();
-    ledger.owners[owner] = count;
+    if (ledger.counts.size() >= kMaxCountsKnown) ledger.counts.clear();
+    ledger.counts[key] = count;
     return true;
 }
 
-// Adds `delta` to the owner's count. A count left one too high (NATS lost
-// between a job's deletion and this) makes its owner reach the budget a job
-// early, never pass it.
-void recount(ClusterBucket& b, Ledger& ledger, uid_t owner, std::int64_t delta) {
+// Adds `delta` to a count. A count left one too high (NATS lost between a
+// job's deletion and this) makes its limit reached a job early, never passed.
+void recount(ClusterBucket& b, Ledger& ledger, const std::string& key, std::int64_t delta) {
     for (int round = 0; round < kMaxRounds; ++round) {
         Ledger::Count c;
-        if (!ownerCount(b, ledger, owner, round > 0, c)) return;
+        if (!countOf(b, ledger, key, round > 0, c)) return;
         const std::int64_t jobs = std::max<std::int64_t>(c.jobs + delta, 0);
-        std::vector<ClusterBucket::Write> w{{ownerKey(owner), std::to_string(jobs), c.revision}};
+        std::vector<ClusterBucket::Write> w{{key, std::to_string(jobs), c.revision}};
         b.write(w);
         if (w[0].result == Result::Ok) {
-            ledger.owners[owner] = {jobs, w[0].revision};
+            ledger.counts[key] = {jobs, w[0].revision};
             return;
         }
-        ledger.owners.erase(owner);
+        ledger.counts.erase(key);
         if (w[0].result != Result::Conflict && w[0].result != Result::Exists) return;
     }
 }
@@ -192,23 +194,30 @@ std::int64_t claimName(ClusterBucket& b, const std::string& name, std::int64_t i
     return kUnreachable;
 }
 
-// The owner's count, the job and its name in one round trip in the common
-// case: the count at the revision last seen here, the job and name keys
-// never written before.
+// The counts, the job and its name in one round trip in the common case: the
+// counts at the revisions last seen here, the job and name keys never
+// written before.
 Outcome createIn(ClusterBucket& b, Ledger& ledger, const JobLimits& limits, const std::string& description,
                  const std::string& name, uid_t owner, const std::string& node) {
-    const bool budgeted = owner != 0;  // root is bound by no per-user limit
-    const auto full = [&](const Ledger::Count& c) {
-        return c.jobs >= static_cast<std::int64_t>(limits.maxJobsPerUser);
-    };
-    for (int round = 0; round < kMaxRounds; ++round) {
+    // What a create counts against: the owner's budget (root has none), then
+    // the cluster's cap, whose last places are root's.
+    struct Budget {
+        std::string key;
+        std::int64_t limit, refusal;
         Ledger::Count count;
-        if (budgeted) {
-            if (!ownerCount(b, ledger, owner, round > 0, count)) return Outcome{kUnreachable, {}, {}};
+    };
+    std::vector<Budget> budgets;
+    if (owner != 0) budgets.push_back({ownerKey(owner), static_cast<std::int64_t>(limits.maxJobsPerUser), -EDQUOT, {}});
+    const std::size_t reserve = owner == 0 ? 0 : std::min(limits.rootReserve, limits.maxJobs);
+    budgets.push_back({kLive, static_cast<std::int64_t>(limits.maxJobs - reserve), -ENOSPC, {}});
+    const std::size_t n = budgets.size();
+    for (int round = 0; round < kMaxRounds; ++round) {
+        for (Budget& g : budgets) {
+            if (!countOf(b, ledger, g.key, round > 0, g.count)) return Outcome{kUnreachable, {}, {}};
             // Full as known here: deletions on other nodes may have made room.
-            if (full(count) && round == 0 && !ownerCount(b, ledger, owner, true, count))
+            if (g.count.jobs >= g.limit && round == 0 && !countOf(b, ledger, g.key, true, g.count))
                 return Outcome{kUnreachable, {}, {}};
-            if (full(count)) return Outcome{-EDQUOT, {}, {}};
+            if (g.count.jobs >= g.limit) return Outcome{g.refusal, {}, {}};
         }
         const std::int64_t id = claimId(b, ledger);
         if (id < 0) return Outcome{id, {}, {}};
@@ -219,32 +228,39 @@ Outcome createIn(ClusterBucket& b, Ledger& ledger, const JobLimits& limits, cons
         s.job.owner = owner;
         s.node = node;
         std::vector<ClusterBucket::Write> w;
-        if (budgeted) w.push_back({ownerKey(owner), std::to_string(count.jobs + 1), count.revision});
+        for (const Budget& g : budgets) w.push_back({g.key, std::to_string(g.count.jobs + 1), g.count.revision});
         w.push_back({jobKey(id), encode(s), 0});
         w.push_back({nameKey(name), std::to_string(id), 0});
         b.write(w);
-        const Result counted = budgeted ? w.front().result : Result::Ok;
-        const Result job = w[w.size() - 2].result, claim = w.back().result;
-        if (budgeted && counted == Result::Ok) ledger.owners[owner] = {count.jobs + 1, w.front().revision};
-        if (budgeted && counted != Result::Ok) ledger.owners.erase(owner);
         const auto decided = [](Result r) { return r == Result::Ok || r == Result::Exists || r == Result::Conflict; };
+        bool allCounted = true, countsDecided = true;
+        for (std::size_t i = 0; i < n; ++i) {
+            allCounted = allCounted && w[i].result == Result::Ok;
+            countsDecided = countsDecided && decided(w[i].result);
+            if (w[i].result == Result::Ok)
+                ledger.counts[budgets[i].key] = {budgets[i].count.jobs + 1, w[i].revision};
+            else
+                ledger.counts.erase(budgets[i].key);
+        }
+        const Result job = w[n].result, claim = w[n + 1].result;
         std::int64_t reply = id;
-        if (!decided(counted) || job != Result::Ok || !decided(claim)) {
+        if (!countsDecided || job != Result::Ok || !decided(claim)) {
             reply = kUnreachable;
-        } else if (counted != Result::Ok) {
-            reply = 0;  // another node changed the count: again, counted afresh
+        } else if (!allCounted) {
+            reply = 0;  // another node changed a count: again, counted afresh
         } else if (claim != Result::Ok) {
             if (const std::int64_t r = claimName(b, name, id); r != 0) reply = r;
         }
         if (reply > 0) {
-            s.revision = w[w.size() - 2].revision;
+            s.revision = w[n].revision;
             ledger.remember(s);
             return Outcome{id, name, {JobEvent::Created}};
         }
         // The name undone first: while its job is there, nobody takes it over.
         if (claim == Result::Ok) b.erase(nameKey(name));
         if (job == Result::Ok) b.erase(jobKey(id));
-        if (budgeted && counted == Result::Ok) recount(b, ledger, owner, -1);
+        for (std::size_t i = 0; i < n; ++i)
+            if (w[i].result == Result::Ok) recount(b, ledger, budgets[i].key, -1);
         if (reply < 0) return Outcome{reply, {}, {}};
     }
     return Outcome{kUnreachable, {}, {}};
@@ -373,7 +389,8 @@ void ClusterJobs::remove(std::int64_t id, uid_t caller, Done done) {
                 if (w[0].result == Result::Conflict) continue;  // changed meanwhile: looked at again
                 if (w[0].result != Result::Ok) return Outcome{kUnreachable, {}, {}};
                 ledger->jobs.erase(id);
-                if (s.job.owner != 0) recount(b, *ledger, s.job.owner, -1);
+                if (s.job.owner != 0) recount(b, *ledger, ownerKey(s.job.owner), -1);
+                recount(b, *ledger, kLive, -1);
                 return Outcome{0, s.job.name, {JobEvent::Exit}};
             }
             return Outcome{kUnreachable, {}, {}};
