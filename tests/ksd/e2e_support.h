@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <future>
 #include <mutex>
 #include <thread>
 
@@ -50,11 +49,9 @@ protected:
     static void TearDownTestSuite() { delete std::exchange(ksd_, nullptr); }
     void SetUp() override { ASSERT_TRUE(ksd_ != nullptr && ksd_->isRunning()) << "ksd is not running"; }
 
-    // ks_client_helper running `steps` against this daemon.
+    // ks_client_helper running `steps` against this daemon (KSINTF_CONN_TYPE names it).
     static std::unique_ptr<kstest::ChildProcess> helper(const std::vector<std::string>& steps) {
-        auto child = std::make_unique<kstest::ChildProcess>(kstest::clientHelperProgram(), steps,
-                                                            std::map<std::string, std::string>{
-                                                                {"KSINTF_CONN_TYPE", ksd_->connType()}});
+        auto child = std::make_unique<kstest::ChildProcess>(kstest::clientHelperProgram(), steps);
         EXPECT_TRUE(child->started());
         return child;
     }

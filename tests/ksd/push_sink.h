@@ -8,10 +8,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <utility>
 
+#include "OrvoStreamConnection.h"
 #include "fake_daemon.h"
 
 namespace kstest {
@@ -38,12 +38,9 @@ public:
     ~PushSink() { stop(); }
     // Listening makes the caller the socket's owner, as the kernel tells peers.
     bool listen() {
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        std::memcpy(a.sun_path + 1, name_.data(), name_.size());
-        return ::bind(fd_, reinterpret_cast<sockaddr*>(&a), socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name_.size())) ==
-                   0 &&
-               ::listen(fd_, 16) == 0;
+        sockaddr_un a;
+        const unsigned size = OrvoNet::pipeAddress(name_, &a);
+        return ::bind(fd_, reinterpret_cast<sockaddr*>(&a), size) == 0 && ::listen(fd_, 16) == 0;
     }
     void stop() {  // the subscriber goes away
         push_.close();

@@ -30,7 +30,6 @@
 #include "OrvoTaskScheduler.h"
 #include "ResourceArbitrationCallback.h"
 #include "TaskSchedulerCallback.h"
-#include "away_from_midnight.h"
 #include "fake_daemon.h"
 #include "wait_until.h"
 

@@ -109,19 +109,14 @@ std::vector<Request> FakeDaemon::requests() const {
     return m_requests;
 }
 
-bool FakeDaemon::waitForRequests(std::size_t n) const {
+bool FakeDaemon::waitFor(const std::function<bool()>& done) const {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_requests.size() >= n; });
+    return m_changed.wait_for(lock, std::chrono::seconds(5), done);
 }
 
 int FakeDaemon::connectionCount() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_nConnections;
-}
-
-bool FakeDaemon::waitForClientClosed(int n) const {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return m_nClientClosed >= n; });
 }
 
 }  // namespace kstest

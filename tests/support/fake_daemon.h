@@ -5,14 +5,11 @@
 #ifndef KSTEST_FAKE_DAEMON_H
 #define KSTEST_FAKE_DAEMON_H
 
-#include <sys/types.h>
-
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <list>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -57,22 +54,32 @@ private:
 // Builds encoded wire bytes: Wire().addInt(0).addString("x").bytes().
 class Wire {
 public:
-    Wire& addShort(std::int16_t n);
-    Wire& addInt(std::int32_t n);
-    Wire& addLong(std::int64_t n);
-    Wire& addBool(bool b);
-    Wire& addString(std::string_view s);
-    Wire& addError(std::int32_t nCode, std::string_view sMessage);
-    Wire& addRaw(std::string_view s);
+    Wire& addShort(std::int16_t n) { return add(OrvoNet::Codec::putShort, n); }
+    Wire& addInt(std::int32_t n) { return add(OrvoNet::Codec::putInt, n); }
+    Wire& addLong(std::int64_t n) { return add(OrvoNet::Codec::putLong, n); }
+    Wire& addBool(bool b) { return add(OrvoNet::Codec::putBool, b); }
+    Wire& addString(std::string_view s) { return add(OrvoNet::Codec::putString, s); }
+    Wire& addError(std::int32_t nCode, std::string_view sMessage) {
+        OrvoNet::Codec::putError(m_sBytes, nCode, sMessage);
+        return *this;
+    }
+    Wire& addRaw(std::string_view s) {
+        m_sBytes += s;
+        return *this;
+    }
     const std::string& bytes() const { return m_sBytes; }
     operator const std::string&() const { return m_sBytes; }
 
 private:
+    template <typename Put, typename T>
+    Wire& add(Put put, T value) {
+        put(m_sBytes, value);
+        return *this;
+    }
     std::string m_sBytes;
 };
 
-// The head of a request as the client library writes it (protocol version,
-// magic, service, request name); the request's fields are added after it.
+// A request's head as the client library writes it; its fields are added after it.
 Wire requestWire(std::string_view sService, std::string_view sRequest);
 
 // The bytes of one push frame: tagged int id, tagged int length, payload.
@@ -86,8 +93,7 @@ public:
     WireClient(const WireClient&) = delete;
     WireClient& operator=(const WireClient&) = delete;
 
-    // "pipe:<name>" (abstract, or a path when it has a '/'), "socket:<host>:<port>" or
-    // "socket:<port>" (loopback). False when it cannot connect.
+    // "pipe:<name>" (a path when it has a '/'), "socket:<host>:<port>" or "socket:<port>".
     bool connect(const std::string& sAddress);
     bool isOpen() const { return m_fd >= 0; }
     int fd() const { return m_fd; }
@@ -98,18 +104,18 @@ public:
     }
     bool send(std::string_view sBytes);
     bool push(std::int32_t nId, std::string_view sPayload) { return send(encodeFrame(nId, sPayload)); }
-    // Reads one typed value (waits up to nTimeoutMs); false on timeout, end or a bad value.
+    // Reads one typed value; false on timeout, end or a bad value.
     bool readValue(OrvoNet::Codec::Value& value, int nTimeoutMs = 5000);
     // Reads a whole reply: its value (an integer, into nValue) and the trailer.
     bool readReply(std::int64_t& nValue, int nTimeoutMs = 5000);
-    // Reads exactly n raw bytes; false on timeout or end.
     bool readRaw(std::string& sOut, std::size_t n, int nTimeoutMs = 5000);
-    // Waits up to nTimeoutMs for the peer to close; true when it did (input before the end is discarded).
+    // True once the peer closed (what it sent before is discarded).
     bool waitPeerClosed(int nTimeoutMs = 5000);
     void close();
 
 private:
-    bool fill(int nTimeoutMs);
+    // Reads what comes within nTimeoutMs; false on time-out, or at the end (then sets *pbEnded).
+    bool fill(int nTimeoutMs, bool* pbEnded = nullptr);
     int m_fd = -1;
     std::string m_sIn;
 };
@@ -155,13 +161,17 @@ public:
     std::string connType() const { return "pipe:" + m_sName; }
 
     std::vector<Request> requests() const;
-    // Waits (bounded) until at least n requests are recorded; true if they are.
-    bool waitForRequests(std::size_t n) const;
     int connectionCount() const;
-    // Waits (bounded) until the client has closed n connections.
-    bool waitForClientClosed(int n) const;
+    // Bounded waits: true once n requests are recorded, or the client has closed n connections.
+    bool waitForRequests(std::size_t n) const {
+        return waitFor([&] { return m_requests.size() >= n; });
+    }
+    bool waitForClientClosed(int n) const {
+        return waitFor([&] { return m_nClientClosed >= n; });
+    }
 
 private:
+    bool waitFor(const std::function<bool()>& done) const;
     void serve(int fd, int nConnection);
     Reply next(Request r);
 

@@ -1,14 +1,14 @@
-// Child processes for end-to-end tests: ksd itself and ks_client_helper.
+// Child processes of the tests: ksd itself, other programs, and a child running as another user.
 #include "ksd_process.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "other_user.h"
 #include "wait_until.h"
 
 extern char** environ;
@@ -101,13 +102,13 @@ bool KsdProcess::start(const std::vector<std::string>& extraArgs) {
 int KsdProcess::stop() {
     if (pid_ <= 0) return -1;
     ::kill(pid_, SIGTERM);
-    return waitExit();
+    return reap(std::exchange(pid_, -1));
 }
 
 int KsdProcess::kill() {
     if (pid_ <= 0) return -1;
     ::kill(pid_, SIGKILL);
-    return waitExit();
+    return reap(std::exchange(pid_, -1));
 }
 
 bool KsdProcess::restart(bool hard) {
@@ -126,8 +127,6 @@ bool KsdProcess::isRunning() {
     pid_ = -1;
     return false;
 }
-
-int KsdProcess::waitExit() { return reap(std::exchange(pid_, -1)); }
 
 std::string KsdProcess::log() const {
     std::ifstream in(logFile_);
@@ -179,7 +178,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 }
 
 ChildProcess::~ChildProcess() {
-    closeStdin();
+    if (in_ >= 0) ::close(std::exchange(in_, -1));
     if (pid_ > 0) {
         ::kill(pid_, SIGKILL);
         wait();
@@ -209,37 +208,35 @@ bool ChildProcess::pump(int nTimeoutMs) {
     return true;
 }
 
-namespace {
-int msLeft(std::chrono::steady_clock::time_point end) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    return static_cast<int>(std::max<std::int64_t>(0, left.count()));
+bool ChildProcess::pumpUntil(const std::function<bool()>& done, int nTimeoutMs) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
+    for (;;) {
+        if (done()) return true;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !pump(static_cast<int>(left.count()))) return false;
+    }
 }
-}  // namespace
 
 bool ChildProcess::readLine(std::string& line, int nTimeoutMs) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
-    std::size_t nl;
-    while ((nl = buffer_.find('\n')) == std::string::npos)
-        if (msLeft(end) == 0 || !pump(msLeft(end))) return false;
+    if (!pumpUntil([&] { return buffer_.find('\n') != std::string::npos; }, nTimeoutMs)) return false;
+    const std::size_t nl = buffer_.find('\n');
     line = buffer_.substr(0, nl);
     buffer_.erase(0, nl + 1);
     return true;
 }
 
 std::string ChildProcess::waitForLine(const std::string& prefix, int nTimeoutMs) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
     std::string line;
-    for (;;) {
-        if (msLeft(end) == 0 || !readLine(line, msLeft(end))) return {};
-        if (line.rfind(prefix, 0) == 0) return line;
-    }
+    const auto found = [&] {
+        while (readLine(line, 0))
+            if (line.rfind(prefix, 0) == 0) return true;
+        return false;
+    };
+    return pumpUntil(found, nTimeoutMs) ? line : std::string();
 }
 
 bool ChildProcess::waitFor(const std::string& fragment, bool inStderr) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while ((inStderr ? errText_ : buffer_).find(fragment) == std::string::npos)
-        if (msLeft(end) == 0 || !pump(msLeft(end))) return false;
-    return true;
+    return pumpUntil([&] { return (inStderr ? errText_ : buffer_).find(fragment) != std::string::npos; }, 20000);
 }
 
 bool ChildProcess::writeLine(const std::string& line) {
@@ -255,17 +252,12 @@ bool ChildProcess::writeLine(const std::string& line) {
     return true;
 }
 
-void ChildProcess::closeStdin() {
-    if (in_ >= 0) ::close(in_);
-    in_ = -1;
-}
-
 void ChildProcess::signal(int nSignal) {
     if (pid_ > 0) ::kill(pid_, nSignal);
 }
 
 int ChildProcess::finish() {
-    closeStdin();
+    if (in_ >= 0) ::close(std::exchange(in_, -1));
     while (pump(-1)) {
     }
     return wait();
@@ -274,6 +266,77 @@ int ChildProcess::finish() {
 int ChildProcess::wait() {
     if (pid_ > 0) status_ = reap(std::exchange(pid_, -1));
     return status_;
+}
+
+namespace {
+// Write ends held for children still running: a later child must not inherit
+// them, or an earlier child would never see its end-of-file and never exit.
+std::vector<int>& openGoEnds() {
+    static std::vector<int> ends;
+    return ends;
+}
+}  // namespace
+
+std::unique_ptr<OtherUser> OtherUser::start(Body body, uid_t uid) {
+    if (::geteuid() != 0) return nullptr;
+    int result[2], go[2];
+    if (::pipe(result) != 0 || ::pipe(go) != 0) return nullptr;
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(result[0]);
+        ::close(go[1]);
+        for (int fd : openGoEnds()) ::close(fd);
+        if (::setgroups(0, nullptr) != 0 || ::setresgid(uid, uid, uid) != 0 || ::setresuid(uid, uid, uid) != 0)
+            ::_exit(97);
+        Keep keep;
+        const std::string out = body(keep);
+        for (std::size_t at = 0; at < out.size();) {
+            const ssize_t n = ::write(result[1], out.data() + at, out.size() - at);
+            if (n <= 0) break;
+            at += static_cast<std::size_t>(n);
+        }
+        ::close(result[1]);
+        char c;
+        while (::read(go[0], &c, 1) > 0) {
+        }
+        ::_exit(0);
+    }
+    ::close(result[1]);
+    ::close(go[0]);
+    std::unique_ptr<OtherUser> child(new OtherUser);
+    child->pid_ = pid;
+    child->resultFd_ = result[0];
+    child->goFd_ = go[1];
+    openGoEnds().push_back(go[1]);
+    return child;
+}
+
+OtherUser::~OtherUser() { finish(); }
+
+std::string OtherUser::result() {
+    std::string out;
+    if (resultFd_ < 0) return out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = ::read(resultFd_, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+    ::close(resultFd_);
+    resultFd_ = -1;
+    return out;
+}
+
+void OtherUser::finish() {
+    if (resultFd_ >= 0) result();
+    if (goFd_ >= 0) {
+        std::erase(openGoEnds(), goFd_);
+        ::close(goFd_);
+    }
+    goFd_ = -1;
+    if (pid_ > 0) reap(std::exchange(pid_, -1));
+}
+
+std::string runAs(uid_t uid, const std::function<std::string()>& fn) {
+    auto child = OtherUser::start([&](OtherUser::Keep&) { return fn(); }, uid);
+    return child ? child->result() : "";
 }
 
 }  // namespace kstest

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -15,13 +16,10 @@
 
 namespace kstest {
 
-// Directory of the build tree: $KS_TEST_BINARY_DIR, else the one this
-// support library was configured in.
+// The build tree: $KS_TEST_BINARY_DIR, else the one this library was configured in.
 std::string testBinaryDir();
-
-// Full paths of the programs tests run.
-std::string ksdProgram();           // <binary dir>/ksd/ksd
-std::string clientHelperProgram();  // <binary dir>/tests/support/ks_client_helper
+std::string ksdProgram();
+std::string clientHelperProgram();
 
 // One ksd child process. The pipe name and state directory are chosen at
 // construction and kept across restarts; the state directory (and ksd's
@@ -37,9 +35,8 @@ public:
     // (bounded, 20 s) until its pipe accepts. False when it exited or never
     // accepted; the child is then reaped or killed. True if already running.
     bool start(const std::vector<std::string>& extraArgs = {});
-    // SIGTERM and wait: the exit status (128 + signal when killed), -1 if not running.
+    // SIGTERM (SIGKILL) and wait: the exit status (128 + signal when killed), -1 if not running.
     int stop();
-    // SIGKILL and wait: as stop().
     int kill();
     // stop() (or kill() when `hard`), then start() with the same arguments.
     bool restart(bool hard = false);
@@ -59,8 +56,6 @@ public:
     int tcpPort() const;
 
 private:
-    int waitExit();
-
     ScopedTempDir root_;  // holds state/ and ksd.log
     std::string stateDir_;
     std::string logFile_;
@@ -83,18 +78,16 @@ public:
 
     bool started() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
-    // One line of its stdout without the newline; false on end or after nTimeoutMs.
+    // Bounded reads of its stdout, false or empty on end or time-out: one line (without the
+    // newline); lines until one starts with `prefix`; until stdout (or stderr) holds `fragment`.
     bool readLine(std::string& line, int nTimeoutMs = 20000);
-    // Reads lines until one starts with `prefix`; returns it (empty on end or time-out).
     std::string waitForLine(const std::string& prefix, int nTimeoutMs = 20000);
-    // Reads until its stdout (or stderr) holds `fragment`; false on end or after 20 s.
     bool waitFor(const std::string& fragment, bool inStderr = false);
     bool writeLine(const std::string& line);
-    void closeStdin();
     void signal(int nSignal);
     // Waits for the exit: the exit status (128 + signal when killed by one).
     int wait();
-    // Closes stdin, reads its output to the end, then waits for the exit.
+    // Closes its stdin, reads its output to the end, then waits for the exit.
     int finish();
     // What it printed and readLine has not taken; what it printed on stderr.
     const std::string& out() const { return buffer_; }
@@ -103,6 +96,8 @@ public:
 private:
     // One poll of the output pipes: false on time-out, or once both have ended.
     bool pump(int nTimeoutMs);
+    // Pumps until `done` holds (true) or nTimeoutMs pass or the output ends (false).
+    bool pumpUntil(const std::function<bool()>& done, int nTimeoutMs);
 
     pid_t pid_ = -1;
     int in_ = -1;   // its stdin (our write end)

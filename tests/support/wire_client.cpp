@@ -1,5 +1,6 @@
-// WireClient: a plain blocking socket with bounded reads, written without the
-// connection library so that it checks that library rather than mirroring it.
+// Unique names, scoped environment and directories, request and frame bytes,
+// and WireClient: a plain blocking socket with bounded reads, written without
+// the connection library so that it checks that library rather than mirroring it.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -7,10 +8,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <stdexcept>
 
 #include "fake_daemon.h"
 
@@ -18,28 +22,63 @@ namespace kstest {
 
 namespace Codec = OrvoNet::Codec;
 
+std::string uniqueName(const std::string& sPrefix) {
+    static std::atomic<int> s_nCounter{0};
+    return sPrefix + "-" + std::to_string(getpid()) + "-" + std::to_string(++s_nCounter);
+}
+
+ScopedEnv::ScopedEnv(std::string sName, const std::string& sValue) : m_sName(std::move(sName)) {
+    if (const char* pszOld = std::getenv(m_sName.c_str())) m_old = pszOld;
+    setenv(m_sName.c_str(), sValue.c_str(), 1);
+}
+
+ScopedEnv::~ScopedEnv() {
+    if (m_old)
+        setenv(m_sName.c_str(), m_old->c_str(), 1);
+    else
+        unsetenv(m_sName.c_str());
+}
+
+ScopedTempDir::ScopedTempDir(const std::string& sPrefix) {
+    const char* pszBase = std::getenv("TMPDIR");
+    std::string sTemplate = std::string(pszBase && *pszBase ? pszBase : "/tmp") + "/" + sPrefix + "-XXXXXX";
+    if (!mkdtemp(sTemplate.data())) throw std::runtime_error("mkdtemp failed for " + sTemplate);
+    m_sPath = sTemplate;
+}
+
+ScopedTempDir::~ScopedTempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(m_sPath, ec);
+}
+
+Wire requestWire(std::string_view sService, std::string_view sRequest) {
+    return Wire()
+        .addShort(OrvoNet::Protocol::kProtocolVersion)
+        .addShort(OrvoNet::Protocol::kMagic)
+        .addString(sService)
+        .addString(sRequest);
+}
+
+std::string encodeFrame(std::int32_t nId, std::string_view sPayload) {
+    return Wire().addInt(nId).addInt(static_cast<std::int32_t>(sPayload.size())).addRaw(sPayload).bytes();
+}
+
 namespace {
 
+int connectTo(int nFamily, const void* pAddr, socklen_t nLen) {
+    const int fd = socket(nFamily, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && ::connect(fd, static_cast<const sockaddr*>(pAddr), nLen) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
+}
+
+// A name with a '/' is a path (ends with a NUL); any other is abstract (starts with one).
 int connectPipe(const std::string& sName) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    socklen_t nLen;
-    if (sName.find('/') != std::string::npos) {
-        if (sName.size() >= sizeof(addr.sun_path)) return -1;
-        std::memcpy(addr.sun_path, sName.data(), sName.size());
-        nLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sName.size() + 1);
-    } else {
-        if (sName.size() + 1 > sizeof(addr.sun_path)) return -1;
-        std::memcpy(addr.sun_path + 1, sName.data(), sName.size());
-        nLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + sName.size());
-    }
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), nLen) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    if (sName.size() + 1 > sizeof(addr.sun_path)) return -1;
+    std::memcpy(addr.sun_path + (sName.find('/') == std::string::npos), sName.data(), sName.size());
+    return connectTo(AF_UNIX, &addr, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + sName.size()));
 }
 
 int connectTcp(const std::string& sHost, int nPort) {
@@ -47,13 +86,7 @@ int connectTcp(const std::string& sHost, int nPort) {
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<std::uint16_t>(nPort));
     if (inet_pton(AF_INET, sHost.empty() ? "127.0.0.1" : sHost.c_str(), &addr.sin_addr) != 1) return -1;
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    return connectTo(AF_INET, &addr, sizeof addr);
 }
 
 }  // namespace
@@ -88,7 +121,7 @@ bool WireClient::send(std::string_view sBytes) {
     return true;
 }
 
-bool WireClient::fill(int nTimeoutMs) {
+bool WireClient::fill(int nTimeoutMs, bool* pbEnded) {
     if (m_fd < 0) return false;
     pollfd p{m_fd, POLLIN, 0};
     int r;
@@ -96,8 +129,11 @@ bool WireClient::fill(int nTimeoutMs) {
     while (r < 0 && errno == EINTR);
     if (r <= 0) return false;
     char buf[65536];
-    ssize_t n = ::recv(m_fd, buf, sizeof buf, 0);
-    if (n <= 0) return false;
+    const ssize_t n = ::recv(m_fd, buf, sizeof buf, 0);
+    if (n <= 0) {
+        if (pbEnded) *pbEnded = true;
+        return false;
+    }
     m_sIn.append(buf, static_cast<std::size_t>(n));
     return true;
 }
@@ -134,16 +170,9 @@ bool WireClient::readRaw(std::string& sOut, std::size_t n, int nTimeoutMs) {
 }
 
 bool WireClient::waitPeerClosed(int nTimeoutMs) {
-    if (m_fd < 0) return true;
-    for (;;) {
-        pollfd p{m_fd, POLLIN, 0};
-        int r = ::poll(&p, 1, nTimeoutMs);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
-        char buf[4096];
-        ssize_t n = ::recv(m_fd, buf, sizeof buf, 0);
-        if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) return true;
-    }
+    bool bEnded = m_fd < 0;
+    while (fill(nTimeoutMs, &bEnded)) m_sIn.clear();
+    return bEnded;
 }
 
 void WireClient::close() {
