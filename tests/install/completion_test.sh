@@ -20,15 +20,10 @@ expect() {  # expect "<words...>" <word that must be offered> [<word that must n
 }
 
 expect "ksctl st" status subscribe
-expect "ksctl " job
 expect "ksctl --pipe p jo" job
 expect "ksctl job c" create
 expect "ksctl --json job " list status
-expect "ksctl task bl" blob-put
 expect "ksctl publish ev --" --data-file
-expect "ksctl ev" events
-expect "ksctl --json events --" --locks
-expect "ksctl task schedule n prog --" --every
 expect "ksctl task schedule n prog --log /tmp/x --" --dir
 expect "ksctl task schedule n prog --every " weekly
 expect "ksctl task schedule n prog --dir /" /tmp

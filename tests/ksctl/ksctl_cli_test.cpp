@@ -162,23 +162,19 @@ TEST_F(KsctlCli, SubscribePrintsWhatIsPublishedAndUnregistersOnCountOrSignal) {
     }
 }
 
-TEST_F(KsctlCli, LockRunsTheCommandAndPassesItsStatusOn) {
+TEST_F(KsctlCli, LockRunsTheCommandPassesItsStatusOnAndTimesOutWhileHeld) {
     EXPECT_EQ(outcome(run({"lock", "printer", "--", "sh", "-c", "echo held; exit 7"})), "7|held\n|");
     EXPECT_EQ(run({"lock", "printer", "--timeout", "0", "--", "sh", "-c", "kill -KILL $$"}).exitCode, 128 + SIGKILL);
     RunResult missing = run({"lock", "printer", "--", "/nonexistent/ksctl-test-program"});
     EXPECT_EQ(missing.exitCode, 127);
     expectOneErrorLine(missing, "cannot run /nonexistent/ksctl-test-program");
-}
 
-TEST_F(KsctlCli, LockTimesOutWhileHeldAndIsFreeAfterTheHolderStops) {
     kstest::ScopedTempDir dir;
     const std::string marker = dir.path() + "/holding";
     KsctlRun holder(cmd({"lock", "disk0", "--", "sh", "-c", "touch " + marker + "; exec sleep 600"}));
     ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(marker); }));
-
     EXPECT_EQ(outcome(run({"lock", "disk0", "--timeout", "0", "--", "echo", "never"})),
               "3||ksctl: lock disk0: not granted within 0 ms\n");
-
     // SIGTERM reaches the command through ksctl, which then unlocks.
     holder.signal(SIGTERM);
     EXPECT_EQ(holder.result().exitCode, 128 + SIGTERM);
@@ -186,12 +182,19 @@ TEST_F(KsctlCli, LockTimesOutWhileHeldAndIsFreeAfterTheHolderStops) {
     EXPECT_EQ(run({"locks"}).out, "no locks held\n");
 }
 
-TEST_F(KsctlCli, JobCommandsPrintBareNumbersForScriptsAndSentencesOnStderr) {
+TEST_F(KsctlCli, JobCommandsAndStatusPrintBareNumbersForScriptsAndSentencesOnStderr) {
     RunResult created = run({"job", "create", "backup", "--description", "nightly backup"}, true);
     ASSERT_EQ(created.exitCode, 0) << created.err;
     const std::string id = member(created.out, "id");
     ASSERT_EQ(id.find_first_not_of("0123456789"), std::string::npos) << created.out;
     EXPECT_EQ(run({"job", "lookup", "backup"}).out, id + "\n");
+    const RunResult s = run({"status"}, true);
+    // The asking client is not among the connections.
+    EXPECT_EQ(member(s.out, "jobs") + " " + member(s.out, "locks_held") + " " + member(s.out, "connections") + " " +
+                  member(s.out, "version") + " " + member(s.out, "state_dir") + " " + member(s.out, "pipe"),
+              "1 0 0 " KS_VERSION " " + ksd_.stateDir() + " " + ksd_.pipeName());
+    const std::string human = run({"status"}).out;  // name/value lines, not JSON
+    EXPECT_TRUE(human.find("locks_held") != std::string::npos && human.find('{') == std::string::npos) << human;
     const RunResult verbose = run({"--verbose", "job", "create", "second"});
     EXPECT_EQ(verbose.err, "job " + lines(verbose.out).at(0) + " created: second\n");
     EXPECT_EQ(run({"job", "delete", "second"}).exitCode, 0);
@@ -220,18 +223,6 @@ TEST_F(KsctlCli, ACancelledJobEndsItsWatcherAndErrorsSayWhy) {
     expectOneErrorLine(tooLong, "1024 bytes");
     EXPECT_LT(tooLong.err.size(), 300u) << "the name is not echoed back whole";
     expectOneErrorLine(run({"job", "cancel", "nosuch"}), "no job has that name");
-}
-
-TEST_F(KsctlCli, StatusCountsWhatTheDaemonHolds) {
-    ASSERT_EQ(run({"job", "create", "one"}).exitCode, 0);
-    const RunResult s = run({"status"}, true);
-    ASSERT_EQ(s.exitCode, 0) << s.err;
-    // The asking client is not among the connections.
-    EXPECT_EQ(member(s.out, "jobs") + " " + member(s.out, "locks_held") + " " + member(s.out, "connections") + " " +
-                  member(s.out, "version") + " " + member(s.out, "state_dir") + " " + member(s.out, "pipe"),
-              "1 0 0 " KS_VERSION " " + ksd_.stateDir() + " " + ksd_.pipeName());
-    const std::string human = run({"status"}).out;  // name/value lines, not JSON
-    EXPECT_TRUE(human.find("locks_held") != std::string::npos && human.find('{') == std::string::npos) << human;
 }
 
 TEST_F(KsctlCli, EveryManPageExampleRunsAsWritten) {
@@ -294,27 +285,26 @@ TEST_F(KsctlCli, JobWatchSaysKsdWentAwayAndGoesOnWhenItIsBack) {
     ASSERT_TRUE(watch.waitFor("progress"));
     ASSERT_EQ(ksd_.stop(), 0);
     ASSERT_TRUE(watch.waitFor("lost ksd at pipe " + ksd_.pipeName(), true));
-    ASSERT_TRUE(ksd_.start()) << ksd_.log();
+    ASSERT_TRUE(ksd_.start({"--tcp-port", "0", "--log-level", "error"})) << ksd_.log();  // the ready line names the port
     ASSERT_TRUE(watch.waitFor("is back", true));
+    // --tcp-port reaches the same ksd over loopback.
+    EXPECT_EQ(outcome(runKsctl({"--tcp-port", std::to_string(ksd_.tcpPort()), "job", "lookup", "across"})),
+              outcome(run({"job", "lookup", "across"})));
     EXPECT_EQ(run({"job", "progress", "across", "100"}).exitCode, 0);
     const RunResult watched = watch.result();
     EXPECT_EQ(watched.exitCode, 0) << watched.err;
     EXPECT_EQ(member(lines(watched.out).back(), "event"), "completed") << watched.out;
 }
 
-TEST_F(KsctlCli, TheTcpPortOptionReachesKsdOverLoopback) {
-    ksd_.stop();
-    ASSERT_TRUE(ksd_.start({"--tcp-port", "0", "--log-level", "error"})) << ksd_.log();  // the ready line names the port
-    const RunResult created = runKsctl({"--tcp-port", std::to_string(ksd_.tcpPort()), "job", "create", "remote"});
-    EXPECT_EQ(outcome(run({"job", "lookup", "remote"})), outcome(created));
-}
-
 // ksctl events: the daemon's job, lock and task events as lines in the order they happened.
-TEST_F(KsctlCli, EventsOfEveryKindArriveAsJsonLinesInTheOrderTheyHappened) {
+TEST_F(KsctlCli, EventsArriveAsJsonLinesInTheOrderTheyHappenedAndAKindFilterShowsOnlyItsKind) {
     const RunResult scheduled = run({"task", "schedule", "later", "/bin/true", "--at", timeIn(3600)}, true);
     ASSERT_EQ(scheduled.exitCode, 0) << scheduled.err;
     const std::string handle = member(scheduled.out, "handle");
 
+    KsctlRun locksOnly(cmd({"events", "--locks", "--count", "1"}));
+    ASSERT_TRUE(subscribed("OrvoRAEvent:*"));
+    EXPECT_EQ(operatorQuery(ksd_.connType(), "subscriptions").find("OrvoJSEvent"), std::string::npos);
     KsctlRun events(cmd({"events", "--count", "6"}, true));
     ASSERT_TRUE(subscribed("OrvoTSEvent:*"));  // registered last
     ASSERT_EQ(run({"job", "create", "backup"}).exitCode, 0);
@@ -322,6 +312,9 @@ TEST_F(KsctlCli, EventsOfEveryKindArriveAsJsonLinesInTheOrderTheyHappened) {
     ASSERT_EQ(run({"lock", "disk0", "--", "true"}).exitCode, 0);
     ASSERT_EQ(run({"task", "cancel", handle}).exitCode, 0);
 
+    const RunResult locks = locksOnly.result();
+    EXPECT_EQ(locks.exitCode, 0) << locks.err;
+    EXPECT_EQ(locks.out.substr(23), " lock disk0: locked (1)\n") << "the job's events came first, and are not shown";
     const RunResult got = events.result();
     EXPECT_EQ(std::to_string(got.exitCode) + got.err, "0");
     std::vector<std::string> seen;
@@ -334,17 +327,6 @@ TEST_F(KsctlCli, EventsOfEveryKindArriveAsJsonLinesInTheOrderTheyHappened) {
                                         "lock disk0 locked 1", "lock disk0 unlocked 0", "task " + handle + " exit -1"}))
         << got.out;
     EXPECT_EQ(operatorQuery(ksd_.connType(), "subscriptions"), "[]") << "unsubscribed at the end";
-}
-
-TEST_F(KsctlCli, AnEventsKindFilterShowsOnlyThatKind) {
-    KsctlRun locksOnly(cmd({"events", "--locks", "--count", "1"}));
-    ASSERT_TRUE(subscribed("OrvoRAEvent:*"));
-    EXPECT_EQ(operatorQuery(ksd_.connType(), "subscriptions").find("OrvoJSEvent"), std::string::npos);
-    ASSERT_EQ(run({"job", "create", "quiet"}).exitCode, 0);
-    ASSERT_EQ(run({"lock", "printer", "--", "true"}).exitCode, 0);
-    const RunResult got = locksOnly.result();
-    EXPECT_EQ(got.exitCode, 0) << got.err;
-    EXPECT_EQ(got.out.substr(23), " lock printer: locked (1)\n") << "the job's event came first, and is not shown";
 }
 
 // ksctl task: a program task and a blob task through every subcommand.

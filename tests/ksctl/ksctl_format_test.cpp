@@ -62,22 +62,9 @@ TEST(KsctlOutput, PreviewsAndLines) {
     EXPECT_EQ(oneLine("a\nb\tc\\d\x01\x7f <x/>"), "a\\nb\\tc\\\\d\\x01\\x7f <x/>");
 }
 
-TEST(KsctlOutput, TablesAlignColumnsOverEveryKey) {
-    EXPECT_EQ(renderTable(*parseJson(R"([{"id":1,"name":"backup"},{"id":12,"apps":[3,4]},7])")),
-              "id  name    apps  value\n"
-              "1   backup  -     -\n"
-              "12  -       3,4   -\n"
-              "-   -       -     7\n");
+TEST(KsctlOutput, FieldsAlignAndShowAUidsName) {
     EXPECT_EQ(renderFields(*parseJson(R"({"connections":2,"by_service":{"a":1},"name":"k\nsd","owner_uid":0})")),
               "connections  2\nby_service   {\"a\":1}\nname         k\\nsd\nowner_uid    0 (root)\n");
-}
-
-TEST(KsctlResults, WordsDependOnTheFamilyAndTransportIsToldApart) {
-    EXPECT_EQ(resultWords(Domain::Job, -2) + "/" + resultWords(Domain::Lock, -2), "no such job/no such lock handle");
-    EXPECT_EQ(resultWords(Domain::Job, -38), "not supported by this ksd");  // generic fallback
-    EXPECT_TRUE(isTransportFailure(-111) && isTransportFailure(-104));
-    EXPECT_FALSE(isTransportFailure(-2) || isTransportFailure(-17) || mayBeTransportFailure(-17));
-    EXPECT_TRUE(mayBeTransportFailure(-2));  // missing socket path, or "no such job"
 }
 
 TEST(KsctlDaemonEvents, LinesNameTheKindAndMeaningAndSkipWhatIsNotADaemonEvent) {
@@ -86,10 +73,6 @@ TEST(KsctlDaemonEvents, LinesNameTheKindAndMeaningAndSkipWhatIsNotADaemonEvent) 
     const std::string at = timeText({});
     EXPECT_EQ(formatDaemonEvent({"OrvoRAEvent:*", "tape\n1", code(-1)}, false),
               at + " lock tape\\n1: holder-ended (-1)");
-    EXPECT_EQ(formatDaemonEvent({"OrvoTSEvent:*", "12", code(2)}, true),
-              R"({"time":")" + at + R"(","kind":"task","handle":12,"code":2,"event":"waiting"})");
-    EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:*", "j\"", code(9)}, true),
-              R"({"time":")" + at + R"(","kind":"job","name":"j\"","code":9,"event":"unknown"})");
     EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:*", "short", "\x02"}, false), std::nullopt) << "payload under 4 bytes";
     EXPECT_EQ(formatDaemonEvent({"OrvoTSEvent:*", "x1", code(0)}, true), std::nullopt) << "no number, no JSON";
     EXPECT_EQ(formatDaemonEvent({"OrvoJSEvent:b$", "b", code(2)}, false), std::nullopt);
@@ -97,24 +80,13 @@ TEST(KsctlDaemonEvents, LinesNameTheKindAndMeaningAndSkipWhatIsNotADaemonEvent) 
 
 TEST(KsctlPageSkim, FindsTheLastItemsKeyPastStringsAndNesting) {
     const std::pair<const char*, std::optional<std::int64_t>> cases[] = {
-        {R"([{"id":1},{"id":2}])", 2},
         {R"( [ {"id" : 1} , { "name" : "x" , "id" : 42 } ] )", 42},
         // Strings that look like structure or like the key itself.
         {R"([{"id":1,"name":"],{\"id\":99}"},{"name":"a\\","id":7,"d":"\"id\":8"}])", 7},
-        {R"([{"id":5,"d":"{\"id\":6},{\"id\":7}"}])", 5},
-        {R"([{"id":1,"d":"\"},{\"id\":2"}])", 1},
         // The key inside a nested member is not the item's.
         {R"([{"meta":{"id":3,"ids":[4,{"id":5}]},"id":9}])", 9},
         {R"([{"id":1},{"meta":{"id":3}}])", std::nullopt},
-        {R"([{"id":-4}])", -4},
-        {R"([{"id":1.5}])", std::nullopt},
-        {R"([{"id":"7"}])", std::nullopt},
-        {R"([{"idx":7}])", std::nullopt},
-        {"[]", std::nullopt},
-        {R"([1,2])", std::nullopt},
-        {R"({"id":1})", std::nullopt},
         {R"([{"id":1},{"id":2)", std::nullopt},  // cut short
-        {R"([{"name":"never closed)", std::nullopt},
     };
     for (const auto& [page, key] : cases) EXPECT_EQ(skimLastKey(page, "id"), key) << page;
     EXPECT_EQ(skimLastKey(R"([{"seq":3,"id":1}])", "seq"), 3);
