@@ -1,18 +1,13 @@
-// Shared by the end-to-end tests: one real ksd process per test program
-// (the client library's shared connection keeps the first address it used),
-// event collectors for the C callbacks, the operator's query, and helper processes pointed at the daemon.
+// Shared by the end-to-end tests: one real ksd process per test program (the client
+// library's shared connection keeps the first address it used), event collectors for
+// the C callbacks, the operator's query, and helper processes pointed at the daemon.
 #pragma once
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
-#include "OrvoNotificationNetwork.h"
-#include "fake_daemon.h"
 #include "ksd_process.h"
 #include "wait_until.h"
 

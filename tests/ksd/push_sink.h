@@ -20,7 +20,8 @@ class PushSink {
 public:
     enum Kind { Pipe, Tcp, PipeNotListening };
     explicit PushSink(Kind kind = Pipe)
-        : name_(uniqueName("kstest-sink")), fd_(::socket(kind == Tcp ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        : name_(uniqueName("kstest-sink")),
+          fd_(::socket(kind == Tcp ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         if (kind == Tcp) {
             sockaddr_in a{};
             a.sin_family = AF_INET;

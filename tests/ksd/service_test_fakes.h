@@ -14,8 +14,12 @@ namespace ksdtest {
 
 class FakeResponder final : public ksd::Responder {
 public:
-    void reply(std::string fields) override { if (++answers == 1 && open) replied = std::move(fields); }
-    void fail(int code, std::string_view) override { if (++answers == 1 && open) failCode = code; }
+    void reply(std::string fields) override {
+        if (++answers == 1 && open) replied = std::move(fields);
+    }
+    void fail(int code, std::string_view) override {
+        if (++answers == 1 && open) failCode = code;
+    }
     bool isOpen() const override { return open; }
     void onClose(std::function<void()> handler) override { closeHandler = std::move(handler); }
     // The peer hangs up: the close handler runs unless an answer went out.
@@ -27,13 +31,16 @@ public:
     // The reply's one long or int, decoded; nullopt when there is none or it is not one long.
     std::optional<std::int64_t> value() const {
         OrvoNet::Codec::Value v;
-        std::size_t used = 0; int error = 0;
-        if (!replied || OrvoNet::Codec::decode(replied->data(), replied->size(), v, used, error) !=
-                            OrvoNet::Codec::Result::good || (v.tag != OrvoNet::Codec::kTagLong && v.tag != OrvoNet::Codec::kTagInt) || used != replied->size())
+        std::size_t used = 0;
+        int error = 0;
+        if (!replied ||
+            OrvoNet::Codec::decode(replied->data(), replied->size(), v, used, error) != OrvoNet::Codec::Result::good ||
+            (v.tag != OrvoNet::Codec::kTagLong && v.tag != OrvoNet::Codec::kTagInt) || used != replied->size())
             return std::nullopt;
         return v.integer;
     }
-    bool open = true; int answers = 0;
+    bool open = true;
+    int answers = 0;
     std::optional<std::string> replied;
     std::optional<int> failCode;
     std::function<void()> closeHandler;

@@ -1,9 +1,8 @@
-#ifndef KSTEST_DAEMON_THREAD_H
-#define KSTEST_DAEMON_THREAD_H
-
 // A Daemon running on a thread of its own, for tests and benchmarks that
 // want a real daemon in-process. Listening when constructed; stopped and
 // joined when destroyed.
+#ifndef KSTEST_DAEMON_THREAD_H
+#define KSTEST_DAEMON_THREAD_H
 
 #include <asio/post.hpp>
 #include <future>
@@ -22,7 +21,6 @@ public:
     ~DaemonThread() {
         daemon_->stop();
         thread_.join();
-        daemon_.reset();
     }
     DaemonThread(const DaemonThread&) = delete;
     DaemonThread& operator=(const DaemonThread&) = delete;

@@ -1,26 +1,22 @@
-// ks_client_helper: a second (or third) client process for end-to-end tests.
-// Runs its arguments as a script of libksintf calls, one step after the
-// other, and prints one line per step on stdout (flushed at once), so the
-// test can follow along:
-//   lock NAME MS        -> "lock <handle>"
-//   unlock H|last       -> "unlock <result>"   (last: the handle of the last lock)
-//   create NAME DESC    -> "create <id>"
-//   progress ID P       -> "progress <result>"
-//   watch-lock NAME     -> "watch-lock <registration>", then "ra-event <name> <code>" per event
-//   watch-job NAME      -> "watch-job <registration>", then "js-event <name> <code>" per event
+// ks_client_helper: a second (or third) client process for end-to-end tests,
+// talking to the daemon KSINTF_CONN_TYPE names. Runs its arguments as a script
+// of steps and prints one line per step at once, so the test can follow along.
+// The library calls (`calls` below) print "<step> <result>"; "unlock last" takes
+// the last lock's handle; watches print "ra-event|js-event <name> <code>" per event.
 //   cycle NAME MS HOLD  -> for MS milliseconds: lock (5 s time-out), hold HOLD ms, unlock; per grant
 //                          "held <handle> <granted ns> <released ns>" (CLOCK_MONOTONIC, one for all
 //                          processes), per failed lock "lock <result>"; then "cycle done"
 //   sleep MS            -> "sleep done"
 //   wait                -> "waiting", then "wait done" once a line (or end) arrives on stdin
 //   hang                -> "hanging", then sleeps until killed
-// The daemon is the one KSINTF_CONN_TYPE names.
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -53,33 +49,26 @@ void onJobEvent(const char* name, tOrvoJSEEvent event) {
 
 int main(int argc, char** argv) {
     long lastHandle = -1;
+    const auto handle = [&](const std::string& h) { return h == "last" ? lastHandle : std::stol(h); };
+    // Step name -> its number of arguments and the call it makes.
+    const std::map<std::string, std::pair<int, std::function<long(char**)>>> calls = {
+        {"lock", {2, [&](char** a) { return lastHandle = OrvoRAResourceLock(a[0], std::stoi(a[1])); }}},
+        {"unlock", {1, [&](char** a) { return OrvoRAResourceUnlock(handle(a[0])); }}},
+        {"create", {2, [](char** a) { return OrvoJSECreateJob(a[1], a[0]); }}},
+        {"progress", {2, [](char** a) { return OrvoJSESetJobProgress(std::stoi(a[0]), std::stoi(a[1])); }}},
+        {"watch-lock", {1, [](char** a) { return OrvoRARegisterForNotification(a[0], onLockEvent); }}},
+        {"watch-job", {1, [](char** a) { return OrvoJSERegisterForNotification(a[0], onJobEvent); }}},
+    };
     for (int i = 1; i < argc; ++i) {
         const std::string step = argv[i];
         auto arg = [&](int k) -> std::string {
             if (i + k >= argc) usage("'" + step + "' needs more arguments");
             return argv[i + k];
         };
-        if (step == "lock") {
-            lastHandle = OrvoRAResourceLock(arg(1).c_str(), std::stoi(arg(2)));
-            say("lock " + std::to_string(lastHandle));
-            i += 2;
-        } else if (step == "unlock") {
-            const std::string h = arg(1);
-            const long handle = h == "last" ? lastHandle : std::stol(h);
-            say("unlock " + std::to_string(OrvoRAResourceUnlock(handle)));
-            i += 1;
-        } else if (step == "create") {
-            say("create " + std::to_string(OrvoJSECreateJob(arg(2).c_str(), arg(1).c_str())));
-            i += 2;
-        } else if (step == "progress") {
-            say("progress " + std::to_string(OrvoJSESetJobProgress(std::stoi(arg(1)), std::stoi(arg(2)))));
-            i += 2;
-        } else if (step == "watch-lock") {
-            say("watch-lock " + std::to_string(OrvoRARegisterForNotification(arg(1).c_str(), onLockEvent)));
-            i += 1;
-        } else if (step == "watch-job") {
-            say("watch-job " + std::to_string(OrvoJSERegisterForNotification(arg(1).c_str(), onJobEvent)));
-            i += 1;
+        if (const auto call = calls.find(step); call != calls.end()) {
+            arg(call->second.first);
+            say(step + " " + std::to_string(call->second.second(argv + i + 1)));
+            i += call->second.first;
         } else if (step == "cycle") {
             using Clock = std::chrono::steady_clock;
             const auto ns = [] { return std::to_string(Clock::now().time_since_epoch().count()); };

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -62,7 +63,9 @@ std::string ksdProgram() { return testBinaryDir() + "/ksd/ksd"; }
 std::string clientHelperProgram() { return testBinaryDir() + "/tests/support/ks_client_helper"; }
 
 KsdProcess::KsdProcess()
-    : root_("kstest-ksd"), stateDir_(root_.path() + "/state"), logFile_(root_.path() + "/ksd.log"),
+    : root_("kstest-ksd"),
+      stateDir_(root_.path() + "/state"),
+      logFile_(root_.path() + "/ksd.log"),
       pipe_(uniqueName("kstest-ksd")) {}
 
 KsdProcess::~KsdProcess() {
@@ -268,26 +271,16 @@ int ChildProcess::wait() {
     return status_;
 }
 
-namespace {
-// Write ends held for children still running: a later child must not inherit
-// them, or an earlier child would never see its end-of-file and never exit.
-std::vector<int>& openGoEnds() {
-    static std::vector<int> ends;
-    return ends;
-}
-}  // namespace
-
 std::unique_ptr<OtherUser> OtherUser::start(Body body, uid_t uid) {
     if (::geteuid() != 0) return nullptr;
-    int result[2], go[2];
-    if (::pipe(result) != 0 || ::pipe(go) != 0) return nullptr;
+    int result[2];
+    if (::pipe2(result, O_CLOEXEC) != 0) return nullptr;
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::close(result[0]);
-        ::close(go[1]);
-        for (int fd : openGoEnds()) ::close(fd);
         if (::setgroups(0, nullptr) != 0 || ::setresgid(uid, uid, uid) != 0 || ::setresuid(uid, uid, uid) != 0)
             ::_exit(97);
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // set after the switch, which clears it
         Keep keep;
         const std::string out = body(keep);
         for (std::size_t at = 0; at < out.size();) {
@@ -296,18 +289,12 @@ std::unique_ptr<OtherUser> OtherUser::start(Body body, uid_t uid) {
             at += static_cast<std::size_t>(n);
         }
         ::close(result[1]);
-        char c;
-        while (::read(go[0], &c, 1) > 0) {
-        }
-        ::_exit(0);
+        for (;;) ::pause();  // holds what it keeps until finish() kills it
     }
     ::close(result[1]);
-    ::close(go[0]);
     std::unique_ptr<OtherUser> child(new OtherUser);
     child->pid_ = pid;
     child->resultFd_ = result[0];
-    child->goFd_ = go[1];
-    openGoEnds().push_back(go[1]);
     return child;
 }
 
@@ -326,12 +313,10 @@ std::string OtherUser::result() {
 
 void OtherUser::finish() {
     if (resultFd_ >= 0) result();
-    if (goFd_ >= 0) {
-        std::erase(openGoEnds(), goFd_);
-        ::close(goFd_);
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        reap(std::exchange(pid_, -1));
     }
-    goFd_ = -1;
-    if (pid_ > 0) reap(std::exchange(pid_, -1));
 }
 
 std::string runAs(uid_t uid, const std::function<std::string()>& fn) {

@@ -28,14 +28,13 @@ public:
 
     // What the body returned; waits for it (empty if the child died first).
     std::string result();
-    // Lets the child drop what it keeps and exit; reaps it.
+    // Kills the child, which closes what it kept, and reaps it.
     void finish();
 
 private:
     OtherUser() = default;
     pid_t pid_ = -1;
     int resultFd_ = -1;
-    int goFd_ = -1;
 };
 
 // Runs `fn` as `uid` in a child process and returns its answer; empty when
