@@ -23,7 +23,6 @@ expect "ksctl st" status subscribe
 expect "ksctl --pipe p jo" job
 expect "ksctl job c" create
 expect "ksctl --json job " list status
-expect "ksctl publish ev --" --data-file
 expect "ksctl task schedule n prog --log /tmp/x --" --dir
 expect "ksctl task schedule n prog --every " weekly
 expect "ksctl task schedule n prog --dir /" /tmp

@@ -1,6 +1,6 @@
-// ksctl's parts without a real ksd: the JSON reader/writer, the human renderings, the
-// results table, and lists read in pages (the skim that asks for the next page early,
-// the page walk against a scripted daemon, the table built a page at a time).
+// ksctl's parts without a real ksd: the JSON reader/writer, the human renderings and
+// lists read in pages (the skim that asks for the next page early, the page walk
+// against a scripted daemon, the table built a page at a time).
 
 #include <gtest/gtest.h>
 

@@ -120,7 +120,6 @@ class KsintfJavaTest {
 
         int id = job.create("a description", name);
         assertTrue(id > 0, "job id " + id);
-        assertEquals(-17, job.create("again", name));
         assertEquals(id, job.lookup(name));
         assertEquals(0, job.mapAppJob(id, new int[0]));
         assertEquals(0, job.mapAppJob(id, new int[] {11, 12}));
