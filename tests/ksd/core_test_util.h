@@ -5,17 +5,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "OrvoCodec.h"
-#include "fake_daemon.h"
 #include "daemon_thread.h"
+#include "fake_daemon.h"
 #include "wait_until.h"
 
 namespace ksdtest {

@@ -1,12 +1,10 @@
-// The built ksd program and the ks_client_helper program run as child
-// processes of a test: started on a unique pipe and a fresh state directory,
-// stopped with SIGTERM or killed, restarted on the same state directory.
+// Programs run as child processes of a test: ksd (on a unique pipe and a fresh
+// state directory, kept across restarts) and any other, talked to through pipes.
 #ifndef KSTEST_KSD_PROCESS_H
 #define KSTEST_KSD_PROCESS_H
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
