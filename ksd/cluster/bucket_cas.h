@@ -1,10 +1,11 @@
 #ifndef KSD_CLUSTER_BUCKET_CAS_H
 #define KSD_CLUSTER_BUCKET_CAS_H
 
-// A compare-and-set on one key that holds when nodes race: the write is
-// taken only if nothing at all was written to the bucket since the read (a
-// cluster may take two writes made at one key revision), and is tried again
-// over the bucket's last revision while others come first.
+// Read, decide, write back, again while other nodes' writes come first: a
+// change to one key that holds when nodes race. rewriteKey() writes over the
+// bucket's last revision (nothing at all written since the read), for a key
+// whose every value must be seen in turn; rewriteOwnKey() over the key's own
+// revision, which others' writes to other keys do not disturb.
 
 #include <cstdint>
 #include <functional>

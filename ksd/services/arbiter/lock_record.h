@@ -4,9 +4,10 @@
 // One resource's lock as the cluster's bucket keeps it: the holder, the
 // handle, and the queue of waiters of every node, first come first served.
 // Every change is a write at the revision read (compare-and-set), so a grant
-// exists only once the bucket confirmed it. Its handle is the bucket position
-// the granting write was made at: one write only wins at each, so the handle
-// is unique in the cluster and grows per resource. It is kept in the record,
+// exists only once the bucket confirmed it. Its handle is the record's
+// revision the granting write was made over: one write only wins over each,
+// and a revision is one write's of one record, so the handle is unique in the
+// cluster and grows per resource. It is kept in the record,
 // never derived from how a reader learnt of it. A claim names the
 // node and the node's epoch that made it; a claim of a dead epoch is skipped
 // and a holder of one is released.
@@ -34,7 +35,7 @@ struct Claim {
 struct LockRecord {
     std::uint64_t version = 0;  // writes made to the record: which of two copies is newer
     std::optional<Claim> holder;
-    std::uint64_t handle = 0;   // with a holder: the bucket position its grant was written at
+    std::uint64_t handle = 0;   // with a holder: the record's revision its grant was written over
     std::int32_t lastCode = 0;  // how the last holder left (lock event code)
     std::vector<Claim> queue;
 };
