@@ -1,8 +1,5 @@
 #include "cluster/bucket_cas.h"
 
-#include <algorithm>
-#include <vector>
-
 namespace ksd {
 
 namespace {
@@ -10,48 +7,10 @@ namespace {
 using Result = ClusterBucket::Result;
 // Rounds lost to other writers before a write gives up for now.
 constexpr int kMaxRounds = 64;
-constexpr const char* kMarker = "_";
 
 }  // namespace
 
-KeyWritten rewriteKey(ClusterBucket& b, const std::string& key, const KeyChange& change) {
-    std::uint64_t last = std::max<std::uint64_t>(1, b.lastSeen());  // (never 0: that asks nothing)
-    for (int round = 0; round < kMaxRounds; ++round) {
-        KeyWritten k;
-        std::string value;
-        const Result got = b.get(key, value, k.revision);
-        if (got != Result::Ok && got != Result::NotFound) return k;
-        if (got == Result::Ok) k.value = std::move(value);
-        const std::uint64_t position = std::max(last, k.revision);
-        std::optional<std::string> next = change(k.value, k.revision, position);
-        if (!next) {
-            k.result = Result::Ok;
-            return k;
-        }
-        std::vector<ClusterBucket::Write> w{{key, *next, position, false, true}};
-        b.write(w);
-        if (w[0].result == Result::Conflict && w[0].revision > 0) {
-            last = w[0].revision;
-            continue;
-        }
-        if (w[0].result == Result::Conflict) {
-            // An empty bucket has no position to write at (0 asks nothing): a
-            // marker, written by whichever node comes first, gives it one.
-            std::uint64_t ignored = 0;
-            if (const Result made = b.create(kMarker, "", ignored); made == Result::Ok || made == Result::Exists)
-                continue;
-        }
-        if (w[0].result != Result::Ok) return KeyWritten{};
-        k.result = Result::Ok;
-        k.wrote = true;
-        k.value = std::move(*next);
-        k.revision = w[0].revision;
-        return k;
-    }
-    return KeyWritten{};
-}
-
-KeyWritten rewriteOwnKey(ClusterBucket& b, const std::string& key, const std::string& blank, const KeyChange& change) {
+KeyWritten rewriteKey(ClusterBucket& b, const std::string& key, const std::string& blank, const KeyChange& change) {
     for (int round = 0; round < kMaxRounds; ++round) {
         KeyWritten k;
         std::string value;
@@ -61,7 +20,7 @@ KeyWritten rewriteOwnKey(ClusterBucket& b, const std::string& key, const std::st
         const Result got = guessed ? Result::Ok : b.get(key, value, k.revision);
         if (got != Result::Ok && got != Result::NotFound) return k;
         if (got == Result::Ok) k.value = std::move(value);
-        std::optional<std::string> next = change(k.value, k.revision, k.revision);
+        std::optional<std::string> next = change(k.value, k.revision);
         if (!next && guessed) continue;
         if (!next) {
             k.result = Result::Ok;

@@ -70,18 +70,14 @@ public:
 
     // A write (or with `erase`, a deletion) that holds only while its key is
     // at revision `last` (0: a key never written; a deleted key refuses
-    // then, as its deletion is a revision too): Exists or Conflict otherwise.
-    //
-    // With `wholeBucket`, `last` is instead the bucket's last revision, whatever
-    // the key: the write holds only if nothing at all was written since, and a
-    // refusal (Conflict) gives the bucket's last revision in `revision`.
-    // Either form holds when several nodes race on one key: one write only is
-    // ever taken at each revision.
+    // then, as its deletion is a revision too): Exists or Conflict otherwise,
+    // with the key's revision there in `revision` (0: another write at `last`
+    // came first). It holds when several nodes race on one key: one write
+    // only is ever taken at each revision.
     struct Write {
         std::string key, value;
         std::uint64_t last = 0;
         bool erase = false;
-        bool wholeBucket = false;
         Result result = Result::Unreachable;
         std::uint64_t revision = 0;  // when written
     };
@@ -89,9 +85,6 @@ public:
     // trip for the lot. The leader applies them in the order given, each on
     // its own (one refused does not stop the next).
     virtual void write(std::vector<Write>& writes) = 0;
-    // The bucket's last revision as this node last heard it (0: none), where
-    // a `wholeBucket` write has the best chance.
-    virtual std::uint64_t lastSeen() const { return 0; }
     // The key as this node last read or wrote it, when it remembers: possibly
     // stale, so only a write made over its revision may rely on it.
     virtual bool known(const std::string& /*key*/, std::string& /*value*/, std::uint64_t& /*revision*/) const {

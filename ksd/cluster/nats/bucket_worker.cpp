@@ -31,7 +31,6 @@ public:
           acks_(acks),
           memory_(memory) {}
 
-    std::uint64_t lastSeen() const override { return memory_.lastSeen; }
     bool known(const std::string& key, std::string& value, std::uint64_t& revision) const override {
         const auto it = memory_.keys.find(key);
         if (it == memory_.keys.end()) return false;
@@ -47,7 +46,6 @@ public:
         if (s == NATS_OK) {
             value.assign(static_cast<const char*>(kvEntry_Value(e)), static_cast<std::size_t>(kvEntry_ValueLen(e)));
             revision = kvEntry_Revision(e);
-            memory_.lastSeen = std::max(memory_.lastSeen, revision);
             kvEntry_Destroy(e);
             remember(key, value, revision);
         } else {
@@ -121,17 +119,14 @@ public:
                                static_cast<int>(w.value.size())) != NATS_OK)
                 continue;
             const std::string last = std::to_string(w.last);
-            const char* expected =
-                w.wholeBucket ? "Nats-Expected-Last-Sequence" : "Nats-Expected-Last-Subject-Sequence";
             // The stream checks a key's revision against what it has applied, not
             // against writes still being replicated: two updates racing at one
             // revision could both be taken. Named after that revision, the second
             // is a duplicate the stream drops. (Revisions never repeat, but 0 does
             // once a key is deleted; racing creates are refused without a name.)
             const std::string id = w.key + "@" + last;
-            const bool named = !w.wholeBucket && w.last != 0;
-            if (natsMsgHeader_Set(msg, expected, last.c_str()) == NATS_OK &&
-                (!named || natsMsgHeader_Set(msg, "Nats-Msg-Id", id.c_str()) == NATS_OK) &&
+            if (natsMsgHeader_Set(msg, "Nats-Expected-Last-Subject-Sequence", last.c_str()) == NATS_OK &&
+                (w.last == 0 || natsMsgHeader_Set(msg, "Nats-Msg-Id", id.c_str()) == NATS_OK) &&
                 (!w.erase || natsMsgHeader_Set(msg, "KV-Operation", "DEL") == NATS_OK) &&
                 natsConnection_PublishMsg(nc_, msg) == NATS_OK)
                 ++waiting;
@@ -152,8 +147,7 @@ public:
                 Write& w = writes[n - first];
                 w.result = acknowledged(
                     std::string_view(natsMsg_GetData(msg), static_cast<std::size_t>(natsMsg_GetDataLength(msg))),
-                    w.last == 0 && !w.wholeBucket ? Result::Exists : Result::Conflict, w.revision);
-                if (w.result == Result::Ok || w.wholeBucket) memory_.lastSeen = std::max(memory_.lastSeen, w.revision);
+                    w.last == 0 ? Result::Exists : Result::Conflict, w.revision);
                 if (w.result == Result::Ok && !w.erase)
                     remember(w.key, w.value, w.revision);
                 else

@@ -27,14 +27,13 @@ struct AckInbox {
     std::chrono::milliseconds timeout{0};
 };
 
-// What the worker last heard of a bucket: its last revision, and keys as
-// last read or written here (a bounded few, possibly stale).
+// Keys of a bucket as the worker last read or wrote them (a bounded few,
+// possibly stale).
 struct BucketMemory {
     struct Known {
         std::string value;
         std::uint64_t revision = 0;
     };
-    std::uint64_t lastSeen = 0;
     std::unordered_map<std::string, Known> keys;
 };
 

@@ -35,8 +35,8 @@ std::string epochOfKey(const std::string& key) { return key.substr(key.rfind('.'
 
 // Renews an epoch key unless another node has ended it: Conflict then.
 Result stillLive(ClusterBucket& b, const std::string& key, std::uint64_t& written) {
-    const KeyWritten w = rewriteOwnKey(
-        b, key, std::string(locks::kDead), [](const std::optional<std::string>& value, std::uint64_t, std::uint64_t) {
+    const KeyWritten w =
+        rewriteKey(b, key, std::string(locks::kDead), [](const std::optional<std::string>& value, std::uint64_t) {
             return value == locks::kLive ? std::optional<std::string>(locks::kLive) : std::nullopt;
         });
     written = w.revision;
@@ -524,14 +524,13 @@ void ClusterLocks::checkOthers() {
         seen.since = now;
         link_.runOnBucket(kBucket, [=, this, k = key, watched = seen.revision, told = seen.leaderRevision,
                                     alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
-            const KeyWritten w =
-                rewriteOwnKey(b, k, std::string(locks::kDead),
-                              [&](const std::optional<std::string>& value, std::uint64_t revision,
-                                  std::uint64_t) -> std::optional<std::string> {
-                                  if (value == locks::kLive && (revision == watched || revision == told))
-                                      return std::string(locks::kDead);
-                                  return std::nullopt;
-                              });
+            const KeyWritten w = rewriteKey(
+                b, k, std::string(locks::kDead),
+                [&](const std::optional<std::string>& value, std::uint64_t revision) -> std::optional<std::string> {
+                    if (value == locks::kLive && (revision == watched || revision == told))
+                        return std::string(locks::kDead);
+                    return std::nullopt;
+                });
             const Result r = w.result;
             const std::string value = w.value.value_or(std::string());
             const std::uint64_t revision = w.revision;

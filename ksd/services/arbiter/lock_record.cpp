@@ -55,14 +55,14 @@ void handOn(LockRecord& r, std::int32_t code, const DeadEpochs& dead, std::uint6
 template <typename Change>
 Written rewrite(ClusterBucket& b, const std::string& key, Change change) {
     Written w;
-    const KeyWritten k = rewriteOwnKey(b, key, encodeRecord(LockRecord{}),
-                                       [&](const std::optional<std::string>& value, std::uint64_t,
-                                           std::uint64_t position) -> std::optional<std::string> {
-                                           if (!value || !decodeRecord(*value, w.record)) w.record = LockRecord{};
-                                           if (!change(w.record, position)) return std::nullopt;
-                                           ++w.record.version;
-                                           return encodeRecord(w.record);
-                                       });
+    const KeyWritten k =
+        rewriteKey(b, key, encodeRecord(LockRecord{}),
+                   [&](const std::optional<std::string>& value, std::uint64_t revision) -> std::optional<std::string> {
+                       if (!value || !decodeRecord(*value, w.record)) w.record = LockRecord{};
+                       if (!change(w.record, revision)) return std::nullopt;
+                       ++w.record.version;
+                       return encodeRecord(w.record);
+                   });
     w.result = k.result;
     w.wrote = k.wrote;
     return w;

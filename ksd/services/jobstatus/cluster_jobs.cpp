@@ -117,14 +117,12 @@ std::int64_t claimId(ClusterBucket& b, Ledger& ledger) {
     // Clients see ids as 32-bit ints: stop before one would turn negative.
     constexpr std::int64_t kMaxId = std::numeric_limits<std::int32_t>::max();
     std::int64_t last = 0, end = 0;
-    // Taken only over the bucket's last write: two nodes racing on the counter's
-    // own revision could both be taken, and hand out one block twice.
-    const KeyWritten w =
-        rewriteKey(b, kCounter, [&](const std::optional<std::string>& value, std::uint64_t, std::uint64_t) {
-            last = value ? toInt(*value) : 0;
-            end = std::min(last + kIdBlock, kMaxId);
-            return last >= kMaxId ? std::nullopt : std::optional<std::string>(std::to_string(end));
-        });
+    // One write only is taken over each of the counter's revisions: no block is handed out twice.
+    const KeyWritten w = rewriteKey(b, kCounter, "0", [&](const std::optional<std::string>& value, std::uint64_t) {
+        last = value ? toInt(*value) : 0;
+        end = std::min(last + kIdBlock, kMaxId);
+        return last >= kMaxId ? std::nullopt : std::optional<std::string>(std::to_string(end));
+    });
     if (w.result != Result::Ok) return kUnreachable;
     if (!w.wrote) return -ENOSPC;
     ledger.nextId = last + 2;
