@@ -11,6 +11,7 @@
 #include <asio/signal_set.hpp>
 #include <chrono>
 #include <cstdint>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -82,12 +83,20 @@ void reportReady(int& readyFd, bool ok) {
     }
 }
 
+volatile std::sig_atomic_t earlyStop = 0;
+
+// A client can connect (and a supervisor send SIGTERM) as soon as the listeners are
+// bound, before the loop's own handler exists; such a signal is kept, not fatal.
+extern "C" void rememberStop(int signal) { earlyStop = signal; }
+
 }  // namespace
 
 int main(int argc, char** argv) {
     // Until the loop's own handler is in place, a hang-up must not stop a
     // daemon that already listens (clients may see it before it is ready).
     ::signal(SIGHUP, SIG_IGN);
+    ::signal(SIGTERM, rememberStop);
+    ::signal(SIGINT, rememberStop);
     CLI::App app{"ksd: shared-services daemon (notifications, scheduler, locks, job status)"};
     ksd::DaemonOptions options;
     std::string stateDir;
@@ -229,6 +238,10 @@ int main(int argc, char** argv) {
             ksd::notifyStopping();
             daemon.stop();
         });
+        if (earlyStop != 0) {
+            stopSignal = earlyStop;
+            daemon.stop();
+        }
         // SIGHUP is the rotation signal of daemons; it must never stop this one.
         asio::signal_set hangups(daemon.io(), SIGHUP);
         std::function<void()> awaitHangup = [&hangups, &awaitHangup] {
