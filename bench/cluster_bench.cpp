@@ -150,29 +150,40 @@ void lockRow(const char* label, const std::string& node, const std::string& othe
     }
     std::vector<long> pair, handOver;
     long failed = 0;
+    // A failure is counted and, the first few times, said with its answers.
+    const auto fail = [&](const char* step, std::int64_t a, std::int64_t b) {
+        if (++failed <= 3) std::fprintf(stderr, "%s: %s failed (%lld, %lld)\n", label, step, (long long)a, (long long)b);
+    };
     for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
-            const long t0 = nowNs();
-            const std::int64_t h = lockWire(holder, name, 5000);
-            if (h <= 0 || unlockWire(holder, h) != 0) {
-                ++failed;
-                continue;
-            }
-            pair.push_back(nowNs() - t0);
+        const long t0 = nowNs();
+        const std::int64_t h = lockWire(holder, name, 5000);
+        const std::int64_t u = h > 0 ? unlockWire(holder, h) : 0;
+        if (h <= 0 || u != 0) {
+            fail("lock+unlock", h, u);
+            continue;
+        }
+        pair.push_back(nowNs() - t0);
     }
     for (int i = 0; i < rounds; ++i) {
-            const std::int64_t h = lockWire(holder, name, 5000);
-            std::int64_t granted = 0, unlocked = 0;
-            if (h <= 0 ||
-                !waiter.send(kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(name).addLong(5000).bytes())) {
-                ++failed;
-                continue;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));  // queued by then
-            const long t0 = nowNs();
-            holder.send(kstest::requestWire("Arbiter", "TRVX_RA_UNLOCK").addLong(h).bytes());
-            const bool ok = waiter.readReply(granted, 10000) && granted > h;
-            if (ok) handOver.push_back(nowNs() - t0);
-            if (!holder.readReply(unlocked, 10000) || !ok || unlockWire(waiter, granted) != 0) ++failed;
+        const std::int64_t h = lockWire(holder, name, 5000);
+        std::int64_t granted = 0, unlocked = 0;
+        if (h <= 0 ||
+            !waiter.send(kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(name).addLong(5000).bytes())) {
+            fail("hand-over lock", h, 0);
+            continue;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // queued by then
+        const long t0 = nowNs();
+        holder.send(kstest::requestWire("Arbiter", "TRVX_RA_UNLOCK").addLong(h).bytes());
+        const bool ok = waiter.readReply(granted, 10000) && granted > h;
+        if (ok) handOver.push_back(nowNs() - t0);
+        const bool unlockRead = holder.readReply(unlocked, 10000);
+        if (!unlockRead || !ok || unlocked != 0) {
+            fail("hand-over", granted, unlocked);
+            if (granted > 0) unlockWire(waiter, granted);
+        } else if (const std::int64_t u = unlockWire(waiter, granted); u != 0) {
+            fail("waiter's unlock", granted, u);
+        }
     }
     std::printf("%-34s %9.0f %9.0f %9.0f %9.0f %7ld\n", label, percentileUs(pair, 0.5), percentileUs(pair, 0.99),
                 percentileUs(handOver, 0.5), percentileUs(handOver, 0.99), failed);
