@@ -179,8 +179,9 @@ void ClusterLocks::write(Op op, Then then) {
     });
 }
 
-void ClusterLocks::retryLater(std::function<void()> again) {
-    auto timer = std::make_shared<asio::steady_timer>(io_, std::min(lease_ / 5, std::chrono::milliseconds(200)));
+void ClusterLocks::retryLater(std::function<void()> again, std::optional<std::chrono::milliseconds> after) {
+    auto timer = std::make_shared<asio::steady_timer>(
+        io_, after.value_or(std::min(lease_ / 5, std::chrono::milliseconds(200))));
     timer->async_wait(
         [timer, again = std::move(again), alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
             if (!ec && !alive.expired()) again();
@@ -305,6 +306,11 @@ void ClusterLocks::confirm(const std::string& key, std::uint64_t waiterId) {
                   return;
               }
               leaderSays(key, w.record);
+              // A read can answer from before the write the watch showed (one was
+              // seen 15 ms behind): that proves nothing either way, so it is
+              // read again while the grant is still what this node has seen.
+              if (w.record.version < mirror_[key].record.version)
+                  retryLater([this, key] { serve(key, false); }, std::chrono::milliseconds(2));
           });
 }
 

@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -78,7 +79,8 @@ private:
     // Runs a record write on the worker; `then` gets the outcome on the loop.
     template <typename Op, typename Then>
     void write(Op op, Then then);
-    void retryLater(std::function<void()> again);
+    // Runs `again` after `after`, by default a fifth of the lease (at most 200 ms).
+    void retryLater(std::function<void()> again, std::optional<std::chrono::milliseconds> after = {});
     // Calls `then` when `timer` fires, unless it was cancelled or this is gone.
     void onExpiry(asio::steady_timer& timer, void (ClusterLocks::*then)());
 
