@@ -1,10 +1,10 @@
 // Cluster figures in one run, each beside its one-host counterpart: publish
 // → callback p50/p99 at a fixed rate with the publisher on another node and
 // on the subscriber's own node, and sequential job create and progress
-// rates against the replicated bucket and against a ksd alone; uncontended
-// lock + unlock and a lock's hand-over between two nodes (between two clients
-// of one ksd alone) p50/p99. It starts a
-// three-server NATS cluster (nats-server from the PATH or Debian's), three
+// rates against the replicated bucket and against a ksd alone; an uncontended
+// lock, lock + unlock (the next lock's write waits for the last release's),
+// and a lock's hand-over between two nodes (between two clients of one ksd
+// alone) p50/p99. It starts a three-server NATS cluster (nats-server from the PATH or Debian's), three
 // ksd nodes and one ksd without --cluster.
 // Usage: cluster_bench [rate/s] [seconds]
 #include <algorithm>
@@ -148,7 +148,7 @@ void lockRow(const char* label, const std::string& node, const std::string& othe
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    std::vector<long> pair, handOver;
+    std::vector<long> lockOnly, pair, handOver;
     long failed = 0;
     // A failure is counted and, the first few times, said with its answers.
     const auto fail = [&](const char* step, std::int64_t a, std::int64_t b) {
@@ -157,11 +157,13 @@ void lockRow(const char* label, const std::string& node, const std::string& othe
     for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
         const long t0 = nowNs();
         const std::int64_t h = lockWire(holder, name, 5000);
+        const long granted = nowNs();
         const std::int64_t u = h > 0 ? unlockWire(holder, h) : 0;
         if (h <= 0 || u != 0) {
             fail("lock+unlock", h, u);
             continue;
         }
+        lockOnly.push_back(granted - t0);
         pair.push_back(nowNs() - t0);
     }
     for (int i = 0; i < rounds; ++i) {
@@ -185,7 +187,8 @@ void lockRow(const char* label, const std::string& node, const std::string& othe
             fail("waiter's unlock", granted, u);
         }
     }
-    std::printf("%-34s %9.0f %9.0f %9.0f %9.0f %7ld\n", label, percentileUs(pair, 0.5), percentileUs(pair, 0.99),
+    std::printf("%-34s %7.0f %7.0f %7.0f %7.0f %7.0f %7.0f %7ld\n", label, percentileUs(lockOnly, 0.5),
+                percentileUs(lockOnly, 0.99), percentileUs(pair, 0.5), percentileUs(pair, 0.99),
                 percentileUs(handOver, 0.5), percentileUs(handOver, 0.99), failed);
 }
 
@@ -214,7 +217,8 @@ int main(int argc, char** argv) {
     jobRow("one host (no --cluster)", alone.connType(), seconds);
     jobRow("cluster, R3 bucket (node A)", nodes[0].connType(), seconds);
 
-    std::printf("\nlocks, us                       lock+unlock p50   p99  hand-over p50  p99  failed\n");
+    std::printf("\nlocks, us: lock, lock+unlock and hand-over, each p50 p99\n%34s %15s %15s %15s %7s\n", "",
+                "lock", "lock+unlock", "hand-over", "failed");
     lockRow("one host (no --cluster)", alone.connType(), alone.connType(), seconds, 200);
     lockRow("cluster (A, hand-over A -> B)", nodes[0].connType(), nodes[1].connType(), seconds, 200);
     return 0;
