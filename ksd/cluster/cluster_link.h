@@ -67,6 +67,8 @@ public:
     virtual Result erase(const std::string& key) = 0;
     // The live keys that start with `prefix`.
     virtual Result keys(std::string_view prefix, std::vector<std::string>& out) = 0;
+    // The revision of the bucket's last write as its stream's leader has it now.
+    virtual Result lastRevision(std::uint64_t& revision) = 0;
 
     // A write (or with `erase`, a deletion) that holds only while its key is
     // at revision `last` (0: a key never written; a deleted key refuses

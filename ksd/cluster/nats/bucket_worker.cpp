@@ -81,12 +81,8 @@ public:
     // that may not have every write the leader acknowledged yet: it is made
     // again until it reaches the leader's last revision as of the call.
     Result keys(std::string_view prefix, std::vector<std::string>& out) override {
-        if (!ready()) return Result::Unreachable;
-        jsStreamInfo* si = nullptr;
-        const natsStatus s = js_GetStreamInfo(&si, js_, stream_.c_str(), nullptr, nullptr);
-        if (s != NATS_OK) return map(s, Result::Unreachable);
-        const std::uint64_t last = si->State.LastSeq;
-        jsStreamInfo_Destroy(si);
+        std::uint64_t last = 0;
+        if (const Result r = lastRevision(last); r != Result::Ok) return r;
         const auto deadline = std::chrono::steady_clock::now() + acks_.timeout;
         for (;;) {
             std::vector<std::string> found;
@@ -99,6 +95,16 @@ public:
             if (std::chrono::steady_clock::now() >= deadline) return Result::Unreachable;
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
+    }
+
+    Result lastRevision(std::uint64_t& revision) override {
+        if (!ready()) return Result::Unreachable;
+        jsStreamInfo* si = nullptr;
+        const natsStatus s = js_GetStreamInfo(&si, js_, stream_.c_str(), nullptr, nullptr);
+        if (s != NATS_OK) return map(s, Result::Unreachable);
+        revision = si->State.LastSeq;
+        jsStreamInfo_Destroy(si);
+        return Result::Ok;
     }
 
     // Each write is a publish on the key's subject that the stream takes only

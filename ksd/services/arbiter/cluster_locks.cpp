@@ -107,6 +107,7 @@ ClusterLocks::~ClusterLocks() {
     othersTimer_.cancel();
     for (auto& [id, w] : waiters_)
         if (w.timer) w.timer->cancel();
+    for (auto& [id, c] : catchUps_) c.timer->cancel();
     for (auto& [pid, handles] : byProcess_) monitor_.unwatch(pid);
 }
 
@@ -136,29 +137,69 @@ void ClusterLocks::lock(const std::string& name, std::int64_t ms, const PeerInfo
 }
 
 void ClusterLocks::unlock(std::int64_t handle, const PeerInfo& peer, std::shared_ptr<Responder> responder) {
+    if (handle <= 0) return responder->reply(longReply(-ENOENT));
+    const auto h = static_cast<std::uint64_t>(handle);
+    if (unlockSeen(h, peer, responder)) return;
+    // Granted through another node a moment ago, the lock may still be on its
+    // way in the watch: unknown only if the watch, caught up with the leader, does not show it.
+    whenWatched([this, h, peer, responder](bool watched) {
+        if (!watched) return responder->reply(longReply(-EAGAIN));
+        if (!unlockSeen(h, peer, responder)) responder->reply(longReply(-ENOENT));
+    });
+}
+
+bool ClusterLocks::unlockSeen(std::uint64_t h, const PeerInfo& peer, const std::shared_ptr<Responder>& responder) {
     const auto mayUnlock = [&](std::int64_t uid) {
         return isRoot(peer) || (isIdentified(peer) && static_cast<std::int64_t>(peer.uid) == uid);
     };
-    const auto h = static_cast<std::uint64_t>(handle);
     if (auto it = holds_.find(h); it != holds_.end()) {
-        if (!mayUnlock(it->second.peer.uid)) return responder->reply(longReply(-EPERM));
+        if (!mayUnlock(it->second.peer.uid)) return responder->reply(longReply(-EPERM)), true;
         const std::string name = it->second.name;
         dropHold(h);
         saveHolds();
         sendRelease(name, h, 0);
-        return responder->reply(longReply(0));
+        return responder->reply(longReply(0)), true;
     }
-    // Held through another node (or not yet reported here): freed by a write of its own.
+    // Held through another node: freed by a write of its own.
     auto at = heldAnywhere_.find(h);
-    if (at == heldAnywhere_.end()) return responder->reply(longReply(-ENOENT));
+    if (at == heldAnywhere_.end()) return false;
     const LockRecord& record = mirror_[at->second].record;
-    if (!record.holder || !mayUnlock(record.holder->uid)) return responder->reply(longReply(-EPERM));
+    if (!record.holder || !mayUnlock(record.holder->uid)) return responder->reply(longReply(-EPERM)), true;
     const std::string key = at->second;
     write([key, h, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, h, 0, dead); },
           [this, key, responder](Written& w) {
               if (w.result == Result::Ok) leaderSays(key, w.record);
               responder->reply(longReply(w.result != Result::Ok ? -EAGAIN : w.wrote ? 0 : -ENOENT));
           });
+    return true;
+}
+
+void ClusterLocks::whenWatched(std::function<void(bool)> then) {
+    link_.runOnBucket(kBucket, [this, then = std::move(then), alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
+        std::uint64_t last = 0;
+        const Result r = b.lastRevision(last);
+        return std::function<void()>([this, then, alive, r, last] {
+            if (alive.expired()) return;
+            if (r != Result::Ok || watched_ >= last) return then(r == Result::Ok);
+            const std::uint64_t id = ++lastCatchUp_;
+            CatchUp& c = catchUps_[id];
+            c.revision = last;
+            c.then = then;
+            c.timer = std::make_unique<asio::steady_timer>(io_, lease_);
+            c.timer->async_wait([this, alive, id](const std::error_code& ec) {
+                if (!ec && !alive.expired()) caughtUp(id, false);
+            });
+        });
+    });
+}
+
+void ClusterLocks::caughtUp(std::uint64_t id, bool watched) {
+    auto it = catchUps_.find(id);
+    if (it == catchUps_.end()) return;
+    CatchUp c = std::move(it->second);
+    catchUps_.erase(it);
+    c.timer->cancel();
+    c.then(watched);
 }
 
 std::size_t ClusterLocks::waiting() const {
@@ -251,10 +292,16 @@ void ClusterLocks::sendReap(const std::string& key) {
 
 void ClusterLocks::entry(ClusterEntry& e) {
     lastEntry_ = Clock::now();
-    if (e.deleted) return;
-    if (e.key.starts_with("n.")) return epochSeen(e.key, e.value, e.revision);
+    watched_ = std::max(watched_, e.revision);
     LockRecord record;
-    if (locks::decodeRecord(e.value, record)) apply(e.key, record, false);
+    if (!e.deleted && e.key.starts_with("n."))
+        epochSeen(e.key, e.value, e.revision);
+    else if (!e.deleted && locks::decodeRecord(e.value, record))
+        apply(e.key, record, false);
+    std::vector<std::uint64_t> done;
+    for (const auto& [id, c] : catchUps_)
+        if (c.revision <= watched_) done.push_back(id);
+    for (std::uint64_t id : done) caughtUp(id, true);
 }
 
 void ClusterLocks::apply(const std::string& key, const LockRecord& record, bool confirmed) {

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -47,8 +48,8 @@ private:
         std::string name;
         PeerInfo peer;
         bool tryOnly = false;
-        bool sent = false;    // its claim may be in the bucket
-        bool queued = false;  // the bucket confirmed its claim in the queue
+        bool sent = false;        // its claim may be in the bucket
+        bool queued = false;      // the bucket confirmed its claim in the queue
         bool confirming = false;  // its grant, seen in the watch, is being read back
         std::shared_ptr<Responder> responder;
         std::unique_ptr<asio::steady_timer> timer;
@@ -65,11 +66,24 @@ private:
     };
     struct EpochSeen {
         std::string value;
-        std::uint64_t revision = 0;  // as the watch numbers it, to know its replays
+        std::uint64_t revision = 0;        // as the watch numbers it, to know its replays
         std::uint64_t leaderRevision = 0;  // as the bucket's leader last answered, 0: none since
         std::chrono::steady_clock::time_point since;
     };
+    struct CatchUp {
+        std::uint64_t revision = 0;
+        std::function<void(bool)> then;
+        std::unique_ptr<asio::steady_timer> timer;
+    };
     using Written = locks::Written;
+
+    // Unlocks a handle this node knows held (here or through the watch); false when it knows none.
+    bool unlockSeen(std::uint64_t handle, const PeerInfo& peer, const std::shared_ptr<Responder>& responder);
+    // Calls `then(true)` once the watch has shown every write the bucket's
+    // leader had when asked; `then(false)` when NATS did not say, or the watch
+    // did not get that far within a lease.
+    void whenWatched(std::function<void(bool)> then);
+    void caughtUp(std::uint64_t id, bool watched);
 
     locks::Claim claimOf(std::uint64_t id, const PeerInfo& peer) const;
     void sendLock(std::uint64_t id);
@@ -131,6 +145,9 @@ private:
     std::unordered_map<pid_t, std::set<std::uint64_t>> byProcess_;
     std::unordered_map<std::string, Mirrored> mirror_;   // by key
     std::map<std::uint64_t, std::string> heldAnywhere_;  // handle -> key, as the mirror has it
+    std::uint64_t watched_ = 0;                          // the highest revision the watch has shown
+    std::uint64_t lastCatchUp_ = 0;
+    std::map<std::uint64_t, CatchUp> catchUps_;
     std::unordered_map<std::string, EpochSeen> epochs_;  // epoch keys of other nodes
     locks::DeadEpochs dead_;
     std::shared_ptr<char> alive_ = std::make_shared<char>();
