@@ -11,31 +11,19 @@
 #include "OrvoTaskScheduler.h"
 
 static int g_nFailures = 0;
+#define CHECK(condition) ((condition) ? (void)0 : (void)(printf("FAIL %s\n", #condition), ++g_nFailures))
 
-static void check(int bOk, const char* pszWhat, long nValue) {
-    printf("%s %s (%ld)\n", bOk ? "ok  " : "FAIL", pszWhat, nValue);
-    if (!bOk) ++g_nFailures;
-}
+_Static_assert(sizeof(tTaskFrequency) == 4 && sizeof(tTaskState) == 4, "4-byte task enumerations");
 
 int main(void) {
     char szConn[96];
     snprintf(szConn, sizeof(szConn), "pipe:kstest-c-%ld-nobody", (long)getpid());
     setenv("KSINTF_CONN_TYPE", szConn, 1);
-
-    check(sizeof(tTaskFrequency) == 4 && sizeof(tTaskState) == 4, "4-byte task enumerations", 0);
-    check(cExit == -1 && cBootTime == 4, "enumerator values", (long)cExit);
-
-    int nResult = OrvoNNUnregisterForNotification(1);
-    check(nResult < 0, "OrvoNNUnregisterForNotification", nResult);
-    nResult = OrvoTSCancelTask(1);
-    check(nResult < 0, "OrvoTSCancelTask", nResult);
-    long nLock = OrvoRAResourceLock("c-test", 0);
-    check(nLock < 0, "OrvoRAResourceLock", nLock);
-    nResult = OrvoJSELookupJob("c-test");
-    check(nResult < 0, "OrvoJSELookupJob", nResult);
-    /* Refused before any connection. */
-    nResult = OrvoTSListAllExecTasks(NULL, NULL);
-    check(nResult == -14, "OrvoTSListAllExecTasks(NULL, NULL)", nResult);
-
+    CHECK(cExit == -1 && cBootTime == 4);
+    CHECK(OrvoNNUnregisterForNotification(1) < 0);
+    CHECK(OrvoTSCancelTask(1) < 0);
+    CHECK(OrvoRAResourceLock("c-test", 0) < 0);
+    CHECK(OrvoJSELookupJob("c-test") < 0);
+    CHECK(OrvoTSListAllExecTasks(NULL, NULL) == -14); /* refused before any connection */
     return g_nFailures == 0 ? 0 : 1;
 }

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <future>
 #include <string>
 #include <thread>
@@ -57,9 +56,6 @@ protected:
         OrvoCriticalSection lock(m_container.mutex());
         return m_container.waitForJavaNotification(id, sp);
     }
-    static std::string bytesOf(const OrvoJavaNotificationSP& sp) {
-        return std::string(static_cast<const char*>(sp->notification().m_pData), sp->notification().m_nDataLength);
-    }
 
     kstest::FakeDaemon m_daemon;
     kstest::ScopedEnv m_env{"KSINTF_CONN_TYPE", m_daemon.connType()};
@@ -76,7 +72,8 @@ TEST_F(JavaContainer, DeliversDeepCopiesOldestFirstAndKeepsTheTableConsistent) {
     ASSERT_TRUE(wait(id, sp));
     EXPECT_EQ("evt.one", sp->eventName());
     EXPECT_STREQ("<a/>", sp->notification().m_pszData);
-    EXPECT_EQ(std::string("\0\x01\xff", 3), bytesOf(sp));
+    EXPECT_EQ(std::string("\0\x01\xff", 3),
+              std::string(static_cast<const char*>(sp->notification().m_pData), sp->notification().m_nDataLength));
     ASSERT_TRUE(wait(id, sp));
     EXPECT_EQ("evt.two", sp->eventName());
     EXPECT_STREQ("", sp->notification().m_pszData);

@@ -1,10 +1,7 @@
 // The dynamic interface of libksintf.so.3 (`nm -D --defined-only`): every C
-// entry point is there and nothing else leaks. Besides the C names, accepted
-// are: mangled names of KSInterface/OrvoSupport/OrvoNet (vtables, thunks ...)
-// or of the families' named globals and holder classes; other mangled names
-// only when weak (template/inline instances every user emits). A strong
-// foreign definition escaped hidden visibility; a GNU-unique symbol (u) pins
-// the library in memory, so it is always a fault.
+// entry point is there and nothing else leaks. A strong foreign C++ definition
+// escaped hidden visibility (weak ones are template/inline instances every user
+// emits); a GNU-unique symbol (u) pins the library in memory, so it is always a fault.
 
 #include <cxxabi.h>
 #include <gtest/gtest.h>
@@ -20,8 +17,6 @@ namespace {
 
 struct Symbol { char type; std::string name, demangled; };
 
-bool startsWith(const std::string& s, const std::string& sPrefix) { return s.rfind(sPrefix, 0) == 0; }
-
 std::vector<Symbol> readDynamicSymbols(const std::string& sLibrary) {
     std::vector<Symbol> symbols;
     FILE* pipe = popen(("nm -D --defined-only '" + sLibrary + "' 2>/dev/null").c_str(), "r");
@@ -30,9 +25,9 @@ std::vector<Symbol> readDynamicSymbols(const std::string& sLibrary) {
         if (std::sscanf(line, "%63s %7s %3999s", szAddress, szType, szName) != 3) continue;
         std::string sName(szName);
         sName = sName.substr(0, sName.find('@'));
-        if (startsWith(sName, "__odr_asan.")) sName.erase(0, 11);  // ASan's per-variable indicator
+        if (sName.starts_with("__odr_asan.")) sName.erase(0, 11);  // ASan's per-variable indicator
         int nStatus = -1;
-        char* p = startsWith(sName, "_Z") ? abi::__cxa_demangle(sName.c_str(), nullptr, nullptr, &nStatus) : nullptr;
+        char* p = sName.starts_with("_Z") ? abi::__cxa_demangle(sName.c_str(), nullptr, nullptr, &nStatus) : nullptr;
         symbols.push_back({szType[0], sName, nStatus == 0 && p ? std::string(p) : sName});
         std::free(p);
     }
@@ -55,10 +50,10 @@ bool isOurs(std::string s) {
     for (const char* pszPrefix : {"vtable for ", "typeinfo name for ", "typeinfo for ", "VTT for ",
                                   "construction vtable for ", "non-virtual thunk to ", "virtual thunk to ",
                                   "guard variable for "})
-        if (startsWith(s, pszPrefix)) s.erase(0, std::strlen(pszPrefix));
+        if (s.starts_with(pszPrefix)) s.erase(0, std::strlen(pszPrefix));
     for (const char* pszPrefix : {"KSInterface::", "OrvoSupport::", "OrvoNet::", "KSIntfLibInit", "KSIntfLibFinit",
                                   "JSNotificationInfo::", "RANotificationInfo::"})
-        if (startsWith(s, pszPrefix)) return true;
+        if (s.starts_with(pszPrefix)) return true;
     static const std::set<std::string> kNamed = {
         "_OrvoNNRegisterForNotification", "MapNNExceptionCode", "OrvoTSNotificationCallback",
         "OrvoRANotificationCallback", "OrvoJSNotificationCallback", "getRANotificationInfoByHandleMap",
@@ -74,8 +69,8 @@ TEST(LibrarySymbols, ExportsEveryEntryPointAndNothingForeign) {
     for (const auto& sym : symbols) {
         present.insert(sym.demangled);
         functions.insert(sym.demangled.substr(0, sym.demangled.find_first_of("([")));
-        const bool bOk = startsWith(sym.name, "_Z") ? sym.type == 'W' || sym.type == 'V' || isOurs(sym.demangled)
-                         : kCEntryPoints.count(sym.name) != 0 || startsWith(sym.name, "Java_com_orvo_ksa_common_");
+        const bool bOk = sym.name.starts_with("_Z") ? sym.type == 'W' || sym.type == 'V' || isOurs(sym.demangled)
+                         : kCEntryPoints.count(sym.name) != 0 || sym.name.starts_with("Java_com_orvo_ksa_common_");
         if (sym.type == 'u' || !bOk) sForeign += "\n  " + std::string(1, sym.type) + " " + sym.demangled;
     }
     for (const auto& sName : kCEntryPoints) EXPECT_EQ(present.count(sName), 1u) << "missing " << sName;

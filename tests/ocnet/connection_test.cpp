@@ -7,17 +7,14 @@
 
 #include <cerrno>
 #include <fstream>
-#include <functional>
-#include <memory>
-#include <thread>
 
-#include "OrvoException.h"
 #include "OrvoPeerCredentials.h"
 #include "OrvoStreamConnection.h"
 #include "fake_daemon.h"
 #include "other_user.h"
 #include "wait_until.h"
 
+using kstest::exceptionCode;
 using kstest::Wire;
 using OrvoNet::OrvoString;
 
@@ -59,17 +56,6 @@ protected:
     }
 };
 
-// The code of the OrvoException that f throws, or 0 when it throws none.
-int codeOf(const std::function<void()>& f, std::string* pMessage = nullptr) {
-    try {
-        f();
-    } catch (const OrvoSupport::OrvoException& e) {
-        if (pMessage) *pMessage = e.getMessage();
-        return e.getCode();
-    }
-    return 0;
-}
-
 }  // namespace
 
 // Malformed input fails with its code and closes the connection; an error
@@ -83,12 +69,8 @@ TEST(StreamConnection, MalformedInputEndOfStreamAndErrorValues) {
         {Wire().addInt(1), 'l', EPROTO},
         {std::string("b\x02"), 'b', EPROTO},
         {std::string("s\xff\xff\xff\xfe", 5), 's', EMSGSIZE},  // no body follows: must not wait
-        {std::string("s\x01\x00\x00\x01", 5), 's', EMSGSIZE},
         {"", 'l', ECONNRESET},  // end of stream at the start or within a value
-        {std::string("s\0\0\0\x0a"
-                     "ab",
-                     7),
-         's', ECONNRESET},
+        {Wire().addString("0123456789").bytes().substr(0, 7), 's', ECONNRESET},
         {Wire().addError(13, "denied"), 'l', 13},
     };
     for (const auto& c : cases) {
@@ -101,7 +83,7 @@ TEST(StreamConnection, MalformedInputEndOfStreamAndErrorValues) {
             if (c.receive == 'l') conn.receiveLong();
         };
         std::string sMessage;
-        EXPECT_EQ(codeOf(read, &sMessage), c.nCode) << testing::PrintToString(c.input);
+        EXPECT_EQ(exceptionCode(read, &sMessage), c.nCode) << testing::PrintToString(c.input);
         EXPECT_TRUE(c.nCode == 13 || !conn.isOpen());
         EXPECT_EQ(sMessage.find("denied") == 0, c.nCode == 13) << sMessage;
     }
@@ -111,10 +93,10 @@ TEST(StreamConnection, FailedWriteIsEpipeAFailedReopenIsRetriedAndDisconnectDrop
     PairConnection conn;
     ::shutdown(conn.peer, SHUT_RDWR);
     conn.transfer(5);
-    EXPECT_EQ(codeOf([&] { conn.flush(); }), EPIPE);  // and no SIGPIPE
+    EXPECT_EQ(exceptionCode([&] { conn.flush(); }), EPIPE);  // and no SIGPIPE
     EXPECT_FALSE(conn.isOpen());
     conn.failOpen = true;
-    EXPECT_EQ(codeOf([&] { conn.transfer(6); }), ECONNREFUSED);
+    EXPECT_EQ(exceptionCode([&] { conn.transfer(6); }), ECONNREFUSED);
     conn.failOpen = false;
     conn.transfer(7);
     conn.disconnect();  // drops what was buffered
@@ -166,7 +148,7 @@ TEST(Impostor, AListenerOfAnotherUidGetsNothingUnlessNamed) {
         OrvoString sMessage;
         EXPECT_EQ(conn.establishImpl(sMessage), EACCES);
         EXPECT_NE(sMessage.find("runs as uid 65534"), std::string::npos) << sMessage;
-        EXPECT_EQ(codeOf([&] { conn.transfer(OrvoString("secret")); }), EACCES);
+        EXPECT_EQ(exceptionCode([&] { conn.transfer(OrvoString("secret")); }), EACCES);
         EXPECT_EQ(OrvoNet::daemonUid(), -7);
     }
     {

@@ -6,9 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -20,36 +18,18 @@
 #include "OrvoStreamConnection.h"
 #include "fake_daemon.h"
 #include "other_user.h"
+#include "wait_until.h"
 
 using kstest::Wire;
 using kstest::WireClient;
 
 namespace {
 
-// What the callbacks read, "<id>:<text>/<number>", in order.
-struct Seen {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<std::string> deliveries;
-
-    void add(std::string s) {
-        std::lock_guard<std::mutex> lock(mutex);
-        deliveries.push_back(std::move(s));
-        changed.notify_all();
-    }
-    // The first n deliveries, once there (bounded wait).
-    std::vector<std::string> first(std::size_t n) {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait_for(lock, std::chrono::seconds(5), [&] { return deliveries.size() >= n; });
-        return {deliveries.begin(), deliveries.begin() + static_cast<long>(std::min(n, deliveries.size()))};
-    }
-};
-
-// Reads a string and a long, like the simplest callback class; then throws
-// when told to.
+// Reads a string and a long, like the simplest callback class, and notes
+// "<id>:<text>/<number>"; or throws when told to.
 class TestCallback : public OrvoNet::OrvoNotificationCallback {
 public:
-    TestCallback(int nId, Seen& seen, const char* pszThrow = nullptr)
+    TestCallback(int nId, kstest::Notes& seen, const char* pszThrow = nullptr)
         : OrvoNotificationCallback(nId), m_seen(seen), m_pszThrow(pszThrow) {}
     void doCallback(OrvoSupport::OrvoSmartPointer<OrvoNet::OrvoConnection>& spConnection) override {
         const std::string s = spConnection->receiveString();
@@ -60,7 +40,7 @@ public:
     }
 
 private:
-    Seen& m_seen;
+    kstest::Notes& m_seen;
     const char* m_pszThrow;
 };
 
@@ -81,7 +61,7 @@ protected:
         EXPECT_TRUE(container.add(OrvoNet::OrvoNotificationCallbackSP(new TestCallback(nId, m_seen, pszThrow))));
         return nId;
     }
-    Seen m_seen;
+    kstest::Notes m_seen;
     std::unique_ptr<kstest::ScopedEnv> m_env;
     std::unique_ptr<OrvoNet::OrvoLibraryCallbackSink> m_sink;
 };
@@ -120,12 +100,12 @@ TEST_P(SinkTest, FramesArriveWholeInOrderAndNoConnectionHoldsUpAnother) {
     std::thread writer([&] {
         for (std::size_t at = 0; at < burst.size(); at += 4093) ASSERT_TRUE(push.send(burst.substr(at, 4093)));
     });
-    const auto seen = m_seen.first(expected.size());
+    const auto seen = m_seen.take(expected.size());
     writer.join();
     ASSERT_EQ(seen.size(), expected.size());
     for (std::size_t i = 0; i < expected.size(); ++i) ASSERT_EQ(seen[i], expected[i]) << "frame " << i;
     for (char c : sSlow.substr(7)) ASSERT_TRUE(slow.send(std::string(1, c)));
-    EXPECT_EQ(m_seen.first(expected.size() + 1).back(), std::to_string(a) + ":" + std::string(1000, 'x') + "/-1");
+    EXPECT_EQ(m_seen.take(1), std::vector<std::string>{std::to_string(a) + ":" + std::string(1000, 'x') + "/-1"});
 }
 
 TEST_P(SinkTest, BadFramesAndFailingCallbacksLeaveTheListenerServing) {
@@ -146,7 +126,7 @@ TEST_P(SinkTest, BadFramesAndFailingCallbacksLeaveTheListenerServing) {
     }
     ASSERT_TRUE(push.push(good, payload("after", 9)));
     // Frames of one connection are served in order: nothing before it was delivered.
-    EXPECT_EQ(m_seen.first(1), std::vector<std::string>{std::to_string(good) + ":after/9"});
+    EXPECT_EQ(m_seen.take(1), std::vector<std::string>{std::to_string(good) + ":after/9"});
 }
 
 // Pushes from another uid than the daemon's (and not root) are closed unread.
@@ -174,7 +154,7 @@ TEST_P(SinkTest, PushesFromAnotherUserAreRefused) {
     ASSERT_TRUE(daemon.push(nId, payload("real", 2)));
     ASSERT_TRUE(daemon.push(nId, payload("real", 3)));
     const std::string sId = std::to_string(nId);
-    EXPECT_EQ(m_seen.first(2), (std::vector<std::string>{sId + ":real/2", sId + ":real/3"}));
+    EXPECT_EQ(m_seen.take(2), (std::vector<std::string>{sId + ":real/2", sId + ":real/3"}));
 }
 
 // Another user may bind every name it can guess before we start: sink names

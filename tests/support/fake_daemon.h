@@ -25,10 +25,11 @@ namespace kstest {
 // "<prefix>-<pid>-<n>", unique within the process and across parallel test processes.
 std::string uniqueName(const std::string& sPrefix = "kstest");
 
-// Sets an environment variable for the lifetime of the object, then restores it.
+// Sets an environment variable (a null value unsets it) for the lifetime of the object, then restores it.
 class ScopedEnv {
 public:
-    ScopedEnv(std::string sName, const std::string& sValue);
+    ScopedEnv(std::string sName, const char* pszValue);
+    ScopedEnv(std::string sName, const std::string& sValue) : ScopedEnv(std::move(sName), sValue.c_str()) {}
     ~ScopedEnv();
     ScopedEnv(const ScopedEnv&) = delete;
     ScopedEnv& operator=(const ScopedEnv&) = delete;
@@ -37,6 +38,9 @@ private:
     std::string m_sName;
     std::optional<std::string> m_old;
 };
+
+// The code of the OrvoException that f throws (its message into *pMessage), or 0 when it throws none.
+int exceptionCode(const std::function<void()>& f, std::string* pMessage = nullptr);
 
 // A fresh empty directory under $TMPDIR (or /tmp), removed with its contents at destruction.
 class ScopedTempDir {
@@ -93,7 +97,7 @@ public:
     WireClient(const WireClient&) = delete;
     WireClient& operator=(const WireClient&) = delete;
 
-    // "pipe:<name>" (a path when it has a '/'), "socket:<host>:<port>" or "socket:<port>".
+    // "pipe:<name>" (a path when it has a '/') or "socket:<host>:<port>".
     bool connect(const std::string& sAddress);
     bool isOpen() const { return m_fd >= 0; }
     int fd() const { return m_fd; }

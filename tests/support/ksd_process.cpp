@@ -13,7 +13,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -29,9 +29,6 @@ extern char** environ;
 namespace kstest {
 
 namespace {
-
-// True when something accepts on the daemon's address (abstract name or path).
-bool accepts(const std::string& pipe) { return WireClient().connect("pipe:" + pipe); }
 
 // Waits for `pid` to end: its exit status (128 + signal when killed by one), -1 if it cannot.
 int reap(pid_t pid) {
@@ -96,7 +93,7 @@ bool KsdProcess::start(const std::vector<std::string>& extraArgs) {
         return false;
     }
     bool exited = false;
-    const bool up = waitUntil([&] { return (exited = !isRunning()) || accepts(pipe_); }, std::chrono::seconds(20));
+    const bool up = waitUntil([&] { return (exited = !isRunning()) || WireClient().connect(connType()); }, std::chrono::seconds(20));
     if (up && !exited) return true;
     if (!exited) kill();
     return false;
@@ -133,9 +130,7 @@ bool KsdProcess::isRunning() {
 
 std::string KsdProcess::log() const {
     std::ifstream in(logFile_);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 int KsdProcess::tcpPort() const {

@@ -3,7 +3,11 @@
 
 #include <chrono>
 #include <ctime>
+#include <mutex>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace kstest {
 
@@ -19,6 +23,28 @@ bool waitUntil(Condition condition, std::chrono::milliseconds deadline = std::ch
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
+
+// What callbacks note on threads of their own, for the test to wait on.
+class Notes {
+public:
+    void add(std::string s) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_notes.push_back(std::move(s));
+    }
+    // Waits (bounded) until there are n, then takes all there are.
+    std::vector<std::string> take(std::size_t n) {
+        waitUntil([&] {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            return m_notes.size() >= n;
+        });
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return std::exchange(m_notes, {});
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_notes;
+};
 
 // For tests that compare their own idea of "today" with the library's: when
 // local midnight is a few seconds away, waits until it has passed.

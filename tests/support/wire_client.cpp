@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "OrvoException.h"
 #include "fake_daemon.h"
 
 namespace kstest {
@@ -27,9 +28,12 @@ std::string uniqueName(const std::string& sPrefix) {
     return sPrefix + "-" + std::to_string(getpid()) + "-" + std::to_string(++s_nCounter);
 }
 
-ScopedEnv::ScopedEnv(std::string sName, const std::string& sValue) : m_sName(std::move(sName)) {
+ScopedEnv::ScopedEnv(std::string sName, const char* pszValue) : m_sName(std::move(sName)) {
     if (const char* pszOld = std::getenv(m_sName.c_str())) m_old = pszOld;
-    setenv(m_sName.c_str(), sValue.c_str(), 1);
+    if (pszValue)
+        setenv(m_sName.c_str(), pszValue, 1);
+    else
+        unsetenv(m_sName.c_str());
 }
 
 ScopedEnv::~ScopedEnv() {
@@ -37,6 +41,16 @@ ScopedEnv::~ScopedEnv() {
         setenv(m_sName.c_str(), m_old->c_str(), 1);
     else
         unsetenv(m_sName.c_str());
+}
+
+int exceptionCode(const std::function<void()>& f, std::string* pMessage) {
+    try {
+        f();
+    } catch (const OrvoSupport::OrvoException& e) {
+        if (pMessage) *pMessage = e.getMessage();
+        return e.getCode();
+    }
+    return 0;
 }
 
 ScopedTempDir::ScopedTempDir(const std::string& sPrefix) {
@@ -85,7 +99,7 @@ int connectTcp(const std::string& sHost, int nPort) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<std::uint16_t>(nPort));
-    if (inet_pton(AF_INET, sHost.empty() ? "127.0.0.1" : sHost.c_str(), &addr.sin_addr) != 1) return -1;
+    if (inet_pton(AF_INET, sHost.c_str(), &addr.sin_addr) != 1) return -1;
     return connectTo(AF_INET, &addr, sizeof addr);
 }
 
@@ -98,14 +112,8 @@ bool WireClient::connect(const std::string& sAddress) {
     if (sAddress.rfind("pipe:", 0) == 0) {
         m_fd = connectPipe(sAddress.substr(5));
     } else if (sAddress.rfind("socket:", 0) == 0) {
-        std::string sRest = sAddress.substr(7);
-        std::string sHost;
-        std::size_t nColon = sRest.rfind(':');
-        if (nColon != std::string::npos) {
-            sHost = sRest.substr(0, nColon);
-            sRest = sRest.substr(nColon + 1);
-        }
-        m_fd = connectTcp(sHost, std::atoi(sRest.c_str()));
+        const std::size_t nColon = sAddress.rfind(':');
+        m_fd = connectTcp(sAddress.substr(7, nColon - 7), std::atoi(sAddress.c_str() + nColon + 1));
     }
     return m_fd >= 0;
 }
