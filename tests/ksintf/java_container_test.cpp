@@ -152,8 +152,7 @@ TEST_F(JavaContainer, StopReleasesABlockedWaiterAndUnregistersOutsideTheLock) {
 }
 
 TEST_F(JavaContainer, ManyRegistrationsWaitAtOnceEachForItsOwn) {
-    const int kWaiters = 8;
-    const int kEach = 25;
+    const int kWaiters = 8, kEach = 25;
     std::vector<OrvoJavaNotificationCallbackQueueSP> queues(kWaiters);
     std::vector<int> ids;
     for (auto& spQueue : queues) ids.push_back(addRegistration(spQueue));

@@ -69,8 +69,9 @@ TEST(LibrarySymbols, ExportsEveryEntryPointAndNothingForeign) {
     for (const auto& sym : symbols) {
         present.insert(sym.demangled);
         functions.insert(sym.demangled.substr(0, sym.demangled.find_first_of("([")));
-        const bool bOk = sym.name.starts_with("_Z") ? sym.type == 'W' || sym.type == 'V' || isOurs(sym.demangled)
-                         : kCEntryPoints.count(sym.name) != 0 || sym.name.starts_with("Java_com_orvo_ksa_common_");
+        const bool bOk = sym.name.starts_with("_Z")
+                             ? sym.type == 'W' || sym.type == 'V' || isOurs(sym.demangled)
+                             : kCEntryPoints.count(sym.name) != 0 || sym.name.starts_with("Java_com_orvo_ksa_common_");
         if (sym.type == 'u' || !bOk) sForeign += "\n  " + std::string(1, sym.type) + " " + sym.demangled;
     }
     for (const auto& sName : kCEntryPoints) EXPECT_EQ(present.count(sName), 1u) << "missing " << sName;

@@ -75,8 +75,8 @@ Notes g_events;
 void onNotification(const char* pszEvent, OrvoNNNotification* pN) {
     const char* pData = static_cast<const char*>(pN->m_pData);
     g_events.add(std::string(pszEvent) + "|" + pN->m_pszData + "|" +
-         (pData ? std::string(pData, static_cast<std::size_t>(pN->m_nDataLength)) : "null") + "|" +
-         std::to_string(pN->m_nDataLength));
+                 (pData ? std::string(pData, static_cast<std::size_t>(pN->m_nDataLength)) : "null") + "|" +
+                 std::to_string(pN->m_nDataLength));
 }
 void onJob(const char* pszName, tOrvoJSEEvent event) {
     g_events.add("J:" + std::string(pszName) + " " + std::to_string(event));
@@ -228,7 +228,9 @@ TEST_F(WireTest, FailedExchangesReturnMinusTheCode) {
     close(fd);
     EXPECT_EQ(m_daemon.requests().size(), nRequests);
     m_daemon.stop();
-    const std::function<long()> down[] = {notify, unsubscribe, subscribe,
+    const std::function<long()> down[] = {notify,
+                                          unsubscribe,
+                                          subscribe,
                                           [] { return scheduleOn(1, 1, KSInterface::GetYear() + 1); },
                                           [&] { return OrvoTSRetrieveBlobTask(1, &nSize, buffer); },
                                           [] { return OrvoJSELookupJob("x"); },
@@ -257,7 +259,7 @@ TEST_F(WireTest, AnErrorValueLetsTheNextRequestSucceedAtOnce) {
 TEST_F(WireTest, AReplyPastTheConfiguredBoundIsNotWaitedFor) {
     ScopedEnv bound("KSINTF_REPLY_TIMEOUT_MS", "100");
     m_daemon.expect({.fn = [](const Request&) {
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
         return Wire().addLong(7).bytes();
     }});
     EXPECT_EQ(OrvoJSELookupJob("late"), -ETIMEDOUT);
@@ -479,37 +481,36 @@ TEST(CallbackObjects, DecodeWhatTheSinkHandsThem) {
         object.doCallback(sp);
         return p->remaining();
     };
-    OrvoSupport::OrvoSmartPointer<KSInterface::JobStatusCallback> spJob(new KSInterface::JobStatusCallback("job-7"));
-    OrvoSupport::OrvoSmartPointer<KSInterface::ResourceArbitrationCallback> spLock(
-        new KSInterface::ResourceArbitrationCallback("printer"));
-    OrvoSupport::OrvoSmartPointer<KSInterface::TaskSchedulerCallback> spTask(new KSInterface::TaskSchedulerCallback(5));
-    spJob->setCallback(onJob);
-    spLock->setCallback(onLock);
-    spTask->setCallback(onTask);
-    EXPECT_EQ(feed(*spJob, Wire().addShort(7).addShort(3).addString("job-7-text")), 0u);
-    EXPECT_EQ(feed(*spTask, Wire().addShort(3).addShort(cCompleted).addLong(0x100000009LL)), 0u);
-    spJob->setCallback(nullptr);  // the fields still change without a function
-    spTask->setCallback(nullptr);
-    EXPECT_EQ(feed(*spJob, Wire().addShort(7).addShort(static_cast<std::int16_t>(0xFFFF)).addString("x")), 0u);
-    EXPECT_EQ(spJob->getEvent(), TRVX_JSE_EXIT);
-    EXPECT_EQ(feed(*spTask, Wire().addShort(3).addShort(static_cast<std::int16_t>(0xFFFF)).addLong(-12)), 0u);
-    EXPECT_EQ(std::pair(spTask->getState(), spTask->getTaskId()), std::pair(cExit, -12));
-    EXPECT_EQ(feed(*spLock, Wire().addShort(7).addShort(static_cast<std::int16_t>(0x8000)).addString("other")), 0u);
-    EXPECT_EQ(spLock->getLockCode(), -32768);
-    EXPECT_THROW(feed(*spTask, Wire().addShort(3).addShort(cInProgress).addString("9")), OrvoSupport::OrvoException);
-    EXPECT_EQ(spTask->getTaskId(), -12);
+    KSInterface::JobStatusCallback job("job-7");
+    KSInterface::ResourceArbitrationCallback lock("printer");
+    KSInterface::TaskSchedulerCallback task(5);
+    job.setCallback(onJob);
+    lock.setCallback(onLock);
+    task.setCallback(onTask);
+    EXPECT_EQ(feed(job, Wire().addShort(7).addShort(3).addString("job-7-text")), 0u);
+    EXPECT_EQ(feed(task, Wire().addShort(3).addShort(cCompleted).addLong(0x100000009LL)), 0u);
+    job.setCallback(nullptr);  // the fields still change without a function
+    task.setCallback(nullptr);
+    EXPECT_EQ(feed(job, Wire().addShort(7).addShort(static_cast<std::int16_t>(0xFFFF)).addString("x")), 0u);
+    EXPECT_EQ(job.getEvent(), TRVX_JSE_EXIT);
+    EXPECT_EQ(feed(task, Wire().addShort(3).addShort(static_cast<std::int16_t>(0xFFFF)).addLong(-12)), 0u);
+    EXPECT_EQ(std::pair(task.getState(), task.getTaskId()), std::pair(cExit, -12));
+    EXPECT_EQ(feed(lock, Wire().addShort(7).addShort(static_cast<std::int16_t>(0x8000)).addString("other")), 0u);
+    EXPECT_EQ(lock.getLockCode(), -32768);
+    EXPECT_THROW(feed(task, Wire().addShort(3).addShort(cInProgress).addString("9")), OrvoSupport::OrvoException);
+    EXPECT_EQ(task.getTaskId(), -12);
     EXPECT_EQ(g_events.take(3), (Events{"J:job-7-text " + std::to_string(TRVX_JSE_UPDATED),
-                                     "T:9 " + std::to_string(cCompleted), "L:printer -32768"}));
+                                        "T:9 " + std::to_string(cCompleted), "L:printer -32768"}));
     RANotificationInfo lockInfo(onLock);
     JSNotificationInfo jobInfo(onJob);
     for (long nLength : {0L, 3L}) {
         char shortCode[3] = {2, 0, 0};
-        OrvoNNNotification lock{"printer", nLength ? shortCode : nullptr, nLength, &lockInfo};
-        OrvoNNNotification job{"Backup", nLength ? shortCode : nullptr, nLength, &jobInfo};
-        OrvoNNNotification task{"16", nLength ? shortCode : nullptr, nLength, reinterpret_cast<void*>(&onTask)};
-        OrvoRANotificationCallback("OrvoRAEvent:printer$", &lock);
-        OrvoJSNotificationCallback("OrvoJSEvent:Backup$", &job);
-        OrvoTSNotificationCallback("OrvoTSEvent:16$", &task);
+        OrvoNNNotification lockEvent{"printer", nLength ? shortCode : nullptr, nLength, &lockInfo};
+        OrvoNNNotification jobEvent{"Backup", nLength ? shortCode : nullptr, nLength, &jobInfo};
+        OrvoNNNotification taskEvent{"16", nLength ? shortCode : nullptr, nLength, reinterpret_cast<void*>(&onTask)};
+        OrvoRANotificationCallback("OrvoRAEvent:printer$", &lockEvent);
+        OrvoJSNotificationCallback("OrvoJSEvent:Backup$", &jobEvent);
+        OrvoTSNotificationCallback("OrvoTSEvent:16$", &taskEvent);
     }
     EXPECT_EQ(g_events.take(0), Events{}) << "payloads too short for their code are dropped unread";
 }

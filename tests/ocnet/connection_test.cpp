@@ -69,7 +69,7 @@ TEST(StreamConnection, MalformedInputEndOfStreamAndErrorValues) {
         {Wire().addInt(1), 'l', EPROTO},
         {std::string("b\x02"), 'b', EPROTO},
         {std::string("s\xff\xff\xff\xfe", 5), 's', EMSGSIZE},  // no body follows: must not wait
-        {"", 'l', ECONNRESET},  // end of stream at the start or within a value
+        {"", 'l', ECONNRESET},                                 // end of stream at the start or within a value
         {Wire().addString("0123456789").bytes().substr(0, 7), 's', ECONNRESET},
         {Wire().addError(13, "denied"), 'l', 13},
     };

@@ -93,7 +93,8 @@ bool KsdProcess::start(const std::vector<std::string>& extraArgs) {
         return false;
     }
     bool exited = false;
-    const bool up = waitUntil([&] { return (exited = !isRunning()) || WireClient().connect(connType()); }, std::chrono::seconds(20));
+    const bool up = waitUntil([&] { return (exited = !isRunning()) || WireClient().connect(connType()); },
+                              std::chrono::seconds(20));
     if (up && !exited) return true;
     if (!exited) kill();
     return false;

@@ -43,6 +43,14 @@ class KsintfJavaTest {
         }
     }
 
+    private static void assertRetrieved(int ticket, String text, byte[] data, String event) {
+        NNC nnc = new NNC();
+        nnc.retrieve(ticket);
+        assertEquals(text, nnc.getNotificationData());
+        assertArrayEquals(data, nnc.getProducerData());
+        assertEquals(event, nnc.getEventName());
+    }
+
     @Test
     @Order(1)
     void notificationTicketsCountFromOneAndEachIsRetrievedOnceIntoWhatMembersThereAre() {
@@ -65,24 +73,10 @@ class KsintfJavaTest {
         nnc.stopWaitNotification(h);
         assertEquals(-1, nnc.waitForNotification(h), "a stopped registration with a notification pending");
 
-        // Retrieval by ticket, not by order of arrival.
-        NNC second = new NNC();
-        second.retrieve(2);
-        assertEquals("<second/>", second.getNotificationData());
-        assertArrayEquals(new byte[] {7, 0, -2}, second.getProducerData());
-        assertEquals(event, second.getEventName());
-
-        NNC one = new NNC();
-        one.retrieve(1);
-        assertEquals("<first/>", one.getNotificationData());
-        assertArrayEquals(first, one.getProducerData());
-        assertEquals(event, one.getEventName());
-
-        NNC again = new NNC();
-        again.retrieve(1);
-        assertNull(again.getNotificationData());
-        assertNull(again.getProducerData());
-        assertNull(again.getEventName());
+        // Retrieval by ticket, not by order of arrival; a ticket is gone once retrieved.
+        assertRetrieved(2, "<second/>", new byte[] {7, 0, -2}, event);
+        assertRetrieved(1, "<first/>", first, event);
+        assertRetrieved(1, null, null, null);
 
         // Retrieval into an object that lacks some of the members.
         TextOnly target = new TextOnly();
@@ -91,8 +85,6 @@ class KsintfJavaTest {
         assertEquals("m", target.text);
         assertNull(target.m_sEventName);
         nnc.stopWaitNotification(hMarker);
-        assertEquals(-1, nnc.waitForNotification(987654321));
-        nnc.stopWaitNotification(987654321);
     }
 
     @Test
