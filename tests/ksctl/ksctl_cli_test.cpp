@@ -33,7 +33,6 @@ struct RunResult {
 class KsctlRun : public ChildProcess {
 public:
     explicit KsctlRun(const std::vector<std::string>& args) : ChildProcess(KSCTL_BINARY, args, {}, true) {}
-    // Reads both streams to their end and reaps the process.
     RunResult result() {
         const int code = finish();
         return {code, out(), err()};
@@ -42,7 +41,6 @@ public:
 
 RunResult runKsctl(const std::vector<std::string>& args) { return KsctlRun(args).result(); }
 
-// The lines of `text` (without their newlines).
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
     std::istringstream in(text);

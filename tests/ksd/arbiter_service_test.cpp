@@ -11,10 +11,8 @@
 
 namespace {
 
-using ksdtest::FakeResponder;
-using ksdtest::tcpPeer;
-using ksdtest::unixPeer;
-using Events = std::vector<ksdtest::PublishedEvent>;
+using namespace ksdtest;
+using Events = std::vector<PublishedEvent>;
 
 constexpr uid_t kAlice = 1000;
 constexpr uid_t kBob = 1001;
@@ -24,28 +22,23 @@ protected:
     Arbiter() {
         ksd::ArbiterLimits l;
         l.maxNameLength = 16, l.maxLocksPerUser = 3, l.listPageBytes = 1;  // one lock per listing page
-        arbiter_ = std::make_unique<ksd::ArbiterService>(io_, events_, l, std::make_unique<ksdtest::FakeMonitor>(mon_));
+        arbiter_ = std::make_unique<ksd::ArbiterService>(io_, events_, l, std::make_unique<FakeMonitor>(watched_));
     }
     std::shared_ptr<FakeResponder> lock(const std::string& name, std::int64_t ms, const ksd::PeerInfo& peer) {
-        auto responder = std::make_shared<FakeResponder>();
-        ksd::Request r{"Arbiter", "TRVX_RA_LOCK", {{'s', 0, name}, {'l', ms, {}}}, peer, responder};
-        arbiter_->handle(r);
-        return responder;
+        return ksdtest::handle(*arbiter_, "TRVX_RA_LOCK", {str(name), lng(ms)}, peer);
     }
     std::int64_t unlock(std::int64_t handle, const ksd::PeerInfo& peer) {
-        auto responder = std::make_shared<FakeResponder>();
-        ksd::Request r{"Arbiter", "TRVX_RA_UNLOCK", {{'l', handle, {}}}, peer, responder};
-        arbiter_->handle(r);
+        const auto responder = ksdtest::handle(*arbiter_, "TRVX_RA_UNLOCK", {lng(handle)}, peer);
         EXPECT_TRUE(responder->value()) << "unlock always answers one long";
         return responder->value().value_or(-9999);
     }
-    static ksdtest::PublishedEvent ev(const std::string& name, std::int32_t code) {
+    static PublishedEvent ev(const std::string& name, std::int32_t code) {
         return {"OrvoRAEvent:" + name + "$", name, code};
     }
 
     asio::io_context io_;
-    ksdtest::RecordingPublisher events_;
-    std::shared_ptr<ksdtest::FakeMonitor::State> mon_ = std::make_shared<ksdtest::FakeMonitor::State>();
+    RecordingPublisher events_;
+    std::shared_ptr<FakeMonitor::Watched> watched_ = std::make_shared<FakeMonitor::Watched>();
     std::unique_ptr<ksd::ArbiterService> arbiter_;
 };
 
@@ -89,7 +82,7 @@ TEST_F(Arbiter, WaitersAreServedInArrivalOrderAndThoseWhoLeftAreSkipped) {
     EXPECT_EQ(unlock(3, unixPeer(14, kAlice)), 0);
     EXPECT_EQ(fourth->value(), 4);
     for (auto* r : {gone.get(), goneTimed.get(), quiet.get()}) EXPECT_EQ(r->answers, 0);
-    EXPECT_EQ(mon_->watched.count(12), 0u) << "no process is watched for a lock never granted";
+    EXPECT_EQ(watched_->count(12), 0u) << "no process is watched for a lock never granted";
     const auto freed = ev("disk0", 0), granted = ev("disk0", 1);
     EXPECT_EQ(events_.events, (Events{freed, granted, freed, granted, freed, granted})) << "release, then grant";
     io_.poll();
@@ -100,12 +93,12 @@ TEST_F(Arbiter, OnlyTheHoldersUserOrRootMayUnlock) {
     ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 1);
     EXPECT_EQ(unlock(1, unixPeer(11, kBob)), -EPERM);
     EXPECT_EQ(unlock(1, tcpPeer()), -EPERM) << "a TCP client of unknown owner is nobody's user";
-    EXPECT_EQ(unlock(1, ksdtest::tcpPeerOf(kBob)), -EPERM);
+    EXPECT_EQ(unlock(1, tcpPeerOf(kBob)), -EPERM);
     EXPECT_EQ(unlock(1, unixPeer(99, kAlice)), 0) << "another process of the same user may";
     ASSERT_EQ(lock("disk0", -1, unixPeer(10, kAlice))->value(), 2);
     EXPECT_EQ(unlock(2, unixPeer(12, 0)), 0) << "root may";
     EXPECT_EQ(lock("net", -1, tcpPeer())->failCode, EACCES) << "nor may it lock";
-    ASSERT_EQ(lock("net", -1, ksdtest::tcpPeerOf(kAlice))->value(), 3);
+    ASSERT_EQ(lock("net", -1, tcpPeerOf(kAlice))->value(), 3);
     EXPECT_EQ(unlock(3, unixPeer(10, kBob)), -EPERM);
     EXPECT_EQ(unlock(3, unixPeer(10, kAlice)), 0) << "over TCP too a lock is its owner's";
 }
@@ -136,7 +129,7 @@ TEST_F(Arbiter, TheLockListComesInPagesByHandleEachHoldingALock) {
     };
     ASSERT_EQ(lock("b", 0, unixPeer(10, kAlice))->value(), 1);
     ASSERT_EQ(lock("a", 0, unixPeer(11, kBob))->value(), 2);
-    ASSERT_EQ(lock("c", 0, ksdtest::tcpPeerOf(kBob))->value(), 3);
+    ASSERT_EQ(lock("c", 0, tcpPeerOf(kBob))->value(), 3);
     auto waiter = lock("a", -1, unixPeer(12, kAlice));
     EXPECT_EQ(handles("locks") + "| " + handles("locks>1") + "| " + handles("locks>2") + "| " + handles("locks>3"),
               "1 | 2 | 3 | ");

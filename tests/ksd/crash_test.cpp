@@ -22,11 +22,6 @@
 
 namespace {
 
-std::string integrityCheck(const std::string& file) {
-    ksd::store::Database db(file, ksd::store::Database::ReadOnly{});
-    return db.pragma("integrity_check");
-}
-
 // What the client knows of a job: the progress acknowledged, and one it sent
 // whose answer the kill may have swallowed.
 struct Known {
@@ -68,7 +63,8 @@ TEST(CrashTest, EveryAcknowledgedWriteSurvivesThirtyKills) {
         ksd.kill();
         stop = true;
         writer.join();
-        ASSERT_EQ(integrityCheck(ksd.stateDir() + "/ksd.db"), "ok") << "round " << round;
+        ksd::store::Database db(ksd.stateDir() + "/ksd.db", ksd::store::Database::ReadOnly{});
+        ASSERT_EQ(db.pragma("integrity_check"), "ok") << "round " << round;
         ASSERT_TRUE(ksd.start()) << ksd.log();
 
         for (const auto& [id, known] : jobs) {

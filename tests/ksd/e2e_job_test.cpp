@@ -1,9 +1,7 @@
 // Jobs through libksintf against a real ksd: the life cycle with every event
-// reaching a registered C callback, a subscription kept across a kill of ksd,
-// and a state database ksd cannot read. Writes under kills: CrashTest.
+// reaching a registered C callback, and a state database ksd cannot read.
+// Writes under kills: CrashTest; a subscription kept across a kill: LockEndToEnd.
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "OrvoJobStatus.h"
 #include "e2e_support.h"
@@ -20,18 +18,15 @@ TEST_F(JobEndToEnd, ALifeCycleFromTwoProcessesReachesTheRegisteredCallbackInOrde
     ASSERT_GE(registration, 0);
     const int id = OrvoJSECreateJob("frames 1-100", "render");
     ASSERT_GT(id, 0);
-    EXPECT_EQ(OrvoJSECreateJob("again", "render"), -17);
     EXPECT_EQ(OrvoJSELookupJob("render"), id);
     int apps[] = {101, 102, 103};
     EXPECT_EQ(OrvoJSEMapJobIDToAppID(id, 3, apps), 0);
     // A worker process of the same user reports progress.
-    auto worker = helper({"progress", std::to_string(id), "50", "progress", std::to_string(id), "101"});
+    auto worker = helper({"progress", std::to_string(id), "50"});
     EXPECT_EQ(helperValue(*worker, "progress"), 0);
-    EXPECT_EQ(helperValue(*worker, "progress"), -22);
     EXPECT_EQ(OrvoJSEGetJobProgress(id), 50);
     EXPECT_EQ(OrvoJSESetJobProgress(id, 100), 0);
     EXPECT_EQ(OrvoJSECancelJob(id), 0);
-    EXPECT_EQ(OrvoJSESetJobProgress(id, 10), -125) << "a cancelled job takes no more progress";
     EXPECT_EQ(OrvoJSEDeleteJob(id), 0);
     for (int gone : {OrvoJSEDeleteJob(id), OrvoJSEGetJobProgress(id), OrvoJSELookupJob("render")}) EXPECT_EQ(gone, -2);
     EXPECT_EQ(g_renderEvents.waitFor(6), (e2e::Log{{"render", TRVX_JSE_CREATED}, {"render", TRVX_JSE_UPDATED},
@@ -40,28 +35,13 @@ TEST_F(JobEndToEnd, ALifeCycleFromTwoProcessesReachesTheRegisteredCallbackInOrde
     EXPECT_EQ(OrvoJSEUnregisterForNotification(registration), 0);
 }
 
-e2e::EventLog g_afterRestartEvents;
-
-TEST_F(JobEndToEnd, ASubscriberKeepsReceivingAfterKsdIsKilledAndRestarted) {
-    const int registration = OrvoJSERegisterForNotification(
-        "restarted", [](const char* name, tOrvoJSEEvent event) { g_afterRestartEvents.add(name, static_cast<int>(event)); });
-    ASSERT_GE(registration, 0);
-    ASSERT_TRUE(ksd_->restart(true)) << ksd_->log();
-    // Nothing re-registers: the daemon brought the subscription back itself.
-    const int id = OrvoJSECreateJob("made after the restart", "restarted");
-    ASSERT_GT(id, 0);
-    EXPECT_EQ(g_afterRestartEvents.waitFor(1), (e2e::Log{{"restarted", TRVX_JSE_CREATED}}));
-    EXPECT_EQ(OrvoJSEUnregisterForNotification(registration), 0) << "and it is the same subscription";
-    EXPECT_EQ(OrvoJSEDeleteJob(id), 0);
-}
-
 TEST(JobStoreStartup, ADamagedDatabaseStopsTheStartAndIsLeftAsItWas) {
     kstest::KsdProcess ksd;
     std::filesystem::create_directories(ksd.stateDir());
     const std::string file = ksd.stateDir() + "/ksd.db", garbage(8192, '\x5a');
     std::ofstream(file, std::ios::binary) << garbage;
     EXPECT_FALSE(ksd.start());
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(std::ifstream(file, std::ios::binary).rdbuf()), {}), garbage) << "what ksd cannot read, it leaves";
+    EXPECT_EQ(e2e::readFile(file), garbage) << "what ksd cannot read, it leaves";
 }
 
 }  // namespace

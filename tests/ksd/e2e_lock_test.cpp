@@ -1,6 +1,6 @@
 // Locks through libksintf against a real ksd, held by client processes: a
 // holder killed with SIGKILL whose lock passes on to the waiter, a wait longer
-// than the reply deadline, and locks across a kill of ksd.
+// than the reply deadline, and locks and a subscription across a kill of ksd.
 #include <signal.h>
 
 #include "OrvoResourceArbitration.h"
@@ -74,6 +74,7 @@ TEST_F(LockEndToEnd, AcrossAKillOfKsdALiveHolderKeepsItsLockAndADeadOnesIsFreed)
 
     EXPECT_TRUE(heldBy("keep0", live->pid(), 0)) << queryDaemon("locks");
     EXPECT_EQ(OrvoRAResourceLock("keep0", 0), -110) << "still held by the live holder";
+    // Nothing re-registers: the daemon brought the subscription back itself.
     EXPECT_EQ(g_restartEvents.waitFor(2), (e2e::Log{{"vat0", 1}, {"vat0", -1}})) << "released because its holder ended";
     const long taken = OrvoRAResourceLock("vat0", 0);
     EXPECT_GT(taken, deadHandle) << "the dead holder's lock is free, under a handle never given before";

@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
+#include <sstream>
 
 #include "ksd_process.h"
 #include "wait_until.h"
@@ -64,5 +66,12 @@ inline std::string queryDaemon(const std::string& what) {
 }
 
 using kstest::waitUntil;
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
 
 }  // namespace e2e

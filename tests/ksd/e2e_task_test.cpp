@@ -19,6 +19,8 @@
 
 namespace {
 
+using e2e::readFile;
+
 // The calendar fields `seconds` from now, local or GMT.
 struct When {
     int year, month, day, hour, minute, second;
@@ -41,13 +43,6 @@ int scheduleBlobIn(int seconds, const std::string& name, const std::string& blob
     const When w = in(seconds, true);
     return OrvoTSScheduleBlobTask(name.c_str(), static_cast<int>(blob.size()), blob.data(), freq, w.month, w.day,
                                   w.year, w.hour, w.minute, w.second);
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 bool reaches(int handle, tTaskState state) {

@@ -4,8 +4,6 @@
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
-#include <mutex>
-#include <thread>
 
 #include "service_test_fakes.h"
 #include "fake_daemon.h"
@@ -13,26 +11,19 @@
 
 namespace {
 
-using ksdtest::unixPeer;
-using Fields = std::vector<ksd::Value>;
+using namespace ksdtest;
 
 const ksd::PeerInfo kAlicePeer = unixPeer(10, 1000);
 const ksd::PeerInfo kBobPeer = unixPeer(20, 1001);
 
-ksd::Value str(std::string s) { return {'s', 0, std::move(s)}; }
-ksd::Value lng(std::int64_t v) { return {'l', v, {}}; }
-
 class JobStatus : public ::testing::Test {
 protected:
     auto call(const std::string& request, Fields fields, const ksd::PeerInfo& peer = kAlicePeer) {
-        auto responder = std::make_shared<ksdtest::FakeResponder>();
-        ksd::Request r{"JobStatus", request, std::move(fields), peer, responder};
-        service_->handle(r);
-        return responder;
+        return handle(*service_, request, std::move(fields), peer);
     }
     kstest::ScopedTempDir dir_{"kstest-jobstatus"};
     asio::io_context io_;
-    ksdtest::RecordingPublisher events_;
+    RecordingPublisher events_;
     std::unique_ptr<ksd::JobStatusService> service_ = std::make_unique<ksd::JobStatusService>(
         io_, events_, dir_.path(), ksd::jobs::JobLimits{.maxNameLength = 8, .maxDescriptionLength = 16, .maxAppIds = 4, .listPageBytes = 1});
 };
@@ -48,7 +39,7 @@ TEST_F(JobStatus, NamesDescriptionsAndAppIdsAreTakenUpToTheirLimitsAndNoFurther)
     EXPECT_EQ(map({lng(1), lng(4)}).kind, ksd::FieldKind::Long) << "exactly the most";
     EXPECT_EQ(map({lng(1), lng(5)}).errorCode, EMSGSIZE);
     EXPECT_EQ(call("TRVX_JS_MAP_JOB", {lng(1), lng(4), lng(11), lng(12), lng(13), lng(14)})->value(), 0);
-    EXPECT_EQ(events_.events, (std::vector<ksdtest::PublishedEvent>{{"OrvoJSEvent:12345678$", "12345678", 2}}))
+    EXPECT_EQ(events_.events, (std::vector<PublishedEvent>{{"OrvoJSEvent:12345678$", "12345678", 2}}))
         << "created; a mapping is no progress";
 }
 
@@ -58,33 +49,16 @@ TEST_F(JobStatus, OtherUsersAndTcpClientsMayReadButNotChange) {
              {"TRVX_JS_SET_PROGRESS", {lng(1), lng(9)}}, {"TRVX_JS_CANCEL", {lng(1)}}, {"TRVX_JS_DELETE", {lng(1)}},
              {"TRVX_JS_MAP_JOB", {lng(1), lng(0)}}}) {
         EXPECT_EQ(call(request, fields, kBobPeer)->value(), -EPERM) << request;
-        EXPECT_EQ(call(request, fields, ksdtest::tcpPeer())->failCode, EACCES) << request;
-        EXPECT_EQ(call(request, fields, ksdtest::tcpPeerOf(1001))->value(), -EPERM) << "Bob over TCP: " << request;
+        EXPECT_EQ(call(request, fields, tcpPeer())->failCode, EACCES) << request;
+        EXPECT_EQ(call(request, fields, tcpPeerOf(1001))->value(), -EPERM) << "Bob over TCP: " << request;
     }
-    EXPECT_EQ(call("TRVX_JS_CREATE", {str("d"), str("tcp")}, ksdtest::tcpPeer())->failCode, EACCES);
+    EXPECT_EQ(call("TRVX_JS_CREATE", {str("d"), str("tcp")}, tcpPeer())->failCode, EACCES);
     EXPECT_EQ(call("TRVX_JS_SET_PROGRESS", {lng(1), lng(5)}, unixPeer(30, 0))->value(), 0) << "root may";
     EXPECT_EQ(call("TRVX_JS_GET_PROGRESS", {lng(1)}, kBobPeer)->value(), 5);
-    EXPECT_EQ(call("TRVX_JS_LOOKUP", {str("mine")}, ksdtest::tcpPeer())->value(), 1);
-    EXPECT_EQ(call("TRVX_JS_DELETE", {lng(1)}, ksdtest::tcpPeerOf(1000))->value(), 0) << "Alice over TCP";
+    EXPECT_EQ(call("TRVX_JS_LOOKUP", {str("mine")}, tcpPeer())->value(), 1);
+    EXPECT_EQ(call("TRVX_JS_DELETE", {lng(1)}, tcpPeerOf(1000))->value(), 0) << "Alice over TCP";
     EXPECT_EQ(events_.events.size(), 3u) << "created, root's update, deleted; nothing refused was announced";
 }
-
-// Records the thread an answer came on: only the loop's may use a responder.
-class ThreadResponder final : public ksd::Responder {
-public:
-    void reply(std::string fields) override { answer(std::move(fields)); }
-    void fail(int code, std::string_view) override { answer("error " + std::to_string(code)); }
-    bool isOpen() const override { return true; }
-    void onClose(std::function<void()>) override {}
-    void answer(std::string text) {
-        std::lock_guard lock(mutex);
-        answers.push_back(std::move(text));
-        threads.push_back(std::this_thread::get_id());
-    }
-    std::mutex mutex;
-    std::vector<std::string> answers;
-    std::vector<std::thread::id> threads;
-};
 
 TEST_F(JobStatus, JobListPagesAreReadFromTheStoreOneJobAtLeastEachAndAnsweredOnTheLoop) {
     for (const char* name : {"a", "b", "c"}) ASSERT_GT(call("TRVX_JS_CREATE", {str("tab\there"), str(name)})->value(), 0);
@@ -98,21 +72,16 @@ TEST_F(JobStatus, JobListPagesAreReadFromTheStoreOneJobAtLeastEachAndAnsweredOnT
     EXPECT_EQ(service_->query("jobs>3"), "[]");
     for (const char* bad : {"jobs>", "jobs>-1", "jobs>1a", "jobsx"}) EXPECT_EQ(service_->query(bad), "") << bad;
 
-    auto responder = std::make_shared<ThreadResponder>();
+    // Only the loop's thread may use a responder: one answered from the reader's would race here.
+    auto responder = std::make_shared<FakeResponder>();
     EXPECT_FALSE(service_->answerLater("locks", kAlicePeer, responder));
     ASSERT_TRUE(service_->answerLater("jobs>1", kAlicePeer, responder));
     // Other handlers (the service's own timers) may come first under load.
     auto guard = asio::make_work_guard(io_);
-    const auto answered = [&] {
-        std::lock_guard lock(responder->mutex);
-        return !responder->answers.empty();
-    };
     const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!answered() && io_.run_one_until(bound) > 0) continue;
-    std::lock_guard lock(responder->mutex);
-    ASSERT_EQ(responder->answers.size(), 1u);
-    EXPECT_EQ(responder->threads[0], std::this_thread::get_id()) << "answered through the loop";
-    EXPECT_EQ(responder->answers[0], ksd::stringReply(service_->query("jobs>1")));
+    while (!responder->answered() && io_.run_one_until(bound) > 0) continue;
+    EXPECT_EQ(responder->thread, std::this_thread::get_id()) << "answered through the loop";
+    EXPECT_EQ(responder->replied, ksd::stringReply(service_->query("jobs>1")));
 }
 
 }  // namespace

@@ -1,12 +1,16 @@
 // The Notifier against a daemon on its own thread: subscriptions, ordered
-// asynchronous delivery, bounded queues, unreachable subscribers, refusals.
+// asynchronous delivery, bounded queues, unreachable subscribers, refusals,
+// and its guards between users (as root: other users are played by children).
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <memory>
 #include <string>
 
 #include "core_test_util.h"
+#include "other_user.h"
 #include "push_sink.h"
 
 namespace {
@@ -15,10 +19,18 @@ using namespace ksdtest;
 
 using TestSink = kstest::PushSink;
 
+constexpr uid_t kNobody = 65534;
+constexpr uid_t kOther = 65533;
+
 class NotifierTest : public ::testing::Test {
 protected:
+    // (Re)starts the daemon; its state outlives a restart.
     void start(ksd::NotifierLimits limits = {}) {
-        server_ = std::make_unique<TestServer>([&](ksd::DaemonOptions& o) { o.notifier = limits; });
+        server_.reset();
+        server_ = std::make_unique<TestServer>([&](ksd::DaemonOptions& o) {
+            o.notifier = limits;
+            o.stateDir = state_.path();
+        });
     }
     std::int64_t status(const std::string& name) {
         for (const auto& item : server_->thread.onLoop([&] { return server_->daemon().notifier().status(); }))
@@ -38,7 +50,12 @@ protected:
                            const std::string& via = "") {
         return ask(requestWire("Notifier", "TRVX_NN_REGISTER").addString(event).addString(address).addInt(id), via);
     }
+    // `subscribe` made by `uid`, in a child process.
+    std::string subscribeAs(uid_t uid, std::string_view event, std::string_view address, const std::string& via = "") {
+        return kstest::runAs(uid, [&] { return std::to_string(subscribe(event, address, 1, via)); });
+    }
 
+    kstest::ScopedTempDir state_{"kstest-notifier"};
     std::unique_ptr<TestServer> server_;
 };
 
@@ -80,7 +97,7 @@ TEST_F(NotifierTest, AStalledSubscriberLosesOnlyItsOwnNotificationsAndTheyAreCou
     EXPECT_EQ(status("queue_drops"), 2 * kCount - queued) << "every notification not queued is counted";
 }
 
-TEST_F(NotifierTest, AnUnreachableOrVanishedSubscriberLosesItsSubscriptions) {
+TEST_F(NotifierTest, AnUnreachableVanishedOrSweptSubscriberLosesItsSubscriptions) {
     start();
     const std::string nobody = "pipe:" + kstest::uniqueName("kstest-nobody");
     ASSERT_EQ(subscribe("e", nobody, 1), 0);
@@ -96,6 +113,18 @@ TEST_F(NotifierTest, AnUnreachableOrVanishedSubscriberLosesItsSubscriptions) {
     sink.stop();  // the subscriber's process goes away
     ASSERT_TRUE(waitUntil([&] { return status("subscriptions") == 0; }));
     EXPECT_EQ(notify("g", "2"), 0);
+
+    // With a sweep, a listener gone before any push goes too.
+    ksd::NotifierLimits limits;
+    limits.sweepInterval = std::chrono::milliseconds(200);
+    start(limits);
+    TestSink gone, staying;
+    ASSERT_EQ(subscribe("e", gone.address(), 1), 0);
+    ASSERT_EQ(subscribe("e", staying.address(), 1), 0);
+    gone.stop();
+    ASSERT_TRUE(waitUntil([&] { return status("subscriptions") == 1; }));
+    const std::string list = kstest::operatorQuery(server_->address(), "subscriptions");
+    EXPECT_NE(list.find(staying.address()), std::string::npos) << list;
 }
 
 TEST_F(NotifierTest, ForeignAddressesDaemonEventsAndOversizedNotificationsAreRefused) {
@@ -117,6 +146,67 @@ TEST_F(NotifierTest, ForeignAddressesDaemonEventsAndOversizedNotificationsAreRef
     EXPECT_EQ(ask(requestWire("Notifier", "TRVX_NN_NOTIFY").addString("s").addString("e").addString("t").addLong(-1)),
               kRefused + EMSGSIZE);
     EXPECT_EQ(notify("small", "", std::string(1000, 's')), 0);
+}
+
+class NotifierSecurity : public NotifierTest {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as two other users";
+        start();
+    }
+};
+
+TEST_F(NotifierSecurity, AnotherUsersEarlierRegistrationNeitherBlocksNorReplacesMineAcrossARestart) {
+    TestSink sink(TestSink::PipeNotListening);
+    // The squatter registers the victim's future address first.
+    ASSERT_EQ(subscribeAs(kNobody, "squat", sink.address()), "0");
+    EXPECT_EQ(kstest::runAs(
+                  kOther, [&] { return sink.listen() ? std::to_string(subscribe("mine", sink.address(), 1)) : "no"; }),
+              "0");
+    EXPECT_EQ(status("subscriptions"), 2);
+    start();
+    EXPECT_EQ(status("subscriptions"), 2) << "both restored, each with its owner";
+    EXPECT_EQ(notify("mine", "t"), 1);
+    EXPECT_EQ(sink.next(), "1|udp:127.0.0.1:0|mine|t|") << "the owner's event reaches its listener";
+    const std::string unsubscribe = requestWire("Notifier", "TRVX_NN_UNREGISTER").addString(sink.address()).addInt(1);
+    EXPECT_EQ(ask(unsubscribe), -2) << "root unregisters only its own";
+    EXPECT_EQ(kstest::runAs(kNobody, [&] { return std::to_string(ask(unsubscribe)); }), "0");
+    EXPECT_EQ(kstest::runAs(kNobody, [&] { return std::to_string(ask(unsubscribe)); }), "-2");
+    EXPECT_EQ(status("subscriptions"), 1) << "the squatter's going took nothing of the owner's";
+}
+
+TEST_F(NotifierSecurity, ACallbackPathOrPortTheRegistrantCannotReachIsRefused) {
+    kstest::ScopedTempDir dir("kstest-sec-dir");
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0700), 0);
+    const std::string path = dir.path() + "/root.sock";
+    TestSink rootSocket(TestSink::Pipe, path);
+    ASSERT_EQ(::chmod(path.c_str(), 0777), 0);
+    EXPECT_EQ(subscribeAs(kNobody, "e", rootSocket.address()), "-13") << "the directory is root's alone";
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0711), 0);
+    EXPECT_EQ(subscribeAs(kNobody, "e", rootSocket.address()), "0")
+        << "a directory it may search, a socket it may write";
+    ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+    EXPECT_EQ(subscribeAs(kNobody, "e", rootSocket.address()), "-13") << "a socket it may not write";
+    EXPECT_EQ(subscribe("e", rootSocket.address(), 1), 0) << "root may register anything";
+
+    // A TCP socket belongs to whoever made it: made here as root, as nobody and as another user.
+    const auto tcpSink = [](uid_t owner) {
+        ::setfsuid(owner);
+        auto sink = std::make_unique<TestSink>(TestSink::Tcp);
+        ::setfsuid(0);
+        return sink;
+    };
+    auto rootSink = tcpSink(0), nobodySink = tcpSink(kNobody), victimSink = tcpSink(kOther);
+    const std::string rootPort = rootSink->address();
+    EXPECT_EQ(subscribeAs(kNobody, "e", rootPort), "-13") << "root's port";
+    EXPECT_EQ(subscribeAs(kNobody, "e", nobodySink->address()), "0") << "its own port";
+    rootSink.reset();
+    EXPECT_EQ(subscribeAs(kNobody, "e", rootPort), "-13") << "nobody listens";
+    // Over TCP the registrant is its socket's owner: another user's sink port stays out of its reach.
+    const std::string tcp = server_->tcpAddress();
+    EXPECT_EQ(subscribeAs(kNobody, "forged", victimSink->address(), tcp), "-13");
+    EXPECT_EQ(subscribeAs(kNobody, "forged", nobodySink->address(), tcp), "0") << "its own port";
+    EXPECT_EQ(notify("forged"), 1) << "nothing is queued for the victim's port";
 }
 
 }  // namespace

@@ -21,40 +21,21 @@ namespace {
 using ksd::AddressCheck;
 using ksd::SubscriptionTable;
 using Add = SubscriptionTable::AddResult;
-using ksdtest::FakeResponder;
-using ksdtest::unixPeer;
+using namespace ksdtest;
 
 constexpr uid_t kAlice = 1000;
 constexpr uid_t kBob = 1001;
 
 class Notifier : public ::testing::Test {
 protected:
-    // The reply's value, or kRefused + the code of an error value.
-    static constexpr std::int64_t kRefused = 1000;
     std::int64_t subscribe(const std::string& event, const std::string& address, std::int32_t id,
                            const ksd::PeerInfo& peer) {
-        auto responder = std::make_shared<FakeResponder>();
-        ksd::Request r{"Notifier", "TRVX_NN_REGISTER", {{'s', 0, event}, {'s', 0, address}, {'i', id, {}}}, peer,
-                       responder};
-        notifier_.handle(r);
-        return responder->failCode ? kRefused + *responder->failCode : responder->value().value_or(-9999);
+        return handle(notifier_, "TRVX_NN_REGISTER", {str(event), str(address), num(id)}, peer)->outcome();
     }
     std::int64_t subscribe(const std::string& event, const std::string& address, std::int32_t id, uid_t uid) {
         return subscribe(event, address, id, unixPeer(100 + static_cast<pid_t>(uid), uid));
     }
-    std::int64_t status(const std::string& name) {
-        for (const auto& item : notifier_.status())
-            if (item.name == name) return item.value;
-        return -1;
-    }
-    // Runs the loop until `done` holds; the bound only keeps a bug from hanging the test.
-    template <typename F>
-    bool runUntil(F done) {
-        const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!done() && io_.run_one_until(bound) > 0) continue;
-        return done();
-    }
-
+    std::int64_t status(const std::string& name) { return statusOf(notifier_, name); }
     asio::io_context io_;
     ksd::NotifierService notifier_{io_};
 };
@@ -70,7 +51,7 @@ TEST_F(Notifier, AUserListsOnlyItsOwnSubscriptionsRootAllATcpClientNoneInPages) 
     EXPECT_EQ(alice.find("pipe:b"), std::string::npos) << "Bob's address is not shown to Alice: " << alice;
     const std::string root = notifier_.queryFor("subscriptions", unixPeer(1, 0));
     EXPECT_TRUE(root.find("alices") != std::string::npos && root.find("bobs") != std::string::npos) << root;
-    EXPECT_EQ(notifier_.queryFor("subscriptions", ksdtest::tcpPeer()), "[]");
+    EXPECT_EQ(notifier_.queryFor("subscriptions", tcpPeer()), "[]");
 }
 
 TEST_F(Notifier, FramesForAnotherUsersSubscriptionNeverReachThisListener) {
@@ -80,7 +61,8 @@ TEST_F(Notifier, FramesForAnotherUsersSubscriptionNeverReachThisListener) {
     ASSERT_EQ(subscribe("ev", sink.address(), 1, stranger), 0);
     ASSERT_EQ(subscribe("ev", sink.address(), 2, me), 0);
     EXPECT_EQ(notifier_.publish("s", "ev", "t", {}), 2u);
-    ASSERT_TRUE(runUntil([&] { return status("subscriptions") != 2; }));
+    const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (status("subscriptions") == 2 && io_.run_one_until(bound) > 0) continue;
     const std::string left = notifier_.query("subscriptions");
     EXPECT_EQ(status("subscriptions"), 1) << left;
     EXPECT_NE(left.find("\"id\":2,"), std::string::npos) << "the listener's own user keeps its subscription";
@@ -97,7 +79,7 @@ TEST_F(Notifier, AFamilyNameCarriesEveryEventItsSubscriberMaySeeAndNothingWhenUn
     ASSERT_EQ(subscribe("OrvoTSEvent:*", "pipe:bob", 1, kBob), 0);
     ASSERT_EQ(subscribe("OrvoTSEvent:*", "pipe:root", 1, 0), 0);
     ASSERT_EQ(subscribe("OrvoJSEvent:*", "pipe:bob", 2, kBob), 0);
-    ASSERT_EQ(subscribe("OrvoTSEvent:*", "socket::9", 1, ksdtest::tcpPeer()), kRefused + EACCES)
+    ASSERT_EQ(subscribe("OrvoTSEvent:*", "socket::9", 1, tcpPeer()), kRefused + EACCES)
         << "pushes for nobody could land anywhere";
 
     const std::int64_t published = status("notifications");

@@ -19,8 +19,9 @@ namespace kstest {
 class PushSink {
 public:
     enum Kind { Pipe, Tcp, PipeNotListening };
-    explicit PushSink(Kind kind = Pipe)
-        : name_(uniqueName("kstest-sink")),
+    // A pipe sink listens on `name`: an abstract name, or a path when it has a '/'.
+    explicit PushSink(Kind kind = Pipe, const std::string& name = uniqueName("kstest-sink"))
+        : name_(name),
           fd_(::socket(kind == Tcp ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         if (kind == Tcp) {
             sockaddr_in a{};

@@ -8,20 +8,12 @@
 #include <asio/io_context.hpp>
 #include <chrono>
 
-#include "OrvoCodec.h"
 #include "fake_daemon.h"
 #include "service_test_fakes.h"
 
 namespace {
 
-using ksdtest::unixPeer;
-using Fields = std::vector<ksd::Value>;
-
-ksd::Value str(std::string s) { return {'s', 0, std::move(s)}; }
-ksd::Value lng(std::int64_t v) { return {'l', v, {}}; }
-ksd::Value num(std::int64_t v) { return {'i', v, {}}; }
-// An error value (the connection then closed) comes back as kRefused + its code.
-constexpr std::int64_t kRefused = 1000;
+using namespace ksdtest;
 
 // A month before the real time: every due time the test creates lies in the
 // real past, so the loop's timer fires as soon as the test lets it run.
@@ -52,21 +44,14 @@ protected:
         return ask(request, std::move(fields), unixPeer(1, uid));
     }
     std::int64_t ask(const char* request, Fields fields, const ksd::PeerInfo& peer) {
-        auto responder = std::make_shared<ksdtest::FakeResponder>();
-        ksd::Request r{"Scheduler", request, std::move(fields), peer, responder};
-        service_->handle(r);
-        return responder->failCode ? kRefused + *responder->failCode : responder->value().value_or(-9999);
+        return handle(*service_, request, std::move(fields), peer)->outcome();
     }
     std::vector<std::int32_t> states() const {
         std::vector<std::int32_t> out;
         for (const auto& e : events_.events) out.push_back(std::get<2>(e));
         return out;
     }
-    std::int64_t statusOf(const std::string& item) const {
-        for (const auto& s : service_->status())
-            if (s.name == item) return s.value;
-        return -1;
-    }
+    std::int64_t status(const std::string& item) const { return statusOf(*service_, item); }
     // Runs the loop until `done` holds; the bound keeps a broken service from hanging the test.
     template <typename F>
     void runUntil(F done) {
@@ -75,7 +60,7 @@ protected:
 
     kstest::ScopedTempDir dir_{"kstest-scheduler"};
     asio::io_context io_;
-    ksdtest::RecordingPublisher events_;
+    RecordingPublisher events_;
     std::time_t now_ = kStart;
     std::unique_ptr<ksd::SchedulerService> service_;
 };
@@ -92,9 +77,9 @@ TEST_F(SchedulerLoop, ARecurringProgramStillRunningAtItsNextTimeSkipsThatRun) {
         EXPECT_TRUE(a.admits(::getuid()) && a.admits(0) && !a.admits(::getuid() + 1) && !a.admits(uid_t(-1)))
             << "among all tasks' events, a task's are for its owner and root only";
     now_ = kStart + 10 + 86400;  // the next day's time, the program still running
-    runUntil([&] { return statusOf("task_runs_skipped") == 1; });
-    EXPECT_EQ(statusOf("task_runs_skipped"), 1);
-    EXPECT_EQ(statusOf("task_runs"), 1);
+    runUntil([&] { return status("task_runs_skipped") == 1; });
+    EXPECT_EQ(status("task_runs_skipped"), 1);
+    EXPECT_EQ(status("task_runs"), 1);
     now_ = std::time(nullptr);  // the next due time is ahead again: the loop may rest
     runUntil([&] { return states().size() >= 4; });
     EXPECT_EQ(states(), (std::vector<std::int32_t>{kWaiting, kInProgress, kCompleted, kWaiting}));
@@ -111,16 +96,11 @@ TEST_F(SchedulerLoop, DaysOfDowntimeYieldOneRunAndTheNextIsAfterTheRestart) {
     runUntil([&] { return states().size() >= 3; });
     io_.run_for(std::chrono::milliseconds(200));
     EXPECT_EQ(states(), (std::vector<std::int32_t>{kInProgress, kCompleted, kWaiting}));
-    EXPECT_EQ(statusOf("task_runs"), 1);
-    EXPECT_EQ(statusOf("task_runs_skipped"), 0) << "missed periods are neither run nor counted as skipped";
-    auto responder = std::make_shared<ksdtest::FakeResponder>();
-    ksd::Request r{"Scheduler", "TRVX_TS_GET_NEXT_TIME", Fields{lng(h)}, unixPeer(1, ::getuid()), responder};
-    service_->handle(r);
-    std::string expected;
-    OrvoNet::Codec::putLong(expected, 0);
-    OrvoNet::Codec::putString(expected, ksd::sched::formatTime(kStart + 6 * 86400 + 10, ksd::sched::Zone::Local));
-    OrvoNet::Codec::putInt(expected, 0);
-    EXPECT_EQ(responder->replied.value_or(""), expected);
+    EXPECT_EQ(status("task_runs"), 1);
+    EXPECT_EQ(status("task_runs_skipped"), 0) << "missed periods are neither run nor counted as skipped";
+    const std::string next = ksd::sched::formatTime(kStart + 6 * 86400 + 10, ksd::sched::Zone::Local);
+    const std::string expected = kstest::Wire().addLong(0).addString(next).addInt(0);
+    EXPECT_EQ(handle(*service_, "TRVX_TS_GET_NEXT_TIME", {lng(h)}, unixPeer(1, ::getuid()))->replied, expected);
 }
 
 TEST_F(SchedulerLoop, AUsersTasksTheirBytesAndTheirFieldsAreBoundedAndRootIsExempt) {
@@ -148,17 +128,17 @@ TEST_F(SchedulerLoop, AUsersTasksTheirBytesAndTheirFieldsAreBoundedAndRootIsExem
 
 TEST_F(SchedulerLoop, OverTcpNoProgramABlobTaskIsItsSocketOwnersAndAClientOfUnknownOwnerChangesNothing) {
     open();
-    EXPECT_EQ(ask("TRVX_TS_SCHEDULE", daily("p", "", kStart + 10), ksdtest::tcpPeerOf(1000)), kRefused + EACCES);
+    EXPECT_EQ(ask("TRVX_TS_SCHEDULE", daily("p", "", kStart + 10), tcpPeerOf(1000)), kRefused + EACCES);
     const auto blob = [&](const char* name, const ksd::PeerInfo& peer) {
         return ask("TRVX_TS_SCHEDULE_BLOB",
                    Fields{str(name), num(1), {0, 0, "x"}, num(3), num(1), num(1), num(2040), num(0), num(0), num(0)},
                    peer);
     };
-    EXPECT_EQ(blob("nobody's", ksdtest::tcpPeer()), kRefused + EACCES);
-    const std::int64_t h = blob("alice's", ksdtest::tcpPeerOf(1000));
+    EXPECT_EQ(blob("nobody's", tcpPeer()), kRefused + EACCES);
+    const std::int64_t h = blob("alice's", tcpPeerOf(1000));
     ASSERT_GT(h, 0);
-    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(h)}, ksdtest::tcpPeer()), kRefused + EACCES);
-    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(h)}, ksdtest::tcpPeerOf(1001)), -EPERM) << "Bob over TCP";
+    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(h)}, tcpPeer()), kRefused + EACCES);
+    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(h)}, tcpPeerOf(1001)), -EPERM) << "Bob over TCP";
     EXPECT_EQ(ask("TRVX_TS_TASK_STATE", Fields{lng(h)}, 1000), kWaiting) << "Alice's, however she comes";
 }
 

@@ -13,21 +13,21 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <tuple>
 
 #include "OrvoLogging.h"
 #include "daemon_thread.h"
-#include "ksd_process.h"
+#include "e2e_support.h"
 #include "log_setup.h"
+#include "push_sink.h"
 #include "service_manager.h"
 #include "store/store_error.h"
-#include "wait_until.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using e2e::readFile;
 
 TEST(ServiceSetup, LevelNamesAreThresholdsLabelsAndJournalPriorities) {
     // A name as a threshold admits every record labelled with it.
@@ -61,12 +61,8 @@ TEST(ServiceSetup, TakesItsStateDirectoryAndAddressesAndLeavesOthersAlone) {
     }
     // A socket file nobody accepts on, as a killed daemon leaves behind, is replaced.
     o.pipe = tmp.path() + "/ksd.sock";
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    std::snprintf(a.sun_path, sizeof a.sun_path, "%s", o.pipe.c_str());
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ::close(fd);
+    kstest::PushSink(kstest::PushSink::Pipe, o.pipe).stop();
+    ASSERT_TRUE(fs::is_socket(o.pipe));
     {
         ksd::DaemonThread daemon(o);
         EXPECT_EQ(fs::status(o.pipe).permissions() & fs::perms::all, fs::perms(0666)) << "every local user may connect";
@@ -110,13 +106,6 @@ constexpr bool kHaveSystemd = true;  // readiness and stop are reported only the
 #else
 constexpr bool kHaveSystemd = false;
 #endif
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 TEST(ServiceSetup, UnderAServiceManagerKsdReportsReadyReopensItsLogOnSighupAndStopsOnSigterm) {
     kstest::ScopedTempDir tmp("kstest-unit");
@@ -192,28 +181,6 @@ TEST(ServiceSetup, TheStateDirectoryIsTheDaemonsAloneAndAnotherUsersIsRefused) {
     kstest::ChildProcess refused("/bin/sh", {"-c", command});
     EXPECT_TRUE(refused.waitFor("ksd: state directory " + state + " belongs to uid 65534"));
     EXPECT_EQ(refused.wait(), 1);
-}
-
-TEST(ServiceSetup, StartUpErrorsNameThePipeOrTheFile) {
-    kstest::ScopedTempDir tmp("kstest-start");
-    const std::string pipe = kstest::uniqueName("kstest-start");
-    const auto ksdCommand = [&](const std::string& state) {
-        return "exec " + kstest::ksdProgram() + " --foreground --log-level error --pipe " + pipe + " --state-dir " +
-               tmp.path() + "/" + state + " 2>&1";
-    };
-    kstest::ChildProcess first("/bin/sh", {"-c", ksdCommand("one")});
-    ASSERT_TRUE(first.waitFor("ksd: ready"));
-    kstest::ChildProcess second("/bin/sh", {"-c", ksdCommand("two")});
-    EXPECT_TRUE(second.waitFor("ksd: pipe '" + pipe + "' is taken by another ksd"));
-    EXPECT_EQ(second.wait(), 1);
-    first.signal(SIGTERM);
-    EXPECT_EQ(first.wait(), 0);
-
-    fs::create_directories(tmp.path() + "/bad");
-    std::ofstream(tmp.path() + "/bad/ksd.db") << "these bytes are no database, whatever their length may be";
-    kstest::ChildProcess bad("/bin/sh", {"-c", ksdCommand("bad")});
-    EXPECT_TRUE(bad.waitFor("ksd: state database " + tmp.path() + "/bad/ksd.db is not a database"));
-    EXPECT_EQ(bad.wait(), 1);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #pragma once
 #include <map>
 #include <optional>
+#include <thread>
 #include <tuple>
 
 #include "OrvoCodec.h"
@@ -12,10 +13,14 @@
 
 namespace ksdtest {
 
+// What a test reads of an answer: its value, or kRefused + the code of an error value.
+inline constexpr std::int64_t kRefused = 1000;
+
 class FakeResponder final : public ksd::Responder {
 public:
     void reply(std::string fields) override {
         if (++answers == 1 && open) replied = std::move(fields);
+        thread = std::this_thread::get_id();
     }
     void fail(int code, std::string_view) override {
         if (++answers == 1 && open) failCode = code;
@@ -39,11 +44,13 @@ public:
             return std::nullopt;
         return v.integer;
     }
+    std::int64_t outcome() const { return failCode ? kRefused + *failCode : value().value_or(-9999); }
     bool open = true;
     int answers = 0;
     std::optional<std::string> replied;
     std::optional<int> failCode;
     std::function<void()> closeHandler;
+    std::thread::id thread;  // the one the reply came on
 };
 
 using PublishedEvent = std::tuple<std::string, std::string, std::int32_t>;  // event, text, code
@@ -58,21 +65,40 @@ struct RecordingPublisher final : ksd::EventPublisher {
     std::vector<ksd::EventAudience> audiences;  // one per event
 };
 
-// Records which processes are watched; none ever ends.
+// Records which processes are watched (into a map the test keeps); none ever ends.
 class FakeMonitor final : public ksd::ProcessMonitor {
 public:
-    struct State {
-        std::map<pid_t, std::function<void()>> watched;
-    };
-    explicit FakeMonitor(std::shared_ptr<State> state) : state_(std::move(state)) {}
+    using Watched = std::map<pid_t, std::function<void()>>;
+    explicit FakeMonitor(std::shared_ptr<Watched> watched) : watched_(std::move(watched)) {}
     WatchResult watch(pid_t pid, std::function<void()> onExit) override {
-        state_->watched[pid] = std::move(onExit);
+        (*watched_)[pid] = std::move(onExit);
         return WatchResult::Watching;
     }
-    void unwatch(pid_t pid) override { state_->watched.erase(pid); }
+    void unwatch(pid_t pid) override { watched_->erase(pid); }
 
-    std::shared_ptr<State> state_;
+    std::shared_ptr<Watched> watched_;
 };
+
+using Fields = std::vector<ksd::Value>;
+inline ksd::Value str(std::string s) { return {'s', 0, std::move(s)}; }
+inline ksd::Value lng(std::int64_t v) { return {'l', v, {}}; }
+inline ksd::Value num(std::int32_t v) { return {'i', v, {}}; }
+
+// Item `name` of a service's status, -1 when it has none.
+inline std::int64_t statusOf(const ksd::Service& service, std::string_view name) {
+    for (const auto& item : service.status())
+        if (item.name == name) return item.value;
+    return -1;
+}
+
+// Hands `service` one request from `peer`; the responder returned holds the answer.
+inline std::shared_ptr<FakeResponder> handle(ksd::Service& service, std::string request, Fields fields,
+                                             const ksd::PeerInfo& peer) {
+    auto responder = std::make_shared<FakeResponder>();
+    ksd::Request r{std::string(service.name()), std::move(request), std::move(fields), peer, responder};
+    service.handle(r);
+    return responder;
+}
 
 inline ksd::PeerInfo unixPeer(pid_t pid, uid_t uid) {
     ksd::PeerInfo p;
