@@ -113,10 +113,7 @@ int KsdProcess::kill() {
 }
 
 bool KsdProcess::restart(bool hard) {
-    if (hard)
-        kill();
-    else
-        stop();
+    hard ? kill() : stop();
     return start(extraArgs_);
 }
 
