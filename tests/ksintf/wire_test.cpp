@@ -451,8 +451,7 @@ TEST_F(WireTest, RegistrationsNameTheirEventsAndUnregistrationsPassStatusesThrou
 // (kept until the next), typed job, task and lock fields with sign extension; a
 // cut, mistyped or impossible record throws, a short payload is dropped.
 TEST(CallbackObjects, DecodeWhatTheSinkHandsThem) {
-    OrvoNet::OrvoNotificationCallbackSP sp(new KSInterface::NotificationNetworkCallback("ev"));
-    auto& callback = static_cast<KSInterface::NotificationNetworkCallback&>(*sp);
+    KSInterface::NotificationNetworkCallback callback("ev");
     int context = 0;
     const std::string sBinary("\x01\0\xff", 3);
     auto* pPayload = new OrvoNet::OrvoPayloadConnection(notification("zero", "<0/>", "12345", 5) +
