@@ -100,15 +100,9 @@ bool KsdProcess::start(const std::vector<std::string>& extraArgs) {
     return false;
 }
 
-int KsdProcess::stop() {
+int KsdProcess::end(int nSignal) {
     if (pid_ <= 0) return -1;
-    ::kill(pid_, SIGTERM);
-    return reap(std::exchange(pid_, -1));
-}
-
-int KsdProcess::kill() {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, SIGKILL);
+    ::kill(pid_, nSignal);
     return reap(std::exchange(pid_, -1));
 }
 

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <functional>
 #include <map>
 #include <string>
@@ -34,8 +35,8 @@ public:
     // accepted; the child is then reaped or killed. True if already running.
     bool start(const std::vector<std::string>& extraArgs = {});
     // SIGTERM (SIGKILL) and wait: the exit status (128 + signal when killed), -1 if not running.
-    int stop();
-    int kill();
+    int stop() { return end(SIGTERM); }
+    int kill() { return end(SIGKILL); }
     // stop() (or kill() when `hard`), then start() with the same arguments.
     bool restart(bool hard = false);
     bool isRunning();
@@ -54,6 +55,8 @@ public:
     int tcpPort() const;
 
 private:
+    int end(int nSignal);
+
     ScopedTempDir root_;  // holds state/ and ksd.log
     std::string stateDir_;
     std::string logFile_;
