@@ -21,7 +21,8 @@ Daemon::Daemon(DaemonOptions options) : options_(std::move(options)) {
     if (cluster_) notifier->joinCluster(*cluster_);
     notifier_ = notifier.get();
     registry_.add(std::move(notifier));
-    ServiceContext context{io_, *notifier_, options_.stateDir, options_.scheduler, cluster_.get(), options_.jobs};
+    ServiceContext context{io_,           *notifier_,      options_.stateDir, options_.scheduler, cluster_.get(),
+                           options_.jobs, options_.arbiter};
     registerServices(registry_, context);
 
     registry_.add(std::make_unique<OperatorService>(registry_, [this]() -> std::vector<StatusItem> {

@@ -9,6 +9,7 @@
 
 #include "cluster/cluster_options.h"
 #include "server/server_limits.h"
+#include "services/arbiter/arbiter_limits.h"
 #include "services/jobstatus/job.h"
 #include "services/notifier/notifier_limits.h"
 #include "services/scheduler/scheduler_limits.h"
@@ -26,6 +27,7 @@ struct DaemonOptions {
     ClusterOptions cluster{};  // no servers: this host alone
     SchedulerLimits scheduler{};
     jobs::JobLimits jobs{};
+    ArbiterLimits arbiter{};
 };
 
 }  // namespace ksd

@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <asio/signal_set.hpp>
 #include <chrono>
-#include <cstdint>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -175,6 +175,9 @@ int main(int argc, char** argv) {
     positiveLimit("--max-push-bytes-per-user", options.notifier.maxQueuedBytesPerUser,
                   "bytes of notifications queued for one user's subscribers, all addresses together (root "
                   "is exempt; beyond: that user's notifications are dropped and counted)");
+    positiveLimit("--max-locks-per-user", options.arbiter.maxLocksPerUser,
+                  "locks one user holds at once (in a cluster: holds or waits for, on every node together; root "
+                  "is exempt; beyond: EDQUOT)");
     positiveLimit("--max-jobs-per-user", options.jobs.maxJobsPerUser,
                   "live jobs of one user (root is exempt; beyond: -122)");
     positiveLimit("--max-jobs", options.jobs.maxJobs,

@@ -94,8 +94,11 @@ public:
     }
 };
 
-// One key of a bucket as a watch reports it.
+// One key of a bucket as a watch reports it, or a mark around the keys as
+// they are, which a watch (made again) first replays in no promised order.
 struct ClusterEntry {
+    enum class Kind { Key, ReplayBegins, ReplayEnds };
+    Kind kind = Kind::Key;
     std::string key, value;
     std::uint64_t revision = 0;
     bool deleted = false;

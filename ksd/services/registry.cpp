@@ -43,7 +43,7 @@ void Registry::clear() {
 void registerServices(Registry& registry, ServiceContext& context) {
     // One line per service, e.g.
     //   registry.add(std::make_unique<ArbiterService>(context));
-    auto arbiter = std::make_unique<ArbiterService>(context.io, context.events);
+    auto arbiter = std::make_unique<ArbiterService>(context.io, context.events, context.arbiterLimits);
     arbiter->restoreFrom(std::make_unique<LockStore>(context.stateDir));
     if (context.cluster != nullptr) arbiter->useCluster(*context.cluster, context.stateDir);
     registry.add(std::move(arbiter));

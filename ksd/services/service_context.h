@@ -10,8 +10,9 @@
 #include <filesystem>
 
 #include "cluster/cluster_link.h"
-#include "services/scheduler/scheduler_limits.h"
+#include "services/arbiter/arbiter_limits.h"
 #include "services/jobstatus/job.h"
+#include "services/scheduler/scheduler_limits.h"
 #include "services/service.h"
 
 namespace ksd {
@@ -23,6 +24,7 @@ struct ServiceContext {
     SchedulerLimits scheduler;
     ClusterLink* cluster = nullptr;  // set when the node is in a cluster
     jobs::JobLimits jobLimits;
+    ArbiterLimits arbiterLimits;
 };
 
 }  // namespace ksd

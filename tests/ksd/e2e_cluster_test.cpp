@@ -166,7 +166,8 @@ std::string create(const kstest::KsdProcess& node, const std::string& name) {
 TEST_F(ClusterEndToEnd, AUsersBudgetAndTheJobCountAreTheClustersWhateverTheNodeAsked) {
     kstest::KsdProcess d, e;
     for (auto [node, name] : {std::pair{&d, "D"}, std::pair{&e, "E"}})
-        ASSERT_TRUE(node->start({"--cluster", nats_.urls(), "--node", name, "--max-jobs-per-user", "2"}))
+        ASSERT_TRUE(node->start({"--cluster", nats_.urls(), "--node", name, "--cluster-lease-ms",
+                                 std::to_string(kLeaseMs), "--max-jobs-per-user", "2", "--max-locks-per-user", "2"}))
             << node->log();
     // Two jobs on two nodes fill the budget; a deletion on one makes room on the other.
     const std::string replies = kstest::runAs(kstest::kOtherUid, [&] {
@@ -228,6 +229,21 @@ TEST_F(ClusterEndToEnd, AUsersBudgetAndTheJobCountAreTheClustersWhateverTheNodeA
     const std::string users = kstest::runAs(kstest::kOtherUid, [&] { return twice("cap"); });
     EXPECT_TRUE(users.empty() || std::regex_match(users, std::regex("[1-9]\\d* -28"))) << users;
     EXPECT_TRUE(std::regex_match(twice("root-cap"), std::regex("[1-9]\\d* -28")));
+
+    // So is a user's budget of locks (2 here), whatever the node (EDQUOT: an error, no reply), and an
+    // unlock on one node makes room on the other.
+    const auto lock = [](const kstest::KsdProcess& node, const std::string& name) {
+        return ask(node.connType(), kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(name).addLong(60000));
+    };
+    const std::string locks = kstest::runAs(kstest::kOtherUid, [&] {
+        const std::string first = lock(d, "l1");
+        std::string out = first + " " + lock(e, "l2");
+        out += " " + lock(d, "l3");
+        out +=
+            " " + ask(e.connType(), kstest::requestWire("Arbiter", "TRVX_RA_UNLOCK").addLong(std::atol(first.c_str())));
+        return out + " " + lock(d, "l3");
+    });
+    EXPECT_TRUE(locks.empty() || std::regex_match(locks, std::regex("[1-9]\\d* [1-9]\\d* none 0 [1-9]\\d*"))) << locks;
 }
 
 TEST_F(ClusterEndToEnd, NoAcknowledgedJobIsLostWhenANatsServerIsKilled) {

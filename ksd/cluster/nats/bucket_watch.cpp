@@ -43,6 +43,11 @@ void BucketWatch::loop() {
     std::uint64_t madeAt = 0;  // the reconnection count when the watcher was made
     auto lastEntry = std::chrono::steady_clock::now();
     auto silence = silence_;
+    const auto mark = [&](ClusterEntry::Kind kind) {
+        ClusterEntry entry;
+        entry.kind = kind;
+        asio::post(io_, [onEntry = onEntry_, entry = std::move(entry)]() mutable { onEntry(entry); });
+    };
     const auto drop = [&] {
         if (watcher != nullptr) kvWatcher_Destroy(watcher);
         watcher = nullptr;
@@ -71,6 +76,7 @@ void BucketWatch::loop() {
                 std::this_thread::sleep_for(std::chrono::milliseconds(kWaitMs / 2));
                 continue;
             }
+            mark(ClusterEntry::Kind::ReplayBegins);
         }
         kvEntry* e = nullptr;
         const natsStatus s = kvWatcher_Next(&e, watcher, kWaitMs);
@@ -82,7 +88,10 @@ void BucketWatch::loop() {
         }
         lastEntry = std::chrono::steady_clock::now();
         silence = silence_;
-        if (e == nullptr) continue;  // the keys as they were are all in
+        if (e == nullptr) {
+            mark(ClusterEntry::Kind::ReplayEnds);  // the keys as they were are all in
+            continue;
+        }
         ClusterEntry entry;
         entry.key = kvEntry_Key(e);
         entry.value.assign(static_cast<const char*>(kvEntry_Value(e)), static_cast<std::size_t>(kvEntry_ValueLen(e)));

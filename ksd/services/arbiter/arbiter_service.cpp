@@ -246,7 +246,8 @@ void ArbiterService::restoreFrom(std::unique_ptr<LockStore> store) {
 }
 
 void ArbiterService::useCluster(ClusterLink& link, const std::filesystem::path& stateDir) {
-    cluster_ = std::make_unique<ClusterLocks>(io_, link, events_, *monitor_, link.lease(), stateDir / "cluster-locks");
+    cluster_ = std::make_unique<ClusterLocks>(io_, link, events_, *monitor_, link.lease(), stateDir / "cluster-locks",
+                                              limits_.maxLocksPerUser);
 }
 
 void ArbiterService::publish(const std::string& resourceName, std::int32_t code) {

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "cluster/cluster_link.h"
+#include "services/arbiter/arbiter_limits.h"
 #include "services/arbiter/cluster_locks.h"
 #include "services/arbiter/lock_store.h"
 #include "services/arbiter/process_monitor.h"
@@ -34,14 +35,6 @@
 #include "services/service.h"
 
 namespace ksd {
-
-struct ArbiterLimits {
-    std::size_t maxNameLength = 1024;    // resource names (EMSGSIZE beyond)
-    std::size_t maxLocksPerUser = 4096;  // held at once (EDQUOT beyond)
-    // Longer time-outs are taken as "without limit".
-    std::int64_t maxTimeoutMs = std::int64_t{100} * 365 * 24 * 3600 * 1000;
-    std::size_t listPageBytes = kListPageBytes;  // "locks" answered in pages of about this size
-};
 
 class ArbiterService final : public Service {
 public:

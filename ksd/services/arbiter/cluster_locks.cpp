@@ -21,6 +21,9 @@ using locks::LockRecord;
 
 constexpr const char* kBucket = "locks";
 constexpr std::int64_t kTimedOut = -ETIMEDOUT;  // -110
+// How long a question waits for the watch to catch up: one just made (a node
+// just started, a server just lost) can take seconds to replay the keys.
+constexpr std::chrono::milliseconds kCatchUp{10000};
 
 std::string newEpoch() {
     std::random_device rd;
@@ -46,13 +49,14 @@ Result stillLive(ClusterBucket& b, const std::string& key, std::uint64_t& writte
 }  // namespace
 
 ClusterLocks::ClusterLocks(asio::io_context& io, ClusterLink& link, EventPublisher& events, ProcessMonitor& monitor,
-                           std::chrono::milliseconds lease, std::filesystem::path stateFile)
+                           std::chrono::milliseconds lease, std::filesystem::path stateFile, std::size_t maxPerUser)
     : io_(io),
       link_(link),
       events_(events),
       monitor_(monitor),
       lease_(lease),
       stateFile_(std::move(stateFile)),
+      maxPerUser_(maxPerUser),
       renewTimer_(io),
       leaseTimer_(io),
       othersTimer_(io),
@@ -165,13 +169,20 @@ bool ClusterLocks::unlockSeen(std::uint64_t h, const PeerInfo& peer, const std::
     if (at == heldAnywhere_.end()) return false;
     const LockRecord& record = mirror_[at->second].record;
     if (!record.holder || !mayUnlock(record.holder->uid)) return responder->reply(longReply(-EPERM)), true;
-    const std::string key = at->second;
+    releaseSeen(at->second, h, responder);
+    return true;
+}
+
+void ClusterLocks::releaseSeen(const std::string& key, std::uint64_t h, const std::shared_ptr<Responder>& responder) {
     write([key, h, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, h, 0, dead); },
-          [this, key, responder](Written& w) {
+          [this, key, h, responder](Written& w) {
               if (w.result == Result::Ok) leaderSays(key, w.record);
+              // A read can answer from before what the watch showed: that says nothing of the handle.
+              if (w.result == Result::Ok && !w.wrote && w.record.version < mirror_[key].record.version)
+                  return retryLater([this, key, h, responder] { releaseSeen(key, h, responder); },
+                                    std::chrono::milliseconds(2));
               responder->reply(longReply(w.result != Result::Ok ? -EAGAIN : w.wrote ? 0 : -ENOENT));
           });
-    return true;
 }
 
 void ClusterLocks::whenWatched(std::function<void(bool)> then) {
@@ -185,7 +196,7 @@ void ClusterLocks::whenWatched(std::function<void(bool)> then) {
             CatchUp& c = catchUps_[id];
             c.revision = last;
             c.then = then;
-            c.timer = std::make_unique<asio::steady_timer>(io_, lease_);
+            c.timer = std::make_unique<asio::steady_timer>(io_, std::max(lease_, kCatchUp));
             c.timer->async_wait([this, alive, id](const std::error_code& ec) {
                 if (!ec && !alive.expired()) caughtUp(id, false);
             });
@@ -214,6 +225,9 @@ void ClusterLocks::write(Op op, Then then) {
     link_.runOnBucket(kBucket, [op = std::move(op), then = std::move(then),
                                 alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) mutable {
         Written w = op(b);
+        // Each claim taken out gives its user's place back.
+        for (const locks::Claim& c : w.removed)
+            if (c.uid > 0) locks::unplaceIn(b, c.uid);
         return std::function<void()>([then, alive, w = std::move(w)]() mutable {
             if (!alive.expired()) then(w);
         });
@@ -221,8 +235,8 @@ void ClusterLocks::write(Op op, Then then) {
 }
 
 void ClusterLocks::retryLater(std::function<void()> again, std::optional<std::chrono::milliseconds> after) {
-    auto timer = std::make_shared<asio::steady_timer>(
-        io_, after.value_or(std::min(lease_ / 5, std::chrono::milliseconds(200))));
+    auto timer =
+        std::make_shared<asio::steady_timer>(io_, after.value_or(std::min(lease_ / 5, std::chrono::milliseconds(200))));
     timer->async_wait(
         [timer, again = std::move(again), alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
             if (!ec && !alive.expired()) again();
@@ -242,23 +256,51 @@ Claim ClusterLocks::claimOf(std::uint64_t id, const PeerInfo& peer) const {
 void ClusterLocks::sendLock(std::uint64_t id) {
     auto it = waiters_.find(id);
     if (it == waiters_.end() || !live_) return;
-    it->second.sent = true;
-    const std::string key = locks::recordKey(it->second.name);
-    write([key, claim = claimOf(id, it->second.peer), tryOnly = it->second.tryOnly,
-           dead = dead_](ClusterBucket& b) { return locks::lockIn(b, key, claim, tryOnly, dead); },
-          [this, key, id](Written& w) {
-              if (w.result == Result::Ok) leaderSays(key, w.record);
-              auto it = waiters_.find(id);
-              if (it == waiters_.end()) return;  // granted
-              if (w.result != Result::Ok && it->second.tryOnly) return leave(id, true);
-              if (w.result != Result::Ok) {
-                  // NATS did not answer: asked again until the waiter's time-out.
-                  it->second.sent = it->second.queued = false;
-                  return retryLater([this, id] { sendLock(id); });
-              }
-              if (it->second.tryOnly) return leave(id, true);
-              it->second.queued = true;
-          });
+    Waiter& waiter = it->second;
+    waiter.sent = true;
+    const std::string key = locks::recordKey(waiter.name);
+    // A place is taken once per claim: again after a failed write only if none was.
+    const bool place = !isRoot(waiter.peer) && !waiter.placed;
+    write(
+        [key, claim = claimOf(id, waiter.peer), tryOnly = waiter.tryOnly, dead = dead_, place,
+         limit = maxPerUser_](ClusterBucket& b) {
+            Written w;
+            if (place && (w.result = locks::placeIn(b, claim.uid, limit, w.full)) != Result::Ok) return w;
+            if (w.full) return w;
+            w = locks::lockIn(b, key, claim, tryOnly, dead);
+            w.placed = place;
+            // A claim that did not go in gives its place back at once.
+            if (place && w.result == Result::Ok && !locks::holdsClaim(w.record, claim)) {
+                locks::unplaceIn(b, claim.uid);
+                w.placed = false;
+            }
+            return w;
+        },
+        [this, key, id](Written& w) {
+            if (w.result == Result::Ok && !w.full) leaderSays(key, w.record);
+            auto it = waiters_.find(id);
+            if (it == waiters_.end()) return;  // granted
+            if (w.full) return refuse(id);
+            // Once a write was answered, the place is the claim's in the record, or given back.
+            it->second.placed = w.result != Result::Ok && (it->second.placed || w.placed);
+            if (w.result != Result::Ok && it->second.tryOnly) return leave(id, true);
+            if (w.result != Result::Ok) {
+                // NATS did not answer: asked again until the waiter's time-out.
+                it->second.sent = it->second.queued = false;
+                return retryLater([this, id] { sendLock(id); });
+            }
+            if (it->second.tryOnly) return leave(id, true);
+            it->second.queued = true;
+        });
+}
+
+void ClusterLocks::refuse(std::uint64_t waiterId) {
+    auto it = waiters_.find(waiterId);
+    Waiter w = std::move(it->second);
+    waiters_.erase(it);
+    if (w.timer) w.timer->cancel();
+    w.responder->fail(EDQUOT, "too many locks held or waited for by this user in the cluster (limit " +
+                                  std::to_string(maxPerUser_) + ")");
 }
 
 void ClusterLocks::sendRelease(const std::string& name, std::uint64_t handle, std::int32_t code) {
@@ -271,14 +313,20 @@ void ClusterLocks::sendRelease(const std::string& name, std::uint64_t handle, st
           });
 }
 
-void ClusterLocks::sendLeave(const std::string& name, std::uint64_t id) {
+void ClusterLocks::sendLeave(const std::string& name, std::uint64_t id, std::int64_t placedFor) {
     const std::string key = locks::recordKey(name);
     const Claim claim = claimOf(id, PeerInfo{});
-    write([key, claim, dead = dead_](ClusterBucket& b) { return locks::leaveIn(b, key, claim, dead); },
-          [this, key, name, id, epoch = epoch_](Written& w) {
-              if (w.result == Result::Ok) return leaderSays(key, w.record);
-              if (live_ && epoch == epoch_) retryLater([this, name, id] { sendLeave(name, id); });
-          });
+    write(
+        [key, claim, dead = dead_, placedFor](ClusterBucket& b) {
+            Written w = locks::leaveIn(b, key, claim, dead);
+            // A place taken for a claim that never went in.
+            if (placedFor > 0 && w.result == Result::Ok && !w.wrote) locks::unplaceIn(b, placedFor);
+            return w;
+        },
+        [this, key, name, id, placedFor, epoch = epoch_](Written& w) {
+            if (w.result == Result::Ok) return leaderSays(key, w.record);
+            if (live_ && epoch == epoch_) retryLater([this, name, id, placedFor] { sendLeave(name, id, placedFor); });
+        });
 }
 
 void ClusterLocks::sendReap(const std::string& key) {
@@ -292,8 +340,11 @@ void ClusterLocks::sendReap(const std::string& key) {
 
 void ClusterLocks::entry(ClusterEntry& e) {
     lastEntry_ = Clock::now();
-    watched_ = std::max(watched_, e.revision);
-    LockRecord record;
+    // Keys replayed come in no order: all of them are in only at the end.
+    if (e.kind != ClusterEntry::Kind::Key) replaying_ = e.kind == ClusterEntry::Kind::ReplayBegins;
+    replayed_ = std::max(replayed_, e.revision);
+    if (!replaying_) watched_ = replayed_;
+    LockRecord record;  // (a mark has no key)
     if (!e.deleted && e.key.starts_with("n."))
         epochSeen(e.key, e.value, e.revision);
     else if (!e.deleted && locks::decodeRecord(e.value, record))
@@ -440,7 +491,9 @@ void ClusterLocks::leave(std::uint64_t waiterId, bool timedOut) {
     waiters_.erase(it);
     if (w.timer) w.timer->cancel();
     if (timedOut) w.responder->reply(longReply(kTimedOut));
-    if (w.sent && !w.tryOnly && live_) sendLeave(w.name, waiterId);  // (trying once never queues)
+    // (trying once never queues)
+    if (w.sent && !w.tryOnly && live_)
+        sendLeave(w.name, waiterId, w.placed ? static_cast<std::int64_t>(w.peer.uid) : 0);
 }
 
 // ---- epochs: this node's, and the others' ----
@@ -532,7 +585,9 @@ void ClusterLocks::loseEpoch() {
         dropHold(handle);
         events_.publishEvent(EventFamily::Lock, name, -1, EventAudience::everyone());
     }
-    for (auto& [id, w] : waiters_) w.sent = w.queued = false;
+    // Their claims go with the epoch, and their places with the claims (or stay taken when a claim's write was not
+    // answered).
+    for (auto& [id, w] : waiters_) w.sent = w.queued = w.placed = false;
     epoch_.clear();
     saveHolds();
     // Not ended here, nor taken for dead: its holders were told, but may need a

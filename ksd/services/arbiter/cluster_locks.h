@@ -32,8 +32,9 @@ namespace ksd {
 
 class ClusterLocks {
 public:
+    // A user other than root has at most `maxPerUser` locks held or waited for across the cluster.
     ClusterLocks(asio::io_context& io, ClusterLink& link, EventPublisher& events, ProcessMonitor& monitor,
-                 std::chrono::milliseconds lease, std::filesystem::path stateFile);
+                 std::chrono::milliseconds lease, std::filesystem::path stateFile, std::size_t maxPerUser);
     ~ClusterLocks();
 
     // As TRVX_RA_LOCK: answers the handle, or -110 once `ms` passed (0: try once, < 0: no limit).
@@ -51,6 +52,7 @@ private:
         bool sent = false;        // its claim may be in the bucket
         bool queued = false;      // the bucket confirmed its claim in the queue
         bool confirming = false;  // its grant, seen in the watch, is being read back
+        bool placed = false;      // took a place for a claim that may not have gone in
         std::shared_ptr<Responder> responder;
         std::unique_ptr<asio::steady_timer> timer;
     };
@@ -79,16 +81,18 @@ private:
 
     // Unlocks a handle this node knows held (here or through the watch); false when it knows none.
     bool unlockSeen(std::uint64_t handle, const PeerInfo& peer, const std::shared_ptr<Responder>& responder);
+    // Frees, by a write of this node, a lock the watch showed held through another node.
+    void releaseSeen(const std::string& key, std::uint64_t handle, const std::shared_ptr<Responder>& responder);
     // Calls `then(true)` once the watch has shown every write the bucket's
     // leader had when asked; `then(false)` when NATS did not say, or the watch
-    // did not get that far within a lease.
+    // did not get that far within a lease (ten seconds at least).
     void whenWatched(std::function<void(bool)> then);
     void caughtUp(std::uint64_t id, bool watched);
 
     locks::Claim claimOf(std::uint64_t id, const PeerInfo& peer) const;
     void sendLock(std::uint64_t id);
     void sendRelease(const std::string& name, std::uint64_t handle, std::int32_t code);
-    void sendLeave(const std::string& name, std::uint64_t id);
+    void sendLeave(const std::string& name, std::uint64_t id, std::int64_t placedFor);
     void sendReap(const std::string& key);
     // Runs a record write on the worker; `then` gets the outcome on the loop.
     template <typename Op, typename Then>
@@ -118,6 +122,8 @@ private:
     void dropHold(std::uint64_t handle);
     void processEnded(pid_t pid);
     void leave(std::uint64_t waiterId, bool timedOut);
+    // Answers EDQUOT: the user has every place already.
+    void refuse(std::uint64_t waiterId);
 
     void startEpoch();
     void renew();
@@ -132,6 +138,7 @@ private:
     ProcessMonitor& monitor_;
     const std::chrono::milliseconds lease_;
     const std::filesystem::path stateFile_;
+    const std::size_t maxPerUser_;
 
     std::string epoch_;
     bool live_ = false, renewing_ = false, starting_ = false;
@@ -145,7 +152,9 @@ private:
     std::unordered_map<pid_t, std::set<std::uint64_t>> byProcess_;
     std::unordered_map<std::string, Mirrored> mirror_;   // by key
     std::map<std::uint64_t, std::string> heldAnywhere_;  // handle -> key, as the mirror has it
-    std::uint64_t watched_ = 0;                          // the highest revision the watch has shown
+    bool replaying_ = true;                              // the watch is replaying the keys as they are
+    std::uint64_t replayed_ = 0;                         // the highest revision the watch has shown
+    std::uint64_t watched_ = 0;                          // the same, once every key before it is in the mirror
     std::uint64_t lastCatchUp_ = 0;
     std::map<std::uint64_t, CatchUp> catchUps_;
     std::unordered_map<std::string, EpochSeen> epochs_;  // epoch keys of other nodes

@@ -59,12 +59,18 @@ Written rewrite(ClusterBucket& b, const std::string& key, Change change) {
         rewriteKey(b, key, encodeRecord(LockRecord{}),
                    [&](const std::optional<std::string>& value, std::uint64_t revision) -> std::optional<std::string> {
                        if (!value || !decodeRecord(*value, w.record)) w.record = LockRecord{};
+                       LockRecord before = w.record;
                        if (!change(w.record, revision)) return std::nullopt;
                        ++w.record.version;
+                       w.removed.clear();
+                       if (before.holder) before.queue.push_back(*before.holder);
+                       for (const Claim& c : before.queue)
+                           if (!holdsClaim(w.record, c)) w.removed.push_back(c);
                        return encodeRecord(w.record);
                    });
     w.result = k.result;
     w.wrote = k.wrote;
+    if (!w.wrote) w.removed.clear();
     return w;
 }
 
@@ -112,6 +118,29 @@ std::string resourceOfKey(std::string_view key) {
 
 std::string epochKey(std::string_view node, std::string_view epoch) {
     return "n." + cluster::hexToken(node) + "." + std::string(epoch);
+}
+
+std::string placesKey(std::int64_t uid) { return "u." + std::to_string(uid); }
+
+ClusterBucket::Result placeIn(ClusterBucket& b, std::int64_t uid, std::size_t limit, bool& full) {
+    const auto change = [&](const std::optional<std::string>& value, std::uint64_t) -> std::optional<std::string> {
+        const std::int64_t n = value ? toInt(*value) : 0;
+        full = n >= static_cast<std::int64_t>(limit);
+        return full ? std::nullopt : std::optional<std::string>(std::to_string(n + 1));
+    };
+    return rewriteKey(b, placesKey(uid), "0", change).result;
+}
+
+void unplaceIn(ClusterBucket& b, std::int64_t uid) {
+    rewriteKey(b, placesKey(uid), "0", [](const std::optional<std::string>& value, std::uint64_t) {
+        const std::int64_t n = value ? toInt(*value) : 0;
+        return n > 0 ? std::optional<std::string>(std::to_string(n - 1)) : std::nullopt;
+    });
+}
+
+bool holdsClaim(const LockRecord& r, const Claim& claim) {
+    return (r.holder && r.holder->same(claim)) ||
+           std::any_of(r.queue.begin(), r.queue.end(), [&](const Claim& c) { return c.same(claim); });
 }
 
 Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead) {

@@ -52,6 +52,9 @@ struct Written {
     ClusterBucket::Result result = ClusterBucket::Result::Unreachable;
     bool wrote = false;
     LockRecord record;
+    std::vector<Claim> removed;  // the claims this write took out (released, left, reaped)
+    bool full = false;           // not written: the user has every place already (placeIn)
+    bool placed = false;         // a place was taken for the claim, which may not be in the record
 };
 
 std::string recordKey(std::string_view resource);
@@ -60,6 +63,17 @@ std::string resourceOfKey(std::string_view key);
 // "n.<hex node>.<epoch>": "live" while the epoch renews it, "dead" once it may not.
 std::string epochKey(std::string_view node, std::string_view epoch);
 inline constexpr std::string_view kLive = "live", kDead = "dead";
+
+// Places: "u.<uid>" counts the claims of a user other than root that the
+// records hold (held or queued) or are about to. A place is taken before a
+// claim is written and given back by whichever write takes the claim out,
+// so the count is never below the claims there (left one too high when NATS
+// goes between two writes).
+std::string placesKey(std::int64_t uid);
+// Takes a place for `uid` unless it has `limit` already (`full` then).
+ClusterBucket::Result placeIn(ClusterBucket& b, std::int64_t uid, std::size_t limit, bool& full);
+void unplaceIn(ClusterBucket& b, std::int64_t uid);
+bool holdsClaim(const LockRecord& r, const Claim& claim);
 
 // Joins the queue, or takes the lock when it is free or its holder's epoch
 // is dead. `tryOnly`: never queues. Asking twice with one claim changes nothing.
