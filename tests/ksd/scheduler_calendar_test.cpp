@@ -34,15 +34,13 @@ protected:
     }
 };
 
-TEST_F(Calendar, MonthlyOnADayTheMonthLacksRunsOnItsLastDayAndComesBack) {
+// A monthly task on a day the month lacks runs on its last day and comes back.
+TEST_F(Calendar, MonthEndsLeapDaysAndYearEnds) {
     useZone("Europe/Berlin");
     const Schedule on31{Frequency::Monthly, 2024, 1, 31, 8, 15, 0};
     EXPECT_EQ(runs(on31, Zone::Local, 5),
               (std::vector<std::string>{"2024-01-31 08:15:00", "2024-02-29 08:15:00", "2024-03-31 08:15:00",
                                         "2024-04-30 08:15:00", "2024-05-31 08:15:00"}));
-}
-
-TEST_F(Calendar, LeapDaysAndYearEnds) {
     useZone("America/New_York");
     EXPECT_EQ(runs({Frequency::Daily, 2024, 2, 28, 23, 59, 59}, Zone::Local, 3),
               (std::vector<std::string>{"2024-02-28 23:59:59", "2024-02-29 23:59:59", "2024-03-01 23:59:59"}));

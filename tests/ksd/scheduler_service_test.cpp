@@ -38,12 +38,9 @@ protected:
     }
     std::int64_t scheduleDaily(const std::string& name, const std::string& params, std::time_t at,
                                uid_t uid = ::getuid(), const std::string& program = "/bin/sh") {
-        return ask("TRVX_TS_SCHEDULE", daily(name, params, at, program), uid);
+        return ask("TRVX_TS_SCHEDULE", daily(name, params, at, program), unixPeer(1, uid));
     }
-    std::int64_t ask(const char* request, Fields fields, uid_t uid = ::getuid()) {
-        return ask(request, std::move(fields), unixPeer(1, uid));
-    }
-    std::int64_t ask(const char* request, Fields fields, const ksd::PeerInfo& peer) {
+    std::int64_t ask(const char* request, Fields fields, const ksd::PeerInfo& peer = unixPeer(1, ::getuid())) {
         return handle(*service_, request, std::move(fields), peer)->outcome();
     }
     std::vector<std::int32_t> states() const {
@@ -118,7 +115,7 @@ TEST_F(SchedulerLoop, AUsersTasksTheirBytesAndTheirFieldsAreBoundedAndRootIsExem
     EXPECT_GT(scheduleDaily("u2", big, at, user), 0);
     EXPECT_EQ(scheduleDaily("u3", "", at, user), -EDQUOT) << "over the user's tasks";
     for (int i = 0; i < 3; ++i) EXPECT_GT(scheduleDaily("root" + std::to_string(i), big + " " + big, at), 0);
-    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(first)}, user), 0);
+    EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(first)}, unixPeer(1, user)), 0);
     EXPECT_GT(scheduleDaily("u3", "", at, user), 0) << "a cancelled task frees its place";
     EXPECT_EQ(scheduleDaily("long-path", "", at, 0, "/" + std::string(4096, 'p')), -ENAMETOOLONG);
     EXPECT_EQ(scheduleDaily("long-params", std::string(128 * 1024 + 1, 'a'), at, 0), -E2BIG);
@@ -139,7 +136,7 @@ TEST_F(SchedulerLoop, OverTcpNoProgramABlobTaskIsItsSocketOwnersAndAClientOfUnkn
     ASSERT_GT(h, 0);
     EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(h)}, tcpPeer()), kRefused + EACCES);
     EXPECT_EQ(ask("TRVX_TS_CANCEL", Fields{lng(h)}, tcpPeerOf(1001)), -EPERM) << "Bob over TCP";
-    EXPECT_EQ(ask("TRVX_TS_TASK_STATE", Fields{lng(h)}, 1000), kWaiting) << "Alice's, however she comes";
+    EXPECT_EQ(ask("TRVX_TS_TASK_STATE", Fields{lng(h)}, unixPeer(1, 1000)), kWaiting) << "Alice's, however she comes";
 }
 
 TEST_F(SchedulerLoop, ACancelledTaskAnswersUntilItsOwnerCancelsMoreThenLeavesTheStore) {

@@ -10,7 +10,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -83,10 +82,8 @@ public:
     NotifySocket() : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
     ~NotifySocket() { ::close(fd_); }
     bool bind(const std::string& path) {
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
-        return ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        sockaddr_un a;
+        return ::bind(fd_, reinterpret_cast<sockaddr*>(&a), OrvoNet::pipeAddress(path, &a)) == 0;
     }
     // The next message, or "" when none comes within a generous bound.
     std::string next() {
