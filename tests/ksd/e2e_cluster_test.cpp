@@ -369,7 +369,8 @@ TEST_F(ClusterEndToEnd, LockWaitersAreServedInArrivalOrderAcrossNodes) {
             return run(1, {"unlock", "1000000"}, helper)->waitForLine("unlock ") == "unlock -2";
         },
         std::chrono::seconds(30)));
-    // B is stopped while A grants: its watch has not shown the grant when another user's unlock comes.
+    // B is stopped while A grants (briefly: within its lease), so its watch has not shown the grant
+    // when another user's unlock comes.
     ::kill(nodes_[1]->pid(), SIGSTOP);
     auto holder = run(0, {"lock", "q", "20000", "wait", "unlock", "last"}, helper);
     const long first = std::stol(holder->waitForLine("lock ").substr(5));
@@ -377,7 +378,7 @@ TEST_F(ClusterEndToEnd, LockWaitersAreServedInArrivalOrderAcrossNodes) {
     std::string refused;
     std::thread other(
         [&] { refused = kstest::runAs(kstest::kOtherUid, [&] { return ask(nodes_[1]->connType(), unlockFirst); }); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ::kill(nodes_[1]->pid(), SIGCONT);
     other.join();
     ASSERT_GT(first, 0);
@@ -390,8 +391,14 @@ TEST_F(ClusterEndToEnd, LockWaitersAreServedInArrivalOrderAcrossNodes) {
     for (const auto& [node, ms] : queue) {
         const long before = status(node, "lock_waiters");
         waiters.push_back(run(node, {"lock", "q", ms, "unlock", "last"}, helper));
-        ASSERT_TRUE(kstest::waitUntil([&] { return status(node, "lock_waiters") > before; }));
+        ASSERT_TRUE(kstest::waitUntil([&] { return status(node, "lock_waiters") > before; }))
+            << node << nodes_[node]->log();
     }
+    // Every node lists the cluster's locks: C shows A's holder and its queue.
+    EXPECT_TRUE(
+        std::regex_search(kstest::operatorQuery(nodes_[2]->connType(), "locks"),
+                          std::regex("\\{\"name\":\"q\",\"handle\":" + std::to_string(first) +
+                                     ",\"pid\":\\d+,\"uid\":0,\"node\":\"A\",\"held_ms\":\\d+,\"waiters\":[34]\\}")));
     EXPECT_EQ(waiters[1]->waitForLine("lock "), "lock -110");
     EXPECT_EQ(ask(nodes_[2]->connType(), unlockFirst), "0") << "root frees any lock from any node";
     long last = first;

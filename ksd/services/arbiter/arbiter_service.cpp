@@ -269,6 +269,18 @@ std::vector<StatusItem> ArbiterService::status() const {
             {"lock_waiters", static_cast<std::int64_t>(waiting())}};
 }
 
+bool ArbiterService::answerLater(std::string_view what, const PeerInfo& asker,
+                                 const std::shared_ptr<Responder>& responder) {
+    (void)asker;  // every client may list every lock
+    const auto after = pageAfter(what, "locks");
+    if (!cluster_ || !after) return false;
+    cluster_->page(*after, limits_.listPageBytes, [responder](std::string json) {
+        if (json.empty()) return responder->fail(EAGAIN, "the cluster's locks cannot be read now");
+        responder->reply(stringReply(json));
+    });
+    return true;
+}
+
 std::string ArbiterService::query(std::string_view what) const {
     const auto after = pageAfter(what, "locks");
     if (!after) return {};

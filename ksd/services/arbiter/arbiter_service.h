@@ -56,6 +56,9 @@ public:
     // "locks" / "locks>H": a page of the held locks in handle order (those
     // after handle H), as a JSON array of objects; "[]" past the last.
     std::string query(std::string_view what) const override;
+    // In a cluster, "locks" lists the cluster's held locks, once the watch caught up.
+    bool answerLater(std::string_view what, const PeerInfo& asker,
+                     const std::shared_ptr<Responder>& responder) override;
 
     std::size_t locksHeld() const { return handles_.size(); }
 

@@ -8,6 +8,7 @@
 
 #include "OrvoLogging.h"
 #include "cluster/cluster_wire.h"
+#include "json/json_text.h"
 #include "services/arbiter/lock_store.h"
 
 namespace ksd {
@@ -218,6 +219,31 @@ std::size_t ClusterLocks::waiting() const {
         std::count_if(waiters_.begin(), waiters_.end(), [](const auto& w) { return w.second.queued; }));
 }
 
+void ClusterLocks::page(std::int64_t after, std::size_t pageBytes, std::function<void(std::string)> done) {
+    whenWatched([this, after, pageBytes, done = std::move(done)](bool watched) {
+        if (!watched) return done(std::string());
+        const auto now = Clock::now();
+        std::string out = "[";
+        for (auto it = heldAnywhere_.upper_bound(static_cast<std::uint64_t>(std::max<std::int64_t>(after, 0)));
+             it != heldAnywhere_.end() && (out.size() == 1 || out.size() < pageBytes); ++it) {
+            const Mirrored& m = mirror_.at(it->second);
+            const Claim& h = *m.record.holder;
+            if (out.size() > 1) out.push_back(',');
+            out += "{\"name\":";
+            jsontext::appendString(out, locks::resourceOfKey(it->second));
+            out += ",\"handle\":" + std::to_string(it->first) + ",\"pid\":";
+            out += h.pid > 0 ? std::to_string(h.pid) : "null";
+            out += ",\"uid\":" + std::to_string(h.uid) + ",\"node\":";
+            jsontext::appendString(out, h.node);
+            out += ",\"held_ms\":" +
+                   std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now - m.since).count());
+            out += ",\"waiters\":" + std::to_string(m.record.queue.size()) + "}";
+        }
+        out.push_back(']');
+        done(std::move(out));
+    });
+}
+
 // ---- writes ----
 
 template <typename Op, typename Then>
@@ -366,6 +392,7 @@ void ClusterLocks::apply(const std::string& key, const LockRecord& record, bool 
     if (record.holder) heldAnywhere_[record.handle] = key;
     const std::string name = locks::resourceOfKey(key);
     const bool newHolder = record.holder && record.handle != old.handle;
+    if (newHolder) m.since = Clock::now();
     if (seenBefore && old.holder && (!record.holder || newHolder))
         events_.publishEvent(EventFamily::Lock, name, record.lastCode, EventAudience::everyone());
     if (newHolder && (seenBefore || record.holder->node == link_.node()))

@@ -43,6 +43,10 @@ public:
     std::size_t held() const { return holds_.size(); }
     // Waiters whose place in the cluster's queue is confirmed.
     std::size_t waiting() const;
+    // A page of the cluster's held locks after handle `after`, as the "locks"
+    // query answers it (each with its node), once the watch has every grant
+    // the bucket's leader had when asked; empty when NATS cannot say.
+    void page(std::int64_t after, std::size_t pageBytes, std::function<void(std::string)> done);
 
 private:
     struct Waiter {
@@ -65,6 +69,7 @@ private:
     struct Mirrored {
         bool seen = false;
         locks::LockRecord record;
+        std::chrono::steady_clock::time_point since;  // when this node saw its holder granted
     };
     struct EpochSeen {
         std::string value;
