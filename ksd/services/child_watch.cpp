@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
 #include <cerrno>
+#include <chrono>
 
 namespace ksd {
 
 struct ChildWatch::Child {
-    Child(asio::io_context& io, int pidfd) : pidfd(io, pidfd) {}
+    Child(asio::io_context& io, int pidfd) : pidfd(io, pidfd), again(io) {}
     asio::posix::stream_descriptor pidfd;
+    asio::steady_timer again;
     OnExit onExit;
 };
 
@@ -51,11 +54,19 @@ void ChildWatch::killAll() {
 void ChildWatch::finished(pid_t pid) {
     auto it = children_.find(pid);
     if (it == children_.end()) return;
+    siginfo_t info{};
+    // A pidfd can turn readable a moment before its child can be reaped (seen
+    // on Linux 6.18): the status is asked again shortly, never guessed.
+    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG) == 0 && info.si_pid == 0) {
+        it->second->again.expires_after(std::chrono::milliseconds(1));
+        it->second->again.async_wait([this, alive = std::weak_ptr<char>(alive_), pid](const std::error_code& ec) {
+            if (!ec && !alive.expired()) finished(pid);
+        });
+        return;
+    }
+    if (info.si_pid != pid) info = {};
     std::unique_ptr<Child> child = std::move(it->second);
     children_.erase(it);
-    siginfo_t info{};
-    // The pidfd is readable: the child has ended, so this does not wait.
-    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG) != 0 || info.si_pid != pid) info = {};
     child->onExit(info);
 }
 
