@@ -47,7 +47,7 @@ struct Catalog {
         auto notifier = std::make_unique<ksd::NotifierService>(io);
         ksd::EventPublisher& events = *notifier;
         registry.add(std::move(notifier));
-        ksd::ServiceContext context{io, events, stateDir, {}, nullptr, {}};
+        ksd::ServiceContext context{io, events, stateDir, {}, nullptr, {}, {}};
         ksd::registerServices(registry, context);
         registry.add(std::make_unique<ksd::OperatorService>(registry, [] { return std::vector<ksd::StatusItem>{}; }));
     }
