@@ -4,7 +4,8 @@
 // rates against the replicated bucket and against a ksd alone; an uncontended
 // lock, lock + unlock (the next lock's write waits for the last release's),
 // and a lock's hand-over between two nodes (between two clients of one ksd
-// alone) p50/p99. It starts a three-server NATS cluster (nats-server from the PATH or Debian's), three
+// alone) p50/p99; last, how long a killed node's lock stays held. It starts a
+// three-server NATS cluster (nats-server from the PATH or Debian's), three
 // ksd nodes and one ksd without --cluster.
 // Usage: cluster_bench [rate/s] [seconds]
 #include <algorithm>
@@ -192,6 +193,25 @@ void lockRow(const char* label, const std::string& node, const std::string& othe
                 percentileUs(handOver, 0.5), percentileUs(handOver, 0.99), failed);
 }
 
+// A lock held through `dying` when that node is killed: how long until a
+// waiter on `other` is granted it (the lease, from the node's last renewal).
+void deadNodeRow(kstest::KsdProcess& dying, kstest::KsdProcess& other) {
+    kstest::WireClient holder, waiter;
+    if (!holder.connect(dying.connType()) || !waiter.connect(other.connType()))
+        return (void)std::printf("dead node: cannot connect\n");
+    const std::string name = "bench.dead." + std::to_string(nowNs());
+    std::int64_t held = -1, granted = 0;
+    for (int i = 0; i < 100 && held <= 0; ++i) held = lockWire(holder, name, 1000);
+    if (held <= 0 || !waiter.send(kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(name).addLong(60000).bytes()))
+        return (void)std::printf("dead node: no lock to hold\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // queued by then
+    const long t0 = nowNs();
+    dying.kill();
+    const bool ok = waiter.readReply(granted, 70000) && granted > held;
+    std::printf("\na killed node's lock passed on after %.0f ms (lease 10000 ms)%s\n",
+                static_cast<double>(nowNs() - t0) / 1e6, ok ? "" : ", not granted");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -221,5 +241,6 @@ int main(int argc, char** argv) {
                 "lock", "lock+unlock", "hand-over", "failed");
     lockRow("one host (no --cluster)", alone.connType(), alone.connType(), seconds, 200);
     lockRow("cluster (A, hand-over A -> B)", nodes[0].connType(), nodes[1].connType(), seconds, 200);
+    deadNodeRow(nodes[2], nodes[0]);
     return 0;
 }
