@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "OrvoLogging.h"
-#include "json/json_text.h"
+#include "services/arbiter/lock_listing.h"
 #include "store/write_or_log.h"
 
 namespace ksd {
@@ -292,18 +292,14 @@ std::string ArbiterService::query(std::string_view what) const {
         const std::string& name = it->second;
         const Resource& resource = resources_.at(name);
         const Holder& h = *resource.holder;
-        if (out.size() > 1) out.push_back(',');
-        out += "{\"name\":";
-        jsontext::appendString(out, name);
-        out += ",\"handle\":" + std::to_string(h.handle);
-        if (h.peer.isUnix) {
-            out += ",\"pid\":" + std::to_string(h.peer.pid) + ",\"uid\":" + std::to_string(h.peer.uid);
-        } else {
-            out += ",\"pid\":null,\"uid\":null";
-        }
-        const auto heldMs = std::chrono::duration_cast<std::chrono::milliseconds>(now - h.since).count();
-        out += ",\"held_ms\":" + std::to_string(heldMs);
-        out += ",\"waiters\":" + std::to_string(resource.waiters.size()) + "}";
+        const auto ofUnix = [&](std::int64_t n) { return h.peer.isUnix ? std::optional(n) : std::nullopt; };
+        appendListedLock(out, {.name = name,
+                               .handle = h.handle,
+                               .pid = ofUnix(h.peer.pid),
+                               .uid = ofUnix(h.peer.uid),
+                               .node = std::nullopt,
+                               .heldMs = std::chrono::duration_cast<std::chrono::milliseconds>(now - h.since).count(),
+                               .waiters = resource.waiters.size()});
     }
     out.push_back(']');
     return out;

@@ -8,7 +8,7 @@
 
 #include "OrvoLogging.h"
 #include "cluster/cluster_wire.h"
-#include "json/json_text.h"
+#include "services/arbiter/lock_listing.h"
 #include "services/arbiter/lock_store.h"
 
 namespace ksd {
@@ -228,16 +228,14 @@ void ClusterLocks::page(std::int64_t after, std::size_t pageBytes, std::function
              it != heldAnywhere_.end() && (out.size() == 1 || out.size() < pageBytes); ++it) {
             const Mirrored& m = mirror_.at(it->second);
             const Claim& h = *m.record.holder;
-            if (out.size() > 1) out.push_back(',');
-            out += "{\"name\":";
-            jsontext::appendString(out, locks::resourceOfKey(it->second));
-            out += ",\"handle\":" + std::to_string(it->first) + ",\"pid\":";
-            out += h.pid > 0 ? std::to_string(h.pid) : "null";
-            out += ",\"uid\":" + std::to_string(h.uid) + ",\"node\":";
-            jsontext::appendString(out, h.node);
-            out += ",\"held_ms\":" +
-                   std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now - m.since).count());
-            out += ",\"waiters\":" + std::to_string(m.record.queue.size()) + "}";
+            appendListedLock(out,
+                             {.name = locks::resourceOfKey(it->second),
+                              .handle = static_cast<std::int64_t>(it->first),
+                              .pid = h.pid > 0 ? std::optional<std::int64_t>(h.pid) : std::nullopt,
+                              .uid = h.uid,
+                              .node = h.node,
+                              .heldMs = std::chrono::duration_cast<std::chrono::milliseconds>(now - m.since).count(),
+                              .waiters = m.record.queue.size()});
         }
         out.push_back(']');
         done(std::move(out));

@@ -145,8 +145,7 @@ bool holdsClaim(const LockRecord& r, const Claim& claim) {
 
 Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead) {
     return rewrite(b, key, [&](LockRecord& r, std::uint64_t base) {
-        if (r.holder && r.holder->same(claim)) return false;
-        if (std::any_of(r.queue.begin(), r.queue.end(), [&](const Claim& c) { return c.same(claim); })) return false;
+        if (holdsClaim(r, claim)) return false;
         bool changed = false;
         if (r.holder && isDead(*r.holder, dead)) {
             handOn(r, -1, dead, base);
