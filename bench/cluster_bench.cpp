@@ -138,6 +138,16 @@ std::int64_t unlockWire(kstest::WireClient& c, std::int64_t handle) {
     return request(c, kstest::requestWire("Arbiter", "TRVX_RA_UNLOCK").addLong(handle), reply) ? reply : -1;
 }
 
+// A node's first lock, tried until granted: its locks need their epoch
+// first. The handle, or <= 0 when none came within 5 s.
+std::int64_t firstLock(kstest::WireClient& c, const std::string& name) {
+    std::int64_t h = -1;
+    for (int i = 0; i < 100 && h <= 0; ++i) {
+        if ((h = lockWire(c, name, 0)) <= 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return h;
+}
+
 // Uncontended lock + unlock on `node`, one after the other, for `seconds`;
 // then `rounds` hand-overs: a holder on `node` unlocks while a waiter on
 // `other` is queued, timed from the unlock sent to the waiter's grant read.
@@ -145,18 +155,13 @@ void lockRow(const char* label, const std::string& node, const std::string& othe
     kstest::WireClient holder, waiter;
     if (!holder.connect(node) || !waiter.connect(other)) return (void)std::printf("%s: cannot connect\n", label);
     const std::string name = "bench.lock." + std::to_string(nowNs());
-    for (int i = 0; i < 100; ++i) {  // a new node's locks need their epoch first
-        if (const std::int64_t h = lockWire(holder, name, 0); h > 0) {
-            unlockWire(holder, h);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    if (const std::int64_t h = firstLock(holder, name); h > 0) unlockWire(holder, h);
     std::vector<long> lockOnly, pair, handOver;
     long failed = 0;
     // A failure is counted and, the first few times, said with its answers.
     const auto fail = [&](const char* step, std::int64_t a, std::int64_t b) {
-        if (++failed <= 3) std::fprintf(stderr, "%s: %s failed (%lld, %lld)\n", label, step, (long long)a, (long long)b);
+        if (++failed <= 3)
+            std::fprintf(stderr, "%s: %s failed (%lld, %lld)\n", label, step, (long long)a, (long long)b);
     };
     for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
         const long t0 = nowNs();
@@ -203,9 +208,10 @@ void deadNodeRow(kstest::KsdProcess& dying, kstest::KsdProcess& other) {
     if (!holder.connect(dying.connType()) || !waiter.connect(other.connType()))
         return (void)std::printf("dead node: cannot connect\n");
     const std::string name = "bench.dead." + std::to_string(nowNs());
-    std::int64_t held = -1, granted = 0;
-    for (int i = 0; i < 100 && held <= 0; ++i) held = lockWire(holder, name, 1000);
-    if (held <= 0 || !waiter.send(kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(name).addLong(60000).bytes()))
+    const std::int64_t held = firstLock(holder, name);
+    std::int64_t granted = 0;
+    if (held <= 0 ||
+        !waiter.send(kstest::requestWire("Arbiter", "TRVX_RA_LOCK").addString(name).addLong(60000).bytes()))
         return (void)std::printf("dead node: no lock to hold\n");
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // queued by then
     const long t0 = nowNs();
@@ -240,8 +246,8 @@ int main(int argc, char** argv) {
     jobRow("one host (no --cluster)", alone.connType(), seconds);
     jobRow("cluster, R3 bucket (node A)", nodes[0].connType(), seconds);
 
-    std::printf("\nlocks, us: lock, lock+unlock and hand-over, each p50 p99\n%34s %15s %15s %15s %7s\n", "",
-                "lock", "lock+unlock", "hand-over", "failed");
+    std::printf("\nlocks, us: lock, lock+unlock and hand-over, each p50 p99\n%34s %15s %15s %15s %7s\n", "", "lock",
+                "lock+unlock", "hand-over", "failed");
     lockRow("one host (no --cluster)", alone.connType(), alone.connType(), seconds, 200);
     lockRow("cluster (A, hand-over A -> B)", nodes[0].connType(), nodes[1].connType(), seconds, 200);
     // A user's locks also keep the user's count across the cluster; root's do not.
