@@ -25,6 +25,8 @@ constexpr std::int64_t kTimedOut = -ETIMEDOUT;  // -110
 // How long a question waits for the watch to catch up: one just made (a node
 // just started, a server just lost) can take seconds to replay the keys.
 constexpr std::chrono::milliseconds kCatchUp{10000};
+// How long places given back wait for a lock of their user on this node.
+constexpr std::chrono::milliseconds kGiveBackAfter{10};
 
 std::string newEpoch() {
     std::random_device rd;
@@ -162,8 +164,8 @@ bool ClusterLocks::unlockSeen(std::uint64_t h, const PeerInfo& peer, const std::
         const std::string name = it->second.name;
         dropHold(h);
         saveHolds();
-        sendRelease(name, h, 0);
-        return responder->reply(longReply(0)), true;
+        sendRelease(name, h, 0, responder);
+        return true;
     }
     // Held through another node: freed by a write of its own.
     auto at = heldAnywhere_.find(h);
@@ -183,7 +185,8 @@ void ClusterLocks::releaseSeen(const std::string& key, std::uint64_t h, const st
                   return retryLater([this, key, h, responder] { releaseSeen(key, h, responder); },
                                     std::chrono::milliseconds(2));
               responder->reply(longReply(w.result != Result::Ok ? -EAGAIN : w.wrote ? 0 : -ENOENT));
-          });
+          },
+          true);  // the user may lock on another node next
 }
 
 void ClusterLocks::whenWatched(std::function<void(bool)> then) {
@@ -245,17 +248,35 @@ void ClusterLocks::page(std::int64_t after, std::size_t pageBytes, std::function
 // ---- writes ----
 
 template <typename Op, typename Then>
-void ClusterLocks::write(Op op, Then then) {
-    link_.runOnBucket(kBucket, [op = std::move(op), then = std::move(then),
+void ClusterLocks::write(Op op, Then then, bool placesFirst) {
+    link_.runOnBucket(kBucket, [this, op = std::move(op), then = std::move(then), owed = owed_, placesFirst,
                                 alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) mutable {
         Written w = op(b);
         // Each claim taken out gives its user's place back.
         for (const locks::Claim& c : w.removed)
-            if (c.uid > 0) locks::unplaceIn(b, c.uid);
-        return std::function<void()>([then, alive, w = std::move(w)]() mutable {
-            if (!alive.expired()) then(w);
+            if (c.uid > 0) locks::unplace(*owed, c.uid);
+        if (placesFirst) locks::giveBackIn(b, *owed);
+        const bool owing = !owed->byUser.empty();
+        return std::function<void()>([this, then, alive, owing, w = std::move(w)]() mutable {
+            if (alive.expired()) return;
+            then(w);
+            if (owing) giveBack();
         });
     });
+}
+
+void ClusterLocks::giveBack() {
+    // A moment later, behind the writes asked for meanwhile: a lock just after an unlock takes the place first.
+    if (owed_->flushAsked.exchange(true)) return;
+    retryLater(
+        [this] {
+            link_.runOnBucket(kBucket, [owed = owed_](ClusterBucket& b) {
+                owed->flushAsked = false;
+                locks::giveBackIn(b, *owed);
+                return std::function<void()>();
+            });
+        },
+        kGiveBackAfter);
 }
 
 void ClusterLocks::retryLater(std::function<void()> again, std::optional<std::chrono::milliseconds> after) {
@@ -286,16 +307,16 @@ void ClusterLocks::sendLock(std::uint64_t id) {
     // A place is taken once per claim: again after a failed write only if none was.
     const bool place = !isRoot(waiter.peer) && !waiter.placed;
     write(
-        [key, claim = claimOf(id, waiter.peer), tryOnly = waiter.tryOnly, dead = dead_, place,
-         limit = maxPerUser_](ClusterBucket& b) {
+        [key, claim = claimOf(id, waiter.peer), tryOnly = waiter.tryOnly, dead = dead_, place, limit = maxPerUser_,
+         owed = owed_](ClusterBucket& b) {
             Written w;
-            if (place && (w.result = locks::placeIn(b, claim.uid, limit, w.full)) != Result::Ok) return w;
+            if (place && (w.result = locks::placeIn(b, *owed, claim.uid, limit, w.full)) != Result::Ok) return w;
             if (w.full) return w;
             w = locks::lockIn(b, key, claim, tryOnly, dead);
             w.placed = place;
             // A claim that did not go in gives its place back at once.
             if (place && w.result == Result::Ok && !locks::holdsClaim(w.record, claim)) {
-                locks::unplaceIn(b, claim.uid);
+                locks::unplace(*owed, claim.uid);
                 w.placed = false;
             }
             return w;
@@ -327,10 +348,14 @@ void ClusterLocks::refuse(std::uint64_t waiterId) {
                                   std::to_string(maxPerUser_) + ")");
 }
 
-void ClusterLocks::sendRelease(const std::string& name, std::uint64_t handle, std::int32_t code) {
+void ClusterLocks::sendRelease(const std::string& name, std::uint64_t handle, std::int32_t code,
+                               std::shared_ptr<Responder> responder) {
     const std::string key = locks::recordKey(name);
     write([key, handle, code, dead = dead_](ClusterBucket& b) { return locks::releaseIn(b, key, handle, code, dead); },
-          [this, key, name, handle, code](Written& w) {
+          [this, key, name, handle, code, responder](Written& w) {
+              // Unlocked once the bucket says so, as a lock on one host is free once unlocked; when
+              // NATS did not answer, the holder has let go all the same.
+              if (responder) responder->reply(longReply(0));
               if (w.result == Result::Ok) return leaderSays(key, w.record);
               // Held in the bucket until freed; when the epoch ends first, the other nodes free it.
               retryLater([this, name, handle, code] { sendRelease(name, handle, code); });
@@ -341,10 +366,10 @@ void ClusterLocks::sendLeave(const std::string& name, std::uint64_t id, std::int
     const std::string key = locks::recordKey(name);
     const Claim claim = claimOf(id, PeerInfo{});
     write(
-        [key, claim, dead = dead_, placedFor](ClusterBucket& b) {
+        [key, claim, dead = dead_, placedFor, owed = owed_](ClusterBucket& b) {
             Written w = locks::leaveIn(b, key, claim, dead);
             // A place taken for a claim that never went in.
-            if (placedFor > 0 && w.result == Result::Ok && !w.wrote) locks::unplaceIn(b, placedFor);
+            if (placedFor > 0 && w.result == Result::Ok && !w.wrote) locks::unplace(*owed, placedFor);
             return w;
         },
         [this, key, name, id, placedFor, epoch = epoch_](Written& w) {
@@ -681,7 +706,11 @@ void ClusterLocks::checkOthers() {
     // Reaps that NATS did not take are asked again.
     for (const auto& [key, m] : mirror_)
         if (m.record.holder && dead_.count(m.record.holder->epoch) != 0) sendReap(key);
-    othersTimer_.expires_after(std::max(lease_ / 5, std::chrono::milliseconds(20)));
+    // Next round when the first of the others' leases may pass: a dead node's locks wait no round longer.
+    auto next = Clock::now() + std::max(lease_ / 5, std::chrono::milliseconds(20));
+    for (const auto& [key, seen] : epochs_)
+        if (seen.value == locks::kLive) next = std::min(next, seen.since + lease_ + std::chrono::milliseconds(1));
+    othersTimer_.expires_at(next);
     onExpiry(othersTimer_, &ClusterLocks::checkOthers);
 }
 

@@ -96,12 +96,17 @@ private:
 
     locks::Claim claimOf(std::uint64_t id, const PeerInfo& peer) const;
     void sendLock(std::uint64_t id);
-    void sendRelease(const std::string& name, std::uint64_t handle, std::int32_t code);
+    // Answers `responder`, if any, once the first try is over.
+    void sendRelease(const std::string& name, std::uint64_t handle, std::int32_t code,
+                     std::shared_ptr<Responder> responder = nullptr);
     void sendLeave(const std::string& name, std::uint64_t id, std::int64_t placedFor);
     void sendReap(const std::string& key);
     // Runs a record write on the worker; `then` gets the outcome on the loop.
+    // `placesFirst`: the places it gives back are written before `then`.
     template <typename Op, typename Then>
-    void write(Op op, Then then);
+    void write(Op op, Then then, bool placesFirst = false);
+    // Writes the places the writes so far gave back, after the writes asked for meanwhile.
+    void giveBack();
     // Runs `again` after `after`, by default a fifth of the lease (at most 200 ms).
     void retryLater(std::function<void()> again, std::optional<std::chrono::milliseconds> after = {});
     // Calls `then` when `timer` fires, unless it was cancelled or this is gone.
@@ -164,6 +169,7 @@ private:
     std::map<std::uint64_t, CatchUp> catchUps_;
     std::unordered_map<std::string, EpochSeen> epochs_;  // epoch keys of other nodes
     locks::DeadEpochs dead_;
+    std::shared_ptr<locks::OwedPlaces> owed_ = std::make_shared<locks::OwedPlaces>();  // the worker's
     std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
 

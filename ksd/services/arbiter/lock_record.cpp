@@ -122,7 +122,12 @@ std::string epochKey(std::string_view node, std::string_view epoch) {
 
 std::string placesKey(std::int64_t uid) { return "u." + std::to_string(uid); }
 
-ClusterBucket::Result placeIn(ClusterBucket& b, std::int64_t uid, std::size_t limit, bool& full) {
+ClusterBucket::Result placeIn(ClusterBucket& b, OwedPlaces& owed, std::int64_t uid, std::size_t limit, bool& full) {
+    full = false;
+    if (auto it = owed.byUser.find(uid); it != owed.byUser.end()) {
+        if (--it->second == 0) owed.byUser.erase(it);
+        return Result::Ok;
+    }
     const auto change = [&](const std::optional<std::string>& value, std::uint64_t) -> std::optional<std::string> {
         const std::int64_t n = value ? toInt(*value) : 0;
         full = n >= static_cast<std::int64_t>(limit);
@@ -131,11 +136,19 @@ ClusterBucket::Result placeIn(ClusterBucket& b, std::int64_t uid, std::size_t li
     return rewriteKey(b, placesKey(uid), "0", change).result;
 }
 
-void unplaceIn(ClusterBucket& b, std::int64_t uid) {
-    rewriteKey(b, placesKey(uid), "0", [](const std::optional<std::string>& value, std::uint64_t) {
-        const std::int64_t n = value ? toInt(*value) : 0;
-        return n > 0 ? std::optional<std::string>(std::to_string(n - 1)) : std::nullopt;
-    });
+void giveBackIn(ClusterBucket& b, OwedPlaces& owed) {
+    for (auto it = owed.byUser.begin(); it != owed.byUser.end();) {
+        const std::int64_t back = it->second;
+        const auto change = [back](const std::optional<std::string>& value, std::uint64_t) {
+            const std::int64_t n = value ? toInt(*value) : 0;
+            return n > 0 ? std::optional<std::string>(std::to_string(std::max<std::int64_t>(n - back, 0)))
+                         : std::nullopt;
+        };
+        if (rewriteKey(b, placesKey(it->first), "0", change).result == Result::Ok)
+            it = owed.byUser.erase(it);
+        else
+            ++it;
+    }
 }
 
 bool holdsClaim(const LockRecord& r, const Claim& claim) {

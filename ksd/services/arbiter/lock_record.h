@@ -12,7 +12,9 @@
 // node and the node's epoch that made it; a claim of a dead epoch is skipped
 // and a holder of one is released.
 
+#include <atomic>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -67,12 +69,21 @@ inline constexpr std::string_view kLive = "live", kDead = "dead";
 // Places: "u.<uid>" counts the claims of a user other than root that the
 // records hold (held or queued) or are about to. A place is taken before a
 // claim is written and given back by whichever write takes the claim out,
-// so the count is never below the claims there (left one too high when NATS
-// goes between two writes).
+// so the count is never below the claims there (left too high when NATS
+// goes between two writes, or the node dies before it gives a place back).
 std::string placesKey(std::int64_t uid);
-// Takes a place for `uid` unless it has `limit` already (`full` then).
-ClusterBucket::Result placeIn(ClusterBucket& b, std::int64_t uid, std::size_t limit, bool& full);
-void unplaceIn(ClusterBucket& b, std::int64_t uid);
+// Places given back wait on the node's worker for its next write: a claim
+// of the same user takes one of them rather than a place of its own, which
+// saves a lock after an unlock a round trip. Worker only (but `flushAsked`).
+struct OwedPlaces {
+    std::map<std::int64_t, std::int64_t> byUser;
+    std::atomic<bool> flushAsked{false};
+};
+// Takes a place for `uid`: one owed back, else one more unless it has `limit` already (`full` then).
+ClusterBucket::Result placeIn(ClusterBucket& b, OwedPlaces& owed, std::int64_t uid, std::size_t limit, bool& full);
+inline void unplace(OwedPlaces& owed, std::int64_t uid) { ++owed.byUser[uid]; }
+// Writes the places owed back; those NATS did not take stay owed.
+void giveBackIn(ClusterBucket& b, OwedPlaces& owed);
 bool holdsClaim(const LockRecord& r, const Claim& claim);
 
 // Joins the queue, or takes the lock when it is free or its holder's epoch
