@@ -270,10 +270,13 @@ void ClusterLocks::giveBack() {
     if (owed_->flushAsked.exchange(true)) return;
     retryLater(
         [this] {
-            link_.runOnBucket(kBucket, [owed = owed_](ClusterBucket& b) {
+            link_.runOnBucket(kBucket, [this, owed = owed_, alive = std::weak_ptr<char>(alive_)](ClusterBucket& b) {
                 owed->flushAsked = false;
                 locks::giveBackIn(b, *owed);
-                return std::function<void()>();
+                // Those NATS did not take are written again later, writes or not.
+                return std::function<void()>([this, alive, left = !owed->byUser.empty()] {
+                    if (left && !alive.expired()) retryLater([this] { giveBack(); });
+                });
             });
         },
         kGiveBackAfter);
