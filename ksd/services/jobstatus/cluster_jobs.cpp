@@ -300,8 +300,32 @@ Outcome changeIn(ClusterBucket& b, Ledger& ledger, std::int64_t id, uid_t caller
 
 }  // namespace
 
-ClusterJobs::ClusterJobs(ClusterLink& link, JobLimits limits)
-    : link_(link), limits_(limits), ledger_(std::make_shared<Ledger>()) {}
+ClusterJobs::ClusterJobs(asio::io_context& io, ClusterLink& link, JobLimits limits)
+    : link_(link), limits_(limits), ledger_(std::make_shared<Ledger>()), openTimer_(io) {
+    open();
+}
+
+ClusterJobs::~ClusterJobs() {
+    alive_.reset();
+    openTimer_.cancel();
+}
+
+void ClusterJobs::open() {
+    // Made (or opened) as the node starts, not by the first request, which
+    // would wait most of a second for a new stream's election.
+    run(
+        [](ClusterBucket& b) {
+            std::uint64_t last = 0;
+            return b.lastRevision(last) == Result::Ok;
+        },
+        [this](bool opened) {
+            if (opened) return;
+            openTimer_.expires_after(std::chrono::milliseconds(500));
+            openTimer_.async_wait([this, alive = std::weak_ptr<char>(alive_)](const std::error_code& ec) {
+                if (!ec && !alive.expired()) open();
+            });
+        });
+}
 
 template <typename Work, typename Finish>
 void ClusterJobs::run(Work work, Finish finish) {

@@ -15,6 +15,8 @@
 
 #include <sys/types.h>
 
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -33,9 +35,9 @@ class ClusterJobs {
 public:
     using Done = std::function<void(Outcome)>;
 
-    ClusterJobs(ClusterLink& link, JobLimits limits);
+    ClusterJobs(asio::io_context& io, ClusterLink& link, JobLimits limits);
     // Completions still on their way are dropped.
-    ~ClusterJobs() { alive_.reset(); }
+    ~ClusterJobs();
 
     void create(std::string description, std::string name, uid_t owner, Done done);
     void lookup(std::string name, Done done);
@@ -51,10 +53,13 @@ public:
 private:
     template <typename Work, typename Finish>
     void run(Work work, Finish finish);
+    // Opens the bucket, again every half second until it is.
+    void open();
 
     ClusterLink& link_;
     JobLimits limits_;
     std::shared_ptr<Ledger> ledger_;
+    asio::steady_timer openTimer_;
     std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
 

@@ -35,7 +35,8 @@ FieldPlan mapJobPlan(std::int64_t maxAppIds) {
 
 JobStatusService::JobStatusService(asio::io_context& io, EventPublisher& events, const std::filesystem::path& stateDir,
                                    jobs::JobLimits limits)
-    : events_(events),
+    : io_(io),
+      events_(events),
       db_(store::openStateDatabase(stateDir)),
       store_(std::make_unique<jobs::JobStore>(*db_, stateDir / kProgressLogName)),
       book_(std::make_unique<jobs::JobBook>(*store_, limits)),
@@ -152,7 +153,7 @@ jobs::ClusterJobs::Done JobStatusService::answerLaterTo(const Request& request) 
 }
 
 void JobStatusService::useCluster(ClusterLink& link) {
-    cluster_ = std::make_unique<jobs::ClusterJobs>(link, book_->limits());
+    cluster_ = std::make_unique<jobs::ClusterJobs>(io_, link, book_->limits());
 }
 
 void JobStatusService::publish(const Outcome& outcome) {

@@ -55,6 +55,7 @@ private:
     void applySoon();
     void applyLogged() const;
 
+    asio::io_context& io_;
     EventPublisher& events_;
     std::shared_ptr<store::Database> db_;
     std::unique_ptr<jobs::JobStore> store_;
