@@ -150,10 +150,12 @@ std::int64_t firstLock(kstest::WireClient& c, const std::string& name) {
     return h;
 }
 
-// Uncontended lock + unlock on `node`, one after the other, for `seconds`;
-// then `rounds` hand-overs: a holder on `node` unlocks while a waiter on
-// `other` is queued, timed from the unlock sent to the waiter's grant read.
-void lockRow(const char* label, const std::string& node, const std::string& other, int seconds, int rounds) {
+// Uncontended lock + unlock on `node`, one after the other (or `pause`
+// apart), for `seconds`; then `rounds` hand-overs: a holder on `node` unlocks
+// while a waiter on `other` is queued, timed from the unlock sent to the
+// waiter's grant read.
+void lockRow(const char* label, const std::string& node, const std::string& other, int seconds, int rounds,
+             std::chrono::milliseconds pause = {}) {
     kstest::WireClient holder, waiter;
     if (!holder.connect(node) || !waiter.connect(other)) return (void)std::printf("%s: cannot connect\n", label);
     const std::string name = "bench.lock." + std::to_string(nowNs());
@@ -166,6 +168,7 @@ void lockRow(const char* label, const std::string& node, const std::string& othe
             std::fprintf(stderr, "%s: %s failed (%lld, %lld)\n", label, step, (long long)a, (long long)b);
     };
     for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) {
+        std::this_thread::sleep_for(pause);
         const long t0 = nowNs();
         const std::int64_t h = lockWire(holder, name, 5000);
         const long granted = nowNs();
@@ -258,6 +261,9 @@ int main(int argc, char** argv) {
         if (const pid_t child = ::fork(); child == 0) {
             if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
             lockRow("cluster, as uid 65534", nodes[0].connType(), nodes[1].connType(), seconds, 200);
+            // A place given back stays a second for its user's next lock: past that, a lock writes its place too.
+            lockRow("  the same, locks 1.1 s apart", nodes[0].connType(), nodes[1].connType(), 12, 0,
+                    std::chrono::milliseconds(1100));
             std::fflush(stdout);
             ::_exit(0);
         } else if (child > 0) {

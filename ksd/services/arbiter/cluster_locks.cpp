@@ -25,8 +25,9 @@ constexpr std::int64_t kTimedOut = -ETIMEDOUT;  // -110
 // How long a question waits for the watch to catch up: one just made (a node
 // just started, a server just lost) can take seconds to replay the keys.
 constexpr std::chrono::milliseconds kCatchUp{10000};
-// How long places given back wait for a lock of their user on this node.
-constexpr std::chrono::milliseconds kGiveBackAfter{10};
+// How long a place given back stays this node's, for its user's next lock
+// here: the locks a script takes one after another then cost what root's do.
+constexpr std::chrono::milliseconds kGiveBackAfter{1000};
 
 std::string newEpoch() {
     std::random_device rd;
@@ -266,7 +267,7 @@ void ClusterLocks::write(Op op, Then then, bool placesFirst) {
 }
 
 void ClusterLocks::giveBack() {
-    // A moment later, behind the writes asked for meanwhile: a lock just after an unlock takes the place first.
+    // Later, behind the writes asked for meanwhile: a lock of the same user takes the place first.
     if (owed_->flushAsked.exchange(true)) return;
     retryLater(
         [this] {
@@ -312,13 +313,10 @@ void ClusterLocks::sendLock(std::uint64_t id) {
     write(
         [key, claim = claimOf(id, waiter.peer), tryOnly = waiter.tryOnly, dead = dead_, place, limit = maxPerUser_,
          owed = owed_](ClusterBucket& b) {
-            Written w;
-            if (place && (w.result = locks::placeIn(b, *owed, claim.uid, limit, w.full)) != Result::Ok) return w;
-            if (w.full) return w;
-            w = locks::lockIn(b, key, claim, tryOnly, dead);
-            w.placed = place;
+            Written w = place ? locks::placeAndLockIn(b, *owed, key, claim, tryOnly, dead, limit)
+                              : locks::lockIn(b, key, claim, tryOnly, dead);
             // A claim that did not go in gives its place back at once.
-            if (place && w.result == Result::Ok && !locks::holdsClaim(w.record, claim)) {
+            if (w.placed && !w.full && w.result == Result::Ok && !locks::holdsClaim(w.record, claim)) {
                 locks::unplace(*owed, claim.uid);
                 w.placed = false;
             }

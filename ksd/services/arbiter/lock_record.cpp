@@ -49,6 +49,15 @@ void handOn(LockRecord& r, std::int32_t code, const DeadEpochs& dead, std::uint6
     r.queue.erase(r.queue.begin());
 }
 
+// The claims `before` held that `after` does not.
+std::vector<Claim> removedBetween(LockRecord before, const LockRecord& after) {
+    std::vector<Claim> removed;
+    if (before.holder) before.queue.push_back(*before.holder);
+    for (const Claim& c : before.queue)
+        if (!holdsClaim(after, c)) removed.push_back(c);
+    return removed;
+}
+
 // Reads the record, lets `change(record, revision)` edit it (false: leave
 // it) and writes it over that revision, again and again while others' writes
 // to the record come first. An absent record is an empty one.
@@ -59,13 +68,10 @@ Written rewrite(ClusterBucket& b, const std::string& key, Change change) {
         rewriteKey(b, key, encodeRecord(LockRecord{}),
                    [&](const std::optional<std::string>& value, std::uint64_t revision) -> std::optional<std::string> {
                        if (!value || !decodeRecord(*value, w.record)) w.record = LockRecord{};
-                       LockRecord before = w.record;
+                       const LockRecord before = w.record;
                        if (!change(w.record, revision)) return std::nullopt;
                        ++w.record.version;
-                       w.removed.clear();
-                       if (before.holder) before.queue.push_back(*before.holder);
-                       for (const Claim& c : before.queue)
-                           if (!holdsClaim(w.record, c)) w.removed.push_back(c);
+                       w.removed = removedBetween(before, w.record);
                        return encodeRecord(w.record);
                    });
     w.result = k.result;
@@ -124,8 +130,8 @@ std::string placesKey(std::int64_t uid) { return "u." + std::to_string(uid); }
 
 ClusterBucket::Result placeIn(ClusterBucket& b, OwedPlaces& owed, std::int64_t uid, std::size_t limit, bool& full) {
     full = false;
-    if (auto it = owed.byUser.find(uid); it != owed.byUser.end()) {
-        if (--it->second == 0) owed.byUser.erase(it);
+    if (auto it = owed.byUser.find(uid); it != owed.byUser.end() && it->second > 0) {
+        owe(owed, uid, -1);
         return Result::Ok;
     }
     const auto change = [&](const std::optional<std::string>& value, std::uint64_t) -> std::optional<std::string> {
@@ -140,9 +146,8 @@ void giveBackIn(ClusterBucket& b, OwedPlaces& owed) {
     for (auto it = owed.byUser.begin(); it != owed.byUser.end();) {
         const std::int64_t back = it->second;
         const auto change = [back](const std::optional<std::string>& value, std::uint64_t) {
-            const std::int64_t n = value ? toInt(*value) : 0;
-            return n > 0 ? std::optional<std::string>(std::to_string(std::max<std::int64_t>(n - back, 0)))
-                         : std::nullopt;
+            const std::int64_t n = value ? toInt(*value) : 0, next = std::max<std::int64_t>(n - back, 0);
+            return next != n ? std::optional<std::string>(std::to_string(next)) : std::nullopt;
         };
         if (rewriteKey(b, placesKey(it->first), "0", change).result == Result::Ok)
             it = owed.byUser.erase(it);
@@ -156,26 +161,90 @@ bool holdsClaim(const LockRecord& r, const Claim& claim) {
            std::any_of(r.queue.begin(), r.queue.end(), [&](const Claim& c) { return c.same(claim); });
 }
 
-Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead) {
-    return rewrite(b, key, [&](LockRecord& r, std::uint64_t base) {
-        if (holdsClaim(r, claim)) return false;
-        bool changed = false;
-        if (r.holder && isDead(*r.holder, dead)) {
-            handOn(r, -1, dead, base);
-            changed = true;
-        } else if (!r.holder && !r.queue.empty()) {
-            handOn(r, r.lastCode, dead, base);  // (a queue behind a free lock is one whose hand-over was cut short)
-            changed = true;
-        }
-        if (!r.holder) {
-            r.holder = claim;
-            r.handle = base;
-            return true;
-        }
-        if (tryOnly) return changed;
-        r.queue.push_back(claim);
+namespace {
+
+// What a lock request does to the record at revision `base`; false: nothing.
+bool lockChange(LockRecord& r, std::uint64_t base, const Claim& claim, bool tryOnly, const DeadEpochs& dead) {
+    if (holdsClaim(r, claim)) return false;
+    bool changed = false;
+    if (r.holder && isDead(*r.holder, dead)) {
+        handOn(r, -1, dead, base);
+        changed = true;
+    } else if (!r.holder && !r.queue.empty()) {
+        handOn(r, r.lastCode, dead, base);  // (a queue behind a free lock is one whose hand-over was cut short)
+        changed = true;
+    }
+    if (!r.holder) {
+        r.holder = claim;
+        r.handle = base;
         return true;
-    });
+    }
+    if (tryOnly) return changed;
+    r.queue.push_back(claim);
+    return true;
+}
+
+// Adds one to the user's places whatever the limit (a claim already in has its place): false when NATS did not say.
+bool forcePlaceIn(ClusterBucket& b, std::int64_t uid) {
+    return rewriteKey(b, placesKey(uid), "0", [](const std::optional<std::string>& value, std::uint64_t) {
+               return std::optional<std::string>(std::to_string((value ? toInt(*value) : 0) + 1));
+           }).result == Result::Ok;
+}
+
+}  // namespace
+
+Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead) {
+    return rewrite(b, key,
+                   [&](LockRecord& r, std::uint64_t base) { return lockChange(r, base, claim, tryOnly, dead); });
+}
+
+Written placeAndLockIn(ClusterBucket& b, OwedPlaces& owed, const std::string& key, const Claim& claim, bool tryOnly,
+                       const DeadEpochs& dead, std::size_t limit) {
+    std::string places, value;
+    std::uint64_t placesAt = 0, recordAt = 0;
+    LockRecord before;
+    bool batched = owed.byUser.count(claim.uid) == 0 && b.known(placesKey(claim.uid), places, placesAt) &&
+                   toInt(places) < static_cast<std::int64_t>(limit) && b.known(key, value, recordAt) &&
+                   decodeRecord(value, before);
+    LockRecord after = before;
+    batched = batched && lockChange(after, recordAt, claim, tryOnly, dead);
+    Written w;
+    if (!batched) {
+        if ((w.result = placeIn(b, owed, claim.uid, limit, w.full)) != Result::Ok || w.full) return w;
+        w = lockIn(b, key, claim, tryOnly, dead);
+        w.placed = true;
+        return w;
+    }
+    // Both writes over the keys as this node last had them, in one round trip.
+    ++after.version;
+    std::vector<ClusterBucket::Write> writes{{placesKey(claim.uid), std::to_string(toInt(places) + 1), placesAt},
+                                             {key, encodeRecord(after), recordAt}};
+    b.write(writes);
+    const bool placed = writes[0].result == Result::Ok, claimed = writes[1].result == Result::Ok;
+    if (!claimed) {
+        // The record moved on (or NATS did not say): the claim as usual, with its place.
+        if (!placed && ((w.result = placeIn(b, owed, claim.uid, limit, w.full)) != Result::Ok || w.full)) return w;
+        w = lockIn(b, key, claim, tryOnly, dead);
+        w.placed = true;
+        return w;
+    }
+    w.result = Result::Ok;
+    w.wrote = true;
+    w.record = std::move(after);
+    w.removed = removedBetween(std::move(before), w.record);
+    w.placed = true;
+    if (placed) return w;
+    // The claim is in but the count moved on: its place is taken now (owed
+    // to the count while NATS does not say), and when that would go past the
+    // limit, taken all the same and the claim taken out again.
+    bool full = false;
+    const Result r = placeIn(b, owed, claim.uid, limit, full);
+    if (r == Result::Ok && !full) return w;
+    if (r != Result::Ok || !forcePlaceIn(b, claim.uid)) owe(owed, claim.uid, -1);
+    if (r != Result::Ok) return w;
+    Written out = leaveIn(b, key, claim, dead);
+    out.full = true;
+    return out;
 }
 
 Written releaseIn(ClusterBucket& b, const std::string& key, std::uint64_t handle, std::int32_t code,

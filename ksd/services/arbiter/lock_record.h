@@ -74,21 +74,31 @@ inline constexpr std::string_view kLive = "live", kDead = "dead";
 std::string placesKey(std::int64_t uid);
 // Places given back wait on the node's worker for its next write: a claim
 // of the same user takes one of them rather than a place of its own, which
-// saves a lock after an unlock a round trip. Worker only (but `flushAsked`).
+// saves a lock after an unlock a round trip. (Negative: places a claim in the
+// record took while NATS could not say.) Worker only (but `flushAsked`).
 struct OwedPlaces {
     std::map<std::int64_t, std::int64_t> byUser;
     std::atomic<bool> flushAsked{false};
 };
+inline void owe(OwedPlaces& owed, std::int64_t uid, std::int64_t places) {
+    if ((owed.byUser[uid] += places) == 0) owed.byUser.erase(uid);
+}
 // Takes a place for `uid`: one owed back, else one more unless it has `limit` already (`full` then).
 ClusterBucket::Result placeIn(ClusterBucket& b, OwedPlaces& owed, std::int64_t uid, std::size_t limit, bool& full);
-inline void unplace(OwedPlaces& owed, std::int64_t uid) { ++owed.byUser[uid]; }
-// Writes the places owed back; those NATS did not take stay owed.
+inline void unplace(OwedPlaces& owed, std::int64_t uid) { owe(owed, uid, 1); }
+// Writes the places owed; those NATS did not take stay owed.
 void giveBackIn(ClusterBucket& b, OwedPlaces& owed);
 bool holdsClaim(const LockRecord& r, const Claim& claim);
 
 // Joins the queue, or takes the lock when it is free or its holder's epoch
 // is dead. `tryOnly`: never queues. Asking twice with one claim changes nothing.
 Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead);
+// As lockIn, with a place for the claim's user (placeIn first, `full` when
+// refused). When this node knows both keys, the place and the claim are
+// written in one round trip; a claim that went in while the count moved on
+// takes its place after, and goes out again (`full`) if that passed `limit`.
+Written placeAndLockIn(ClusterBucket& b, OwedPlaces& owed, const std::string& key, const Claim& claim, bool tryOnly,
+                       const DeadEpochs& dead, std::size_t limit);
 // Frees the lock of `handle` (nothing when another holds it now) and hands it to
 // the first live waiter, the next holder's handle being this write's revision.
 Written releaseIn(ClusterBucket& b, const std::string& key, std::uint64_t handle, std::int32_t code,
