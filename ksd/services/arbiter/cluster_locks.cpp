@@ -313,14 +313,8 @@ void ClusterLocks::sendLock(std::uint64_t id) {
     write(
         [key, claim = claimOf(id, waiter.peer), tryOnly = waiter.tryOnly, dead = dead_, place, limit = maxPerUser_,
          owed = owed_](ClusterBucket& b) {
-            Written w = place ? locks::placeAndLockIn(b, *owed, key, claim, tryOnly, dead, limit)
-                              : locks::lockIn(b, key, claim, tryOnly, dead);
-            // A claim that did not go in gives its place back at once.
-            if (w.placed && !w.full && w.result == Result::Ok && !locks::holdsClaim(w.record, claim)) {
-                locks::unplace(*owed, claim.uid);
-                w.placed = false;
-            }
-            return w;
+            return place ? locks::placeAndLockIn(b, *owed, key, claim, tryOnly, dead, limit)
+                         : locks::lockIn(b, key, claim, tryOnly, dead);
         },
         [this, key, id](Written& w) {
             if (w.result == Result::Ok && !w.full) leaderSays(key, w.record);

@@ -142,14 +142,24 @@ ClusterBucket::Result placeIn(ClusterBucket& b, OwedPlaces& owed, std::int64_t u
     return rewriteKey(b, placesKey(uid), "0", change).result;
 }
 
+namespace {
+
+// Adds `places` (of any sign) to the user's count, whatever the limit, never below 0.
+Result shiftPlacesIn(ClusterBucket& b, std::int64_t uid, std::int64_t places) {
+    return rewriteKey(b, placesKey(uid), "0",
+                      [places](const std::optional<std::string>& value, std::uint64_t) {
+                          const std::int64_t n = value ? toInt(*value) : 0,
+                                             next = std::max<std::int64_t>(n + places, 0);
+                          return next != n ? std::optional<std::string>(std::to_string(next)) : std::nullopt;
+                      })
+        .result;
+}
+
+}  // namespace
+
 void giveBackIn(ClusterBucket& b, OwedPlaces& owed) {
     for (auto it = owed.byUser.begin(); it != owed.byUser.end();) {
-        const std::int64_t back = it->second;
-        const auto change = [back](const std::optional<std::string>& value, std::uint64_t) {
-            const std::int64_t n = value ? toInt(*value) : 0, next = std::max<std::int64_t>(n - back, 0);
-            return next != n ? std::optional<std::string>(std::to_string(next)) : std::nullopt;
-        };
-        if (rewriteKey(b, placesKey(it->first), "0", change).result == Result::Ok)
+        if (shiftPlacesIn(b, it->first, -it->second) == Result::Ok)
             it = owed.byUser.erase(it);
         else
             ++it;
@@ -184,13 +194,6 @@ bool lockChange(LockRecord& r, std::uint64_t base, const Claim& claim, bool tryO
     return true;
 }
 
-// Adds one to the user's places whatever the limit (a claim already in has its place): false when NATS did not say.
-bool forcePlaceIn(ClusterBucket& b, std::int64_t uid) {
-    return rewriteKey(b, placesKey(uid), "0", [](const std::optional<std::string>& value, std::uint64_t) {
-               return std::optional<std::string>(std::to_string((value ? toInt(*value) : 0) + 1));
-           }).result == Result::Ok;
-}
-
 }  // namespace
 
 Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead) {
@@ -198,8 +201,11 @@ Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, boo
                    [&](LockRecord& r, std::uint64_t base) { return lockChange(r, base, claim, tryOnly, dead); });
 }
 
-Written placeAndLockIn(ClusterBucket& b, OwedPlaces& owed, const std::string& key, const Claim& claim, bool tryOnly,
-                       const DeadEpochs& dead, std::size_t limit) {
+namespace {
+
+// placeAndLockIn, but a claim that did not go in keeps its place.
+Written placeThenLockIn(ClusterBucket& b, OwedPlaces& owed, const std::string& key, const Claim& claim, bool tryOnly,
+                        const DeadEpochs& dead, std::size_t limit) {
     std::string places, value;
     std::uint64_t placesAt = 0, recordAt = 0;
     LockRecord before;
@@ -208,43 +214,54 @@ Written placeAndLockIn(ClusterBucket& b, OwedPlaces& owed, const std::string& ke
                    decodeRecord(value, before);
     LockRecord after = before;
     batched = batched && lockChange(after, recordAt, claim, tryOnly, dead);
+    bool placed = false;
+    if (batched) {
+        // Both writes over the keys as this node last had them, in one round trip.
+        ++after.version;
+        std::vector<ClusterBucket::Write> writes{{placesKey(claim.uid), std::to_string(toInt(places) + 1), placesAt},
+                                                 {key, encodeRecord(after), recordAt}};
+        b.write(writes);
+        placed = writes[0].result == Result::Ok;
+        if (writes[1].result == Result::Ok) {
+            Written w;
+            w.result = Result::Ok;
+            w.wrote = true;
+            w.record = std::move(after);
+            w.removed = removedBetween(std::move(before), w.record);
+            w.placed = true;
+            if (placed) return w;
+            // The claim is in but the count moved on: its place is taken now (owed
+            // to the count while NATS does not say), and when that would go past the
+            // limit, taken all the same and the claim taken out again.
+            bool full = false;
+            const Result r = placeIn(b, owed, claim.uid, limit, full);
+            if (r == Result::Ok && !full) return w;
+            if (r != Result::Ok || shiftPlacesIn(b, claim.uid, 1) != Result::Ok) owe(owed, claim.uid, -1);
+            if (r != Result::Ok) return w;
+            Written out = leaveIn(b, key, claim, dead);
+            out.full = true;
+            return out;
+        }
+        // The record moved on (or NATS did not say): the claim as usual, with the place if it was taken.
+    }
     Written w;
-    if (!batched) {
-        if ((w.result = placeIn(b, owed, claim.uid, limit, w.full)) != Result::Ok || w.full) return w;
-        w = lockIn(b, key, claim, tryOnly, dead);
-        w.placed = true;
-        return w;
-    }
-    // Both writes over the keys as this node last had them, in one round trip.
-    ++after.version;
-    std::vector<ClusterBucket::Write> writes{{placesKey(claim.uid), std::to_string(toInt(places) + 1), placesAt},
-                                             {key, encodeRecord(after), recordAt}};
-    b.write(writes);
-    const bool placed = writes[0].result == Result::Ok, claimed = writes[1].result == Result::Ok;
-    if (!claimed) {
-        // The record moved on (or NATS did not say): the claim as usual, with its place.
-        if (!placed && ((w.result = placeIn(b, owed, claim.uid, limit, w.full)) != Result::Ok || w.full)) return w;
-        w = lockIn(b, key, claim, tryOnly, dead);
-        w.placed = true;
-        return w;
-    }
-    w.result = Result::Ok;
-    w.wrote = true;
-    w.record = std::move(after);
-    w.removed = removedBetween(std::move(before), w.record);
+    if (!placed && ((w.result = placeIn(b, owed, claim.uid, limit, w.full)) != Result::Ok || w.full)) return w;
+    w = lockIn(b, key, claim, tryOnly, dead);
     w.placed = true;
-    if (placed) return w;
-    // The claim is in but the count moved on: its place is taken now (owed
-    // to the count while NATS does not say), and when that would go past the
-    // limit, taken all the same and the claim taken out again.
-    bool full = false;
-    const Result r = placeIn(b, owed, claim.uid, limit, full);
-    if (r == Result::Ok && !full) return w;
-    if (r != Result::Ok || !forcePlaceIn(b, claim.uid)) owe(owed, claim.uid, -1);
-    if (r != Result::Ok) return w;
-    Written out = leaveIn(b, key, claim, dead);
-    out.full = true;
-    return out;
+    return w;
+}
+
+}  // namespace
+
+Written placeAndLockIn(ClusterBucket& b, OwedPlaces& owed, const std::string& key, const Claim& claim, bool tryOnly,
+                       const DeadEpochs& dead, std::size_t limit) {
+    Written w = placeThenLockIn(b, owed, key, claim, tryOnly, dead, limit);
+    // A claim that did not go in gives its place back at once.
+    if (w.placed && !w.full && w.result == Result::Ok && !holdsClaim(w.record, claim)) {
+        unplace(owed, claim.uid);
+        w.placed = false;
+    }
+    return w;
 }
 
 Written releaseIn(ClusterBucket& b, const std::string& key, std::uint64_t handle, std::int32_t code,

@@ -94,9 +94,10 @@ bool holdsClaim(const LockRecord& r, const Claim& claim);
 // is dead. `tryOnly`: never queues. Asking twice with one claim changes nothing.
 Written lockIn(ClusterBucket& b, const std::string& key, const Claim& claim, bool tryOnly, const DeadEpochs& dead);
 // As lockIn, with a place for the claim's user (placeIn first, `full` when
-// refused). When this node knows both keys, the place and the claim are
-// written in one round trip; a claim that went in while the count moved on
-// takes its place after, and goes out again (`full`) if that passed `limit`.
+// refused; given back when the claim did not go in). When this node knows
+// both keys, the place and the claim are written in one round trip; a claim
+// that went in while the count moved on takes its place after, and goes out
+// again (`full`) if that passed `limit`.
 Written placeAndLockIn(ClusterBucket& b, OwedPlaces& owed, const std::string& key, const Claim& claim, bool tryOnly,
                        const DeadEpochs& dead, std::size_t limit);
 // Frees the lock of `handle` (nothing when another holds it now) and hands it to
